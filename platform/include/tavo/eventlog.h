@@ -1,0 +1,40 @@
+// The event log: an SQLite database at ROOT/var/lib/tavo/events.db.
+//
+// Each entry records the time, the event identifier, its category and level,
+// up to four text arguments, the account that made the request (see
+// account.h) and the message made from the event's catalogue entry.
+//
+// Thread-safety: may be called from any thread and from several processes.
+#ifndef TAVO_EVENTLOG_H_
+#define TAVO_EVENTLOG_H_
+
+#include <json/value.h>
+
+#include <string>
+
+extern "C" {
+
+// Writes one entry. Null arguments are stored as "". Returns 0, or -1 with
+// TAVO_ERR_DB when the database cannot be written.
+int TAVOLogSet1(int category, int level, unsigned int event, const char* a1, const char* a2,
+                const char* a3, const char* a4);
+
+}  // extern "C"
+
+namespace tavo {
+
+// The catalogue message for an event with its arguments filled in, e.g.
+// "Group 'staff' was created." An unknown event gives a generic text.
+std::string EventLogMessage(unsigned int event, const std::string& a1, const std::string& a2,
+                            const std::string& a3, const std::string& a4);
+
+// Reads entries newest first into `out` as {"total": N, "entries": [{"id",
+// "time" (ISO 8601 UTC), "event" (e.g. "0x11800601"), "category", "level",
+// "account", "args": [..], "message"}]}. `limit` -1 means all. Returns false
+// with the error state set when the database cannot be read; a missing
+// database is an empty log.
+bool EventLogList(int offset, int limit, Json::Value* out);
+
+}  // namespace tavo
+
+#endif  // TAVO_EVENTLOG_H_

@@ -1,0 +1,28 @@
+// Small platform utilities: Unicode case handling, pid and marker files.
+//
+// Thread-safety: every function may be called from any thread.
+#ifndef TAVO_UTIL_H_
+#define TAVO_UTIL_H_
+
+extern "C" {
+
+// Compares two UTF-8 strings ignoring case (Unicode simple case mapping, so
+// "ärzte" equals "ÄRZTE"). <0, 0 or >0 like strcmp. Invalid UTF-8 bytes compare
+// as themselves. A null string sorts before any other.
+int TLIBCUnicodeUTF8StrCaseCmp(const char* a, const char* b);
+// Writes the upper-case form of `in` into `out` (NUL-terminated, at most
+// `out_size` bytes including the NUL). Returns the length written, or -1 when
+// an argument is null (TAVO_ERR_ARGUMENT), `in` is not valid UTF-8
+// (TAVO_ERR_BAD_VALUE) or the result does not fit (TAVO_ERR_LIMIT).
+int TLIBCUnicodeUTF8StrUpper(const char* in, char* out, int out_size);
+
+// Reads a process id from the first line of the pid file at an absolute
+// platform path. Returns it when the file can be read and holds a positive
+// number; -1 otherwise (error state set). The process need not be alive.
+int TLIBCReadPidFile(const char* path);
+// 1 when the absolute platform path exists, 0 when not (or path is null).
+int TLIBCFileExist(const char* path);
+
+}  // extern "C"
+
+#endif  // TAVO_UTIL_H_

@@ -1,0 +1,32 @@
+#!/usr/bin/env bash
+# Installs what is missing, builds, and runs every test:
+#   1. unit and integration tests (GoogleTest under CTest) in build/
+#   2. the same unit tests built with ASan and UBSan in build-asan/
+#   3. the HTTP end-to-end tests (node's test runner) against build/bin/tavo
+#   4. the browser tests (playwright-core driving Debian's chromium)
+# Set TAVO_SKIP_BROWSER=1 to skip step 4, TAVO_SKIP_ASAN=1 to skip step 2.
+set -euo pipefail
+top=$(cd "$(dirname "$0")/.." && pwd)
+cd "$top"
+
+"$top/tools/install-deps.sh" --browser
+
+echo "== build"
+"$top/tools/build.sh" build
+echo "== unit and integration tests"
+ctest --test-dir build --output-on-failure -j 2
+
+if [ "${TAVO_SKIP_ASAN:-0}" != 1 ]; then
+  echo "== unit tests under ASan and UBSan"
+  "$top/tools/build.sh" build-asan -DTAVO_SANITIZE=ON -DTAVO_BUILD_BENCH=OFF
+  ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 \
+    ctest --test-dir build-asan --output-on-failure -j 2
+fi
+
+echo "== end-to-end tests over HTTP"
+TAVO_BIN="$top/build/bin/tavo" node --test "$top"/tests/e2e/*.test.mjs
+
+if [ "${TAVO_SKIP_BROWSER:-0}" != 1 ]; then
+  echo "== browser tests"
+  TAVO_BIN="$top/build/bin/tavo" node --test "$top"/tests/browser/*.test.mjs
+fi
