@@ -1,0 +1,160 @@
+// GroupHandler core: construction, answer, error translation, locks and the
+// group lookups that several operations share.
+#include "Group.h"
+
+#include <syslog.h>
+
+#include <cstdlib>
+#include <cstring>
+
+#include "JsonRead.h"
+#include "tavo/error.h"
+#include "tavo/user.h"
+#include "tavo/util.h"
+
+namespace group_module {
+
+GroupHandler::GroupHandler(TAVO::APIRequest* request, TAVO::APIResponse* response)
+    : ServerFormHandler("/tmp/grouplock"),
+      request_(request),
+      response_(response),
+      code_(kApiUnknown),
+      result_(Json::objectValue) {}
+
+GroupHandler::~GroupHandler() = default;
+
+int GroupHandler::HandleLoadAction() { return 0; }
+
+int GroupHandler::HandleApplyAction() { return 0; }
+
+bool GroupHandler::ExLock() {
+  if (ServerFormHandler::ExLock()) return true;
+  syslog(LOG_ERR, "%s:%d ExLock failed [0x%04X %s:%d]", "src/Group.cpp", 67, TLIBCErrGet(),
+         TLIBCErrorGetFile(), TLIBCErrorGetLine());
+  code_ = kApiLockFailed;
+  return false;
+}
+
+bool GroupHandler::ShLock() {
+  if (ServerFormHandler::ShLock()) return true;
+  syslog(LOG_ERR, "%s:%d ShLock failed [0x%04X %s:%d]", "src/Group.cpp", 77, TLIBCErrGet(),
+         TLIBCErrorGetFile(), TLIBCErrorGetLine());
+  code_ = kApiLockFailed;
+  return false;
+}
+
+bool GroupHandler::LockFile(const char* path, bool flag, int* fd) {
+  if (fd == nullptr || path == nullptr) {
+    syslog(LOG_ERR, "%s:%d Bad parameter", "src/Group.cpp", 85);
+    return false;
+  }
+  if (ServerFormHandler::LockFile(path, flag, fd)) return true;
+  syslog(LOG_ERR, "%s:%d LockFile(%s) failed [0x%04X %s:%d]", "src/Group.cpp", 91, path,
+         TLIBCErrGet(), TLIBCErrorGetFile(), TLIBCErrorGetLine());
+  code_ = kApiLockFailed;
+  return false;
+}
+
+void GroupHandler::Exit() {
+  if (code_ == kApiSuccess) {
+    response_->SetSuccess(result_);
+  } else {
+    response_->SetError(code_, Json::Value());
+  }
+}
+
+int GroupHandler::TranslateError() const {
+  switch (TLIBCErrGet()) {
+    case 0x1700: return kApiExists;
+    case 0x0300: return kApiBadValue;
+    case 0x0400: return kApiLockFailed;
+    case 0x1600: return kApiNoGroup;
+    case 0x1800: return kApiNoUser;
+    case 0x1900: return kApiLimit;
+    case 0xB700: return kApiReserved;
+    default: return kApiUnknown;
+  }
+}
+
+bool IsDirectoryName(const std::string& name) {
+  return name.find('\\') != std::string::npos || name.find('@') != std::string::npos;
+}
+
+int GroupKindOf(const std::string& name) {
+  if (name.find('\\') != std::string::npos) return TAVO_GROUP_DOMAIN;
+  if (name.find('@') != std::string::npos) return TAVO_GROUP_LDAP;
+  return TAVO_GROUP_LOCAL;
+}
+
+bool SameNameIgnoringCase(const std::string& a, const char* b) {
+  return TLIBCUnicodeUTF8StrCaseCmp(a.c_str(), b) == 0;
+}
+
+void GetArrayParam(TAVO::APIRequest* request, const std::string& name, Json::Value& out) {
+  if (!request->HasParam(name)) return;
+  Json::Value value = request->GetParam(name, Json::Value());
+  if (value.isArray()) {
+    out = value;
+    return;
+  }
+  out = Json::Value(Json::arrayValue);
+  out.append(value);
+}
+
+bool FillGroupByGid(unsigned int gid, Json::Value& out) {
+  TAVO_GROUP* record = nullptr;
+  char* description = nullptr;
+  unsigned int size = 0;
+  if (TAVOGroupGetByGID(gid, &record) < 0) {
+    free(description);
+    TAVOGroupFree(record);
+    return false;
+  }
+  const char* name = record->name;
+  if (name != nullptr && !IsDirectoryName(name)) {
+    if (TAVOGroupDescGet(name, &description, &size) < 0) {
+      free(description);
+      TAVOGroupFree(record);
+      return false;
+    }
+  }
+  if (!out.isObject()) out = Json::Value(Json::objectValue);
+  out["name"] = name ? name : "";
+  out["gid"] = Json::Value(static_cast<Json::UInt>(record->gid));
+  out["description"] = description ? description : "";
+  free(description);
+  TAVOGroupFree(record);
+  return true;
+}
+
+void AppendUidNames(const Json::Value& uids, Json::Value& names) {
+  for (Json::ArrayIndex i = 0; i < uids.size(); ++i) {
+    SDK::User* user = SDK::User::LoadUser(static_cast<int>(JsonToUInt(uids[i])));
+    if (user == nullptr) continue;
+    names.append(Json::Value(user->GetName()));
+    SDK::User::Release(user);
+  }
+}
+
+SDK::Group* GroupHandler::FetchTargetGroup(const std::string& name_param) {
+  std::string name = JsonToString(request_->GetParam(name_param, Json::Value("")));
+  unsigned int gid = JsonToUInt(request_->GetParam("gid", Json::Value()));
+  if (name.empty()) {
+    Json::Value record(Json::objectValue);
+    if (!FillGroupByGid(gid, record)) {
+      syslog(LOG_ERR, "%s:%d Failed to fetch gid=%u [0x%04X %s:%d]", "src/Group.cpp", 158, gid,
+             TLIBCErrGet(), TLIBCErrorGetFile(), TLIBCErrorGetLine());
+      code_ = TranslateError();
+      return nullptr;
+    }
+    name = JsonToString(record["name"]);
+  }
+  SDK::Group* group = SDK::Group::LoadGroup(name);
+  if (group == nullptr) {
+    syslog(LOG_ERR, "%s:%d Failed to load '%s'", "src/Group.cpp", 165, name.c_str());
+    code_ = TranslateError();
+  }
+  return group;
+}
+
+}  // namespace group_module

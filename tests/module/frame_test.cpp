@@ -1,0 +1,155 @@
+// The module frame: exported table and symbols, parameter checking and its
+// report, and robustness against hostile parameter values.
+#include <cstdio>
+#include <set>
+
+#include "module_harness.h"
+
+namespace tavo_test {
+namespace {
+
+TEST(ModuleFrame, TableRowsInOrderWithTerminator) {
+  const char* expected[][2] = {
+      {"TAVO.Core.Group", "list"},         {"TAVO.Core.Group", "get"},
+      {"TAVO.Core.Group", "set"},          {"TAVO.Core.Group", "delete"},
+      {"TAVO.Core.Group", "create"},       {"TAVO.Core.Group", "admin_check"},
+      {"TAVO.Core.Group.Member", "list"},  {"TAVO.Core.Group.Member", "add"},
+      {"TAVO.Core.Group.Member", "remove"}, {"TAVO.Core.Group.Member", "admin_check"}};
+  ApiTableRow* table = ModuleTable();
+  ASSERT_NE(table, nullptr);
+  for (int i = 0; i < 10; ++i) {
+    ASSERT_NE(table[i].api, nullptr) << i;
+    EXPECT_STREQ(table[i].api, expected[i][0]) << i;
+    EXPECT_STREQ(table[i].method, expected[i][1]) << i;
+    EXPECT_EQ(table[i].version, 1) << i;
+    EXPECT_NE(table[i].entry, nullptr) << i;
+  }
+  EXPECT_EQ(table[10].api, nullptr);
+  EXPECT_EQ(table[10].version, 0);
+  EXPECT_EQ(table[10].method, nullptr);
+  EXPECT_EQ(table[10].entry, nullptr);
+}
+
+TEST(ModuleFrame, ExportsOnlyTheTable) {
+  std::string command = std::string("nm -D --defined-only '") + TAVO_GROUP_MODULE_PATH + "'";
+  FILE* pipe = popen(command.c_str(), "r");
+  ASSERT_NE(pipe, nullptr);
+  std::set<std::string> ours;
+  const std::set<std::string> not_ours = {"_init", "_fini", "_edata", "_end", "__bss_start"};
+  char line[1024];
+  while (fgets(line, sizeof line, pipe)) {
+    std::string text(line);
+    if (!text.empty() && text.back() == '\n') text.pop_back();
+    std::string name = text.substr(text.rfind(' ') + 1);
+    if (!not_ours.count(name)) ours.insert(name);
+  }
+  ASSERT_EQ(pclose(pipe), 0);
+  EXPECT_EQ(ours, (std::set<std::string>{"GetAPITable", "gTable"}));
+}
+
+class ParamCheckTest : public ModuleTest {
+ protected:
+  // The report of a refused request answered in debug mode.
+  Json::Value Report(const std::string& method, std::string json, bool member = false) {
+    json.insert(1, "\"enable_param_debug\": true,");
+    Answer a = Call(method, Parse(json), member);
+    EXPECT_TRUE(a.success);
+    EXPECT_EQ(a.writes, 1);
+    return a.data["wrong_param"];
+  }
+};
+
+TEST_F(ParamCheckTest, RefusalIsCodeOnlyUnlessDebugSwitchIsTrue) {
+  Answer a = CallGroup("create", "{}");
+  EXPECT_FALSE(a.success);
+  EXPECT_EQ(a.code, 3201);
+  EXPECT_TRUE(a.data.isNull());
+  for (const char* sw : {"\"yes\"", "1", "\"TRUE\""}) {
+    a = CallGroup("create", std::string("{\"enable_param_debug\": ") + sw + "}");
+    EXPECT_EQ(a.code, 3201) << sw;
+  }
+  a = CallGroup("create", "{\"enable_param_debug\": \"true\"}");
+  EXPECT_TRUE(a.success);
+  EXPECT_TRUE(JsonEq(a.data, Parse("{\"wrong_param\": [\"'name' is necessary\"]}")));
+  EXPECT_EQ(GroupLine("x"), "");  // no group created by a refused request
+}
+
+TEST_F(ParamCheckTest, ComplaintTexts) {
+  EXPECT_TRUE(JsonEq(Report("create", "{\"name\": [1]}"), Parse("[\"'name' is not String\"]")));
+  // The first failure ends checking: "description" is not examined.
+  EXPECT_TRUE(JsonEq(Report("create", "{\"description\": {}}"), Parse("[\"'name' is necessary\"]")));
+  EXPECT_TRUE(JsonEq(Report("set", "{\"name\": \"a\", \"gid\": 5}"),
+            Parse("[\"'name,gid' are conflict\"]")));
+  EXPECT_TRUE(JsonEq(Report("set", "{}"), Parse("[\"One of 'name,gid' is necessary\"]")));
+  EXPECT_TRUE(JsonEq(Report("set", "{\"gid\": -1}"),
+            Parse("[\"'gid' is not UInt\", \"One of 'name,gid' is necessary\"]")));
+  EXPECT_TRUE(JsonEq(Report("set", "{\"name\": \"a\", \"gid\": -1}"), Parse("[\"'gid' is not UInt\"]")));
+  EXPECT_TRUE(JsonEq(Report("set", "{\"name\": \"a\", \"new_name\": {}, \"description\": []}"),
+            Parse("[\"'new_name' is not String\"]")));
+  EXPECT_TRUE(JsonEq(Report("delete", "{\"name\": {}}"),
+            Parse("[\"'name' is not String\", \"'name' is not Array\"]")));
+  EXPECT_TRUE(JsonEq(Report("admin_check", "{\"uid\": \"7\"}", true),
+            Parse("[\"'uid' is not UInt\", \"'uid' is not Array\"]")));
+  EXPECT_TRUE(JsonEq(Report("list", "{\"offset\": \"5\"}"), Parse("[\"'offset' is not Int\"]")));
+  EXPECT_TRUE(JsonEq(Report("list", "{\"name_only\": \"True\"}"), Parse("[\"'name_only' is not Bool\"]")));
+  EXPECT_TRUE(JsonEq(Report("list", "{\"ingroup\": 1, \"group\": \"users\"}", true),
+            Parse("[\"'ingroup' is not Bool\"]")));
+  // An invalid debug switch is itself reported, and the answer is the error.
+  Answer a = CallGroup("create", "{\"enable_param_debug\": 1}");
+  EXPECT_EQ(a.code, 3201);
+}
+
+TEST_F(ParamCheckTest, ValidatorLogLines) {
+  Report("get", "{\"gid\": [1, -2]}");
+  EXPECT_TRUE(Logged(7, "src/ParamChecker.cpp:159 'gid' is not UInt"));
+  EXPECT_TRUE(Logged(7, "src/ParamChecker.h:108 Wrong type of 'gid[1]'"));
+  ClearLog();
+  Report("get", "{\"gid\": 1.5}");
+  EXPECT_TRUE(Logged(7, "src/ParamChecker.h:103 'gid' is not Array"));
+  // The exclusion check reads values itself: no validator line.
+  ClearLog();
+  Report("set", "{\"gid\": \"x\"}");
+  for (const LogLine& line : CapturedLog()) EXPECT_EQ(line.text.find("ParamChecker"), std::string::npos);
+}
+
+TEST_F(ParamCheckTest, AcceptedForms) {
+  // A real with an integral value counts as an integer for the JSON library;
+  // 2147483648 does not fit, so it is refused.
+  EXPECT_TRUE(CallGroup("get", "{\"gid\": 2147483647}").success);
+  EXPECT_EQ(CallGroup("get", "{\"gid\": 2147483648}").code, 3201);
+  EXPECT_TRUE(CallGroup("list", "{\"name_only\": \"false\", \"limit\": 0}").success);
+  EXPECT_TRUE(CallGroup("get", "{\"name\": [], \"gid\": []}").success);
+}
+
+// No value a client sends may make the module throw or answer twice.
+TEST_F(ParamCheckTest, HostileValuesNeverEscape) {
+  const char* values[] = {"null",  "{}", "[]", "[{}]", "[null]", "[[1]]", "1e300", "-1e300",
+                          "18446744073709551615", "-9223372036854775808", "\"\"", "\"x\"",
+                          "true", "1.5", "-1", "\"-1\"", "\"true\"", "[\"\", \"users\"]"};
+  const char* names[] = {"name", "gid", "uid", "group", "offset", "limit", "type", "user",
+                         "substr", "name_only", "new_name", "description", "ingroup",
+                         "domain_name", "enable_param_debug"};
+  for (ApiTableRow* row = ModuleTable(); row && row->api; ++row) {
+    for (const char* value : values) {
+      for (const char* name : names) {
+        Json::Value params(Json::objectValue);
+        params[name] = Parse(value);
+        if (std::string(name) != "group") params["group"] = "administrators";
+        TAVO::APIRequest request(params);
+        TAVO::APIResponse response;
+        EXPECT_NO_THROW(row->entry(&request, &response)) << row->method << " " << name << value;
+        EXPECT_EQ(response.WriteCount(), 1) << row->api << " " << row->method << " " << name;
+      }
+    }
+    // Parameters that are not an object at all.
+    for (const char* body : {"[]", "5", "\"x\"", "null"}) {
+      TAVO::APIRequest request(Parse(body));
+      TAVO::APIResponse response;
+      EXPECT_NO_THROW(row->entry(&request, &response));
+      EXPECT_EQ(response.WriteCount(), 1);
+    }
+  }
+}
+
+}  // namespace
+}  // namespace tavo_test
