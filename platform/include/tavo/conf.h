@@ -1,8 +1,10 @@
 // TavoConf: the appliance configuration, ROOT/etc/tavo/tavo.conf.
 //
 // Format: one "key = value" per line; blank lines and lines starting with "#"
-// are ignored; surrounding blanks are trimmed. Known key: "maxgroups" (the
-// upper bound on the number of local groups).
+// are ignored; surrounding blanks are trimmed. The value is everything after
+// the first "="; lines without "=" are ignored and a key given twice takes its
+// last value. Known key: "maxgroups" (the upper bound on the number of local
+// groups).
 //
 // Thread-safety: a TavoConf object is immutable after construction and may be
 // shared between threads. Errors: a missing or unreadable file is an empty

@@ -4,6 +4,11 @@
 // up to four text arguments, the account that made the request (see
 // account.h) and the message made from the event's catalogue entry.
 //
+// Table "events": id (rising with each entry), time (seconds since the epoch,
+// UTC), event, category, level, arg1..arg4, account, message. The database is
+// in WAL mode; writers wait up to 10 s for each other. The process keeps one
+// connection to the current root's database.
+//
 // Thread-safety: may be called from any thread and from several processes.
 #ifndef TAVO_EVENTLOG_H_
 #define TAVO_EVENTLOG_H_
@@ -30,9 +35,10 @@ std::string EventLogMessage(unsigned int event, const std::string& a1, const std
 
 // Reads entries newest first into `out` as {"total": N, "entries": [{"id",
 // "time" (ISO 8601 UTC), "event" (e.g. "0x11800601"), "category", "level",
-// "account", "args": [..], "message"}]}. `limit` -1 means all. Returns false
-// with the error state set when the database cannot be read; a missing
-// database is an empty log.
+// "account", "args": [four strings], "message"}]}, N counting all entries.
+// `offset` below 0 counts as 0; `limit` -1 (or any negative) means all.
+// Returns false with the error state set when the database cannot be read; a
+// missing database is an empty log.
 bool EventLogList(int offset, int limit, Json::Value* out);
 
 }  // namespace tavo

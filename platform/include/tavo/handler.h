@@ -4,14 +4,17 @@
 // The handler lock is a lock on the file given to the constructor (an absolute
 // platform path such as "/tmp/grouplock", resolved inside the root). ShLock
 // takes it shared, ExLock exclusive; calling either again converts the lock.
-// The lock is released when the handler is destroyed, at the latest.
+// A conversion is not atomic (flock drops the old lock before taking the new
+// one), and a conversion that fails leaves the handler holding no lock. The
+// lock is released when the handler is destroyed, at the latest.
 //
 // Locks are flock(2) locks on a descriptor of the handler's own, so they
 // exclude other threads of the same process as well as other processes. Each
 // wait is bounded: the lock is retried until the platform's lock timeout
 // (TAVO_LOCK_TIMEOUT_MS in the environment, default 10000 ms) runs out, then
 // refused with TAVO_ERR_LOCK. Lock files are created (mode 0600, with missing
-// parent folders) when absent and hold no data.
+// parent folders) when absent and hold no data. Lock descriptors are
+// close-on-exec, so child processes never hold a lock.
 //
 // Thread-safety: a handler object belongs to one thread. LockFile/UnlockFile
 // may be called from any thread.

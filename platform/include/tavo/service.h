@@ -3,8 +3,12 @@
 // TLIBServiceTypeReload(type) runs every executable regular file in
 // ROOT/etc/tavo/reload.d, in name order, with the service type as its only
 // argument and TAVO_ROOT set to the root. Each hook gets at most
-// TAVO_HOOK_TIMEOUT_MS (environment, default 5000 ms) and is then killed. A
-// failing or slow hook is logged to syslog and never makes the call fail.
+// TAVO_HOOK_TIMEOUT_MS (environment, default 5000 ms) and is then killed with
+// its process group (a hook runs in a process group of its own). A failing,
+// killed or slow hook is logged to syslog at LOG_WARNING and never makes the
+// call fail. Names starting with "." are skipped. A hook reads /dev/null as
+// its standard input, writes its standard output to the caller's standard
+// error, and inherits no other descriptor.
 // Service type 8 means "account data changed".
 //
 // Thread-safety: may be called from any thread; hooks of concurrent calls may
@@ -14,8 +18,9 @@
 
 extern "C" {
 
-// Returns the number of hooks that ran (0 when there are none), -1 only when
-// the hook folder exists but cannot be read.
+// Returns the number of hooks that were started, whatever their outcome (0
+// when there are none or the folder is absent), -1 (TAVO_ERR_IO) only when the
+// hook folder exists but cannot be read.
 int TLIBServiceTypeReload(int type);
 
 }  // extern "C"

@@ -7,18 +7,24 @@
 extern "C" {
 
 // Compares two UTF-8 strings ignoring case (Unicode simple case mapping, so
-// "ärzte" equals "ÄRZTE"). <0, 0 or >0 like strcmp. Invalid UTF-8 bytes compare
-// as themselves. A null string sorts before any other.
+// "ärzte" equals "ÄRZTE"). <0, 0 or >0 like strcmp of the case-folded strings
+// (each character folded to lower(upper(c)), so the order of letters is that
+// of their lower-case code points). Invalid UTF-8 bytes compare as themselves
+// (a stray byte never equals a character). A null string sorts before any other.
 int TLIBCUnicodeUTF8StrCaseCmp(const char* a, const char* b);
 // Writes the upper-case form of `in` into `out` (NUL-terminated, at most
-// `out_size` bytes including the NUL). Returns the length written, or -1 when
+// `out_size` bytes including the NUL). The simple mapping changes one
+// character into one character, but its UTF-8 length may change. On failure
+// `out` holds "" when out_size > 0. Returns the length written, or -1 when
 // an argument is null (TAVO_ERR_ARGUMENT), `in` is not valid UTF-8
 // (TAVO_ERR_BAD_VALUE) or the result does not fit (TAVO_ERR_LIMIT).
 int TLIBCUnicodeUTF8StrUpper(const char* in, char* out, int out_size);
 
 // Reads a process id from the first line of the pid file at an absolute
-// platform path. Returns it when the file can be read and holds a positive
-// number; -1 otherwise (error state set). The process need not be alive.
+// platform path (blanks around the number are allowed). Returns it when the
+// file can be read and holds a positive number; -1 otherwise, with the error
+// state TAVO_ERR_NOT_FOUND (no file), TAVO_ERR_IO or TAVO_ERR_FORMAT. The
+// process need not be alive.
 int TLIBCReadPidFile(const char* path);
 // 1 when the absolute platform path exists, 0 when not (or path is null).
 int TLIBCFileExist(const char* path);

@@ -1,0 +1,260 @@
+// The event log in SQLite: writing entries and listing them newest first.
+//
+// The process keeps one connection, guarded by a mutex, to the database of
+// the current root; it is reopened when the root changes, when the database
+// file was replaced, and in a child after fork (a connection never crosses a
+// fork). WAL mode and a busy timeout let several processes write together.
+#include "tavo/eventlog.h"
+
+#include <errno.h>
+#include <sqlite3.h>
+#include <sys/stat.h>
+#include <syslog.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <mutex>
+
+#include "os_util.h"
+#include "tavo/account.h"
+#include "tavo/error.h"
+#include "tavo/root.h"
+
+namespace {
+
+constexpr int kBusyTimeoutMs = 10000;
+constexpr const char* kDbPath = "/var/lib/tavo/events.db";
+
+constexpr const char* kSchema =
+    "CREATE TABLE IF NOT EXISTS events ("
+    " id INTEGER PRIMARY KEY AUTOINCREMENT,"
+    " time INTEGER NOT NULL,"  // seconds since the epoch, UTC
+    " event INTEGER NOT NULL,"
+    " category INTEGER NOT NULL,"
+    " level INTEGER NOT NULL,"
+    " arg1 TEXT NOT NULL, arg2 TEXT NOT NULL, arg3 TEXT NOT NULL, arg4 TEXT NOT NULL,"
+    " account TEXT NOT NULL,"
+    " message TEXT NOT NULL)";
+
+class Stmt {
+ public:
+  Stmt() = default;
+  ~Stmt() { sqlite3_finalize(st_); }
+  Stmt(const Stmt&) = delete;
+  Stmt& operator=(const Stmt&) = delete;
+  sqlite3_stmt* get() const { return st_; }
+  sqlite3_stmt** out() { return &st_; }
+
+ private:
+  sqlite3_stmt* st_ = nullptr;
+};
+
+bool Fail(sqlite3* db, const char* what) {
+  syslog(LOG_ERR, "event log: %s failed: %s", what, db ? sqlite3_errmsg(db) : "no database");
+  TAVO_ERR_SET(TAVO_ERR_DB);
+  return false;
+}
+
+// Runs SQL without results, retrying while another connection holds a lock
+// that the busy handler does not wait for (such as a journal mode change).
+bool Exec(sqlite3* db, const char* sql) {
+  const long long deadline = tavo::internal::NowMillis() + kBusyTimeoutMs;
+  for (;;) {
+    int rc = sqlite3_exec(db, sql, nullptr, nullptr, nullptr);
+    if (rc == SQLITE_OK) return true;
+    if ((rc & 0xFF) != SQLITE_BUSY && (rc & 0xFF) != SQLITE_LOCKED) return false;
+    if (tavo::internal::NowMillis() >= deadline) return false;
+    tavo::internal::SleepMillis(5);
+  }
+}
+
+// The shared connection. Guarded by g_mu.
+struct Connection {
+  sqlite3* db = nullptr;
+  std::string path;
+  dev_t dev = 0;
+  ino_t ino = 0;
+  pid_t pid = 0;
+};
+std::mutex g_mu;
+Connection g_conn;
+
+void Drop() {
+  // A connection opened by the parent process is abandoned, not closed:
+  // closing it here could checkpoint and remove the WAL the parent uses.
+  if (g_conn.db && g_conn.pid == getpid()) sqlite3_close_v2(g_conn.db);
+  g_conn = Connection();
+}
+
+// Opens the database of the current root, or returns the open connection
+// when it still belongs to this process and to the file now at the path.
+// Creates folders, file and table when absent. Caller holds g_mu.
+sqlite3* Acquire() {
+  std::string path = tavo::TavoRootPath(kDbPath);
+  struct stat st;
+  bool present = stat(path.c_str(), &st) == 0;
+  if (g_conn.db && g_conn.pid == getpid() && g_conn.path == path && present &&
+      g_conn.dev == st.st_dev && g_conn.ino == st.st_ino) {
+    return g_conn.db;
+  }
+  Drop();
+  if (!tavo::internal::MakeParentDirs(path, 0755)) {
+    syslog(LOG_ERR, "event log: cannot create the folder of %s", path.c_str());
+    TAVO_ERR_SET(TAVO_ERR_DB);
+    return nullptr;
+  }
+  sqlite3* db = nullptr;
+  int rc = sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr);
+  if (rc == SQLITE_OK) {
+    sqlite3_busy_timeout(db, kBusyTimeoutMs);
+    if (!Exec(db, "PRAGMA journal_mode=WAL") || !Exec(db, "PRAGMA synchronous=NORMAL") ||
+        !Exec(db, kSchema) || stat(path.c_str(), &st) != 0) {
+      rc = SQLITE_ERROR;
+    }
+  }
+  if (rc != SQLITE_OK) {
+    Fail(db, "opening the database");
+    sqlite3_close_v2(db);
+    return nullptr;
+  }
+  g_conn.db = db;
+  g_conn.path = path;
+  g_conn.dev = st.st_dev;
+  g_conn.ino = st.st_ino;
+  g_conn.pid = getpid();
+  return db;
+}
+
+std::string IsoTime(long long seconds) {
+  time_t t = static_cast<time_t>(seconds);
+  struct tm tm;
+  char buf[32] = "";
+  if (gmtime_r(&t, &tm)) strftime(buf, sizeof(buf), "%Y-%m-%dT%H:%M:%SZ", &tm);
+  return buf;
+}
+
+std::string Column(sqlite3_stmt* st, int i) {
+  const unsigned char* text = sqlite3_column_text(st, i);
+  return text ? reinterpret_cast<const char*>(text) : "";
+}
+
+bool ReadEntries(sqlite3* db, int offset, int limit, Json::Value* out) {
+  Stmt exists;
+  if (sqlite3_prepare_v2(db, "SELECT 1 FROM sqlite_master WHERE type='table' AND name='events'", -1,
+                         exists.out(), nullptr) != SQLITE_OK) {
+    return Fail(db, "reading the schema");
+  }
+  int rc = sqlite3_step(exists.get());
+  if (rc == SQLITE_DONE) return true;  // no entry was ever written
+  if (rc != SQLITE_ROW) return Fail(db, "reading the schema");
+
+  Stmt count;
+  if (sqlite3_prepare_v2(db, "SELECT COUNT(*) FROM events", -1, count.out(), nullptr) !=
+          SQLITE_OK ||
+      sqlite3_step(count.get()) != SQLITE_ROW) {
+    return Fail(db, "counting entries");
+  }
+  (*out)["total"] = static_cast<Json::Int64>(sqlite3_column_int64(count.get(), 0));
+
+  Stmt list;
+  if (sqlite3_prepare_v2(db,
+                         "SELECT id, time, event, category, level, arg1, arg2, arg3, arg4,"
+                         " account, message FROM events ORDER BY id DESC LIMIT ? OFFSET ?",
+                         -1, list.out(), nullptr) != SQLITE_OK) {
+    return Fail(db, "listing entries");
+  }
+  sqlite3_bind_int(list.get(), 1, limit < 0 ? -1 : limit);
+  sqlite3_bind_int(list.get(), 2, offset < 0 ? 0 : offset);
+  while ((rc = sqlite3_step(list.get())) == SQLITE_ROW) {
+    sqlite3_stmt* st = list.get();
+    Json::Value entry(Json::objectValue);
+    entry["id"] = static_cast<Json::Int64>(sqlite3_column_int64(st, 0));
+    entry["time"] = IsoTime(sqlite3_column_int64(st, 1));
+    char id[16];
+    std::snprintf(id, sizeof(id), "0x%08X", static_cast<unsigned int>(sqlite3_column_int64(st, 2)));
+    entry["event"] = id;
+    entry["category"] = sqlite3_column_int(st, 3);
+    entry["level"] = sqlite3_column_int(st, 4);
+    entry["account"] = Column(st, 9);
+    Json::Value args(Json::arrayValue);
+    for (int i = 5; i <= 8; ++i) args.append(Column(st, i));
+    entry["args"] = args;
+    entry["message"] = Column(st, 10);
+    (*out)["entries"].append(entry);
+  }
+  if (rc != SQLITE_DONE) return Fail(db, "listing entries");
+  return true;
+}
+
+}  // namespace
+
+extern "C" {
+
+int TAVOLogSet1(int category, int level, unsigned int event, const char* a1, const char* a2,
+                const char* a3, const char* a4) {
+  const std::string args[4] = {a1 ? a1 : "", a2 ? a2 : "", a3 ? a3 : "", a4 ? a4 : ""};
+  const std::string message = tavo::EventLogMessage(event, args[0], args[1], args[2], args[3]);
+  const std::string account = tavo::GetRequestAccount();
+  std::lock_guard<std::mutex> lock(g_mu);
+  sqlite3* db = Acquire();
+  if (!db) return -1;
+  Stmt st;
+  if (sqlite3_prepare_v2(db,
+                         "INSERT INTO events (time, event, category, level, arg1, arg2, arg3,"
+                         " arg4, account, message) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?)",
+                         -1, st.out(), nullptr) != SQLITE_OK) {
+    Fail(db, "preparing an entry");
+    Drop();
+    return -1;
+  }
+  sqlite3_bind_int64(st.get(), 1, static_cast<sqlite3_int64>(time(nullptr)));
+  sqlite3_bind_int64(st.get(), 2, static_cast<sqlite3_int64>(event));
+  sqlite3_bind_int(st.get(), 3, category);
+  sqlite3_bind_int(st.get(), 4, level);
+  for (int i = 0; i < 4; ++i) {
+    sqlite3_bind_text(st.get(), 5 + i, args[i].c_str(), -1, SQLITE_TRANSIENT);
+  }
+  sqlite3_bind_text(st.get(), 9, account.c_str(), -1, SQLITE_TRANSIENT);
+  sqlite3_bind_text(st.get(), 10, message.c_str(), -1, SQLITE_TRANSIENT);
+  if (sqlite3_step(st.get()) != SQLITE_DONE) {
+    Fail(db, "writing an entry");
+    Drop();
+    return -1;
+  }
+  return 0;
+}
+
+}  // extern "C"
+
+namespace tavo {
+
+bool EventLogList(int offset, int limit, Json::Value* out) {
+  if (!out) {
+    TAVO_ERR_SET(TAVO_ERR_ARGUMENT);
+    return false;
+  }
+  Json::Value result(Json::objectValue);
+  result["total"] = 0;
+  result["entries"] = Json::Value(Json::arrayValue);
+  struct stat st;
+  if (stat(TavoRootPath(kDbPath).c_str(), &st) != 0 && errno == ENOENT) {
+    *out = result;
+    return true;
+  }
+  std::lock_guard<std::mutex> lock(g_mu);
+  sqlite3* db = Acquire();
+  if (!db) return false;
+  // One read transaction, so that the total and the page agree.
+  if (!Exec(db, "BEGIN")) return Fail(db, "starting a read");
+  bool ok = ReadEntries(db, offset, limit, &result);
+  if (!Exec(db, "COMMIT") && ok) ok = Fail(db, "ending a read");
+  if (!ok) {
+    Drop();
+    return false;
+  }
+  *out = result;
+  return true;
+}
+
+}  // namespace tavo

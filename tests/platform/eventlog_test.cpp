@@ -1,0 +1,117 @@
+// The event log: catalogue messages, concurrent writers, newest-first paging.
+#include "tavo/eventlog.h"
+
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tavo/account.h"
+#include "temp_root.h"
+
+namespace {
+
+TEST(EventLogMessageTest, CatalogueFillsArguments) {
+  EXPECT_EQ(tavo::EventLogMessage(0x11800601, "staff", "", "", ""), "Group 'staff' was created.");
+  EXPECT_EQ(tavo::EventLogMessage(0x11800602, "old", "new", "", ""),
+            "Group 'old' was renamed to 'new'.");
+  EXPECT_EQ(tavo::EventLogMessage(0x11800603, "staff", "Office 100%", "", ""),
+            "The description of group 'staff' was changed to 'Office 100%'.");
+  EXPECT_EQ(tavo::EventLogMessage(0x11800800, "staff", "anna", "", ""),
+            "User 'anna' was added to group 'staff'.");
+  EXPECT_EQ(tavo::EventLogMessage(0x11800801, "staff", "anna", "", ""),
+            "User 'anna' was removed from group 'staff'.");
+  // An argument that looks like a placeholder is not expanded again.
+  EXPECT_EQ(tavo::EventLogMessage(0x11800602, "%2", "x", "", ""), "Group '%2' was renamed to 'x'.");
+  EXPECT_EQ(tavo::EventLogMessage(0x12345678, "a", "", "c", ""), "Event 0x12345678: a, c.");
+}
+
+TEST(EventLogTest, ConcurrentWritersAreAllReadBackNewestFirst) {
+  tavo_test::TempRoot root;
+  constexpr int kThreads = 4, kPerThread = 15;
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([t] {
+      tavo::ScopedRequestAccount account("user" + std::to_string(t));
+      for (int i = 0; i < kPerThread; ++i) {
+        std::string group = "g" + std::to_string(t) + "_" + std::to_string(i);
+        EXPECT_EQ(TAVOLogSet1(2, 1, 0x11800601, group.c_str(), "", nullptr, ""), 0);
+      }
+    });
+  }
+  for (auto& th : threads) th.join();
+
+  Json::Value out;
+  ASSERT_TRUE(tavo::EventLogList(0, -1, &out));
+  ASSERT_EQ(out["total"].asInt(), kThreads * kPerThread);
+  ASSERT_EQ(out["entries"].size(), static_cast<unsigned>(kThreads * kPerThread));
+  std::map<std::string, int> per_account;
+  std::map<std::string, int> last_index;  // per account: the i of the entry seen before
+  Json::Int64 previous_id = INT64_MAX;
+  for (const Json::Value& e : out["entries"]) {
+    EXPECT_LT(e["id"].asInt64(), previous_id);
+    previous_id = e["id"].asInt64();
+    const std::string account = e["account"].asString();
+    const std::string group = e["args"][0].asString();
+    ++per_account[account];
+    // Newest first: each thread's groups appear in falling order.
+    int index = std::stoi(group.substr(group.find('_') + 1));
+    if (last_index.count(account)) {
+      EXPECT_LT(index, last_index[account]);
+    }
+    last_index[account] = index;
+    EXPECT_EQ(group.substr(1, 1), account.substr(4));
+    EXPECT_EQ(e["message"].asString(), "Group '" + group + "' was created.");
+    EXPECT_EQ(e["event"].asString(), "0x11800601");
+    EXPECT_EQ(e["args"][2].asString(), "");  // null argument stored as ""
+    EXPECT_EQ(e["category"].asInt(), 2);
+    EXPECT_EQ(e["time"].asString().size(), 20u);  // 2026-01-02T03:04:05Z
+  }
+  EXPECT_EQ(per_account.size(), static_cast<size_t>(kThreads));
+  for (const auto& kv : per_account) EXPECT_EQ(kv.second, kPerThread) << kv.first;
+}
+
+TEST(EventLogTest, ProcessesWriteTogether) {
+  tavo_test::TempRoot root;
+  // The parent already has the database open when it forks.
+  ASSERT_EQ(TAVOLogSet1(2, 1, 0x11800601, "g", "", "", ""), 0);
+  pid_t child = fork();
+  ASSERT_GE(child, 0);
+  int failures = 0;
+  for (int i = 0; i < 30; ++i) failures += TAVOLogSet1(2, 1, 0x11800800, "g", "u", "", "") != 0;
+  if (child == 0) _exit(failures);
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  EXPECT_EQ(failures, 0);
+  Json::Value out;
+  ASSERT_TRUE(tavo::EventLogList(0, 0, &out));
+  EXPECT_EQ(out["total"].asInt(), 61);
+}
+
+TEST(EventLogTest, PagesCountAllEntries) {
+  tavo_test::TempRoot root;
+  Json::Value out;
+  ASSERT_TRUE(tavo::EventLogList(0, -1, &out));  // no database yet: empty log
+  EXPECT_EQ(out["total"].asInt(), 0);
+  EXPECT_EQ(out["entries"], Json::Value(Json::arrayValue));
+  for (const char* name : {"a", "b", "c", "d", "e"}) {
+    ASSERT_EQ(TAVOLogSet1(2, 1, 0x11800600, name, "", "", ""), 0);
+  }
+  ASSERT_TRUE(tavo::EventLogList(1, 2, &out));
+  EXPECT_EQ(out["total"].asInt(), 5);
+  ASSERT_EQ(out["entries"].size(), 2u);
+  EXPECT_EQ(out["entries"][0]["args"][0].asString(), "d");
+  EXPECT_EQ(out["entries"][1]["args"][0].asString(), "c");
+  EXPECT_EQ(out["entries"][0]["account"].asString(), "");
+  ASSERT_TRUE(tavo::EventLogList(10, 2, &out));
+  EXPECT_EQ(out["total"].asInt(), 5);
+  EXPECT_EQ(out["entries"].size(), 0u);
+}
+
+}  // namespace

@@ -1,0 +1,135 @@
+// Handler locks and lock files: exclusion between threads of one process,
+// bounded waits, release, and the fault points.
+#include "tavo/handler.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <future>
+#include <memory>
+#include <thread>
+
+#include "tavo/error.h"
+#include "tavo/testing.h"
+#include "temp_root.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+long MillisSince(Clock::time_point start) {
+  return static_cast<long>(
+      std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count());
+}
+
+class HandlerLockTest : public ::testing::Test {
+ protected:
+  void SetUp() override { setenv("TAVO_LOCK_TIMEOUT_MS", "150", 1); }
+  void TearDown() override {
+    unsetenv("TAVO_LOCK_TIMEOUT_MS");
+    tavo::testing::ClearFaults();
+  }
+
+  // Tries the handler lock from another thread with a handler of its own;
+  // returns whether it was taken and the error code seen there.
+  static std::pair<bool, int> TryFromOtherThread(bool exclusive) {
+    return std::async(std::launch::async,
+                      [exclusive] {
+                        TLIBCErrClear();
+                        ServerFormHandler other("/tmp/grouplock");
+                        bool ok = exclusive ? other.ExLock() : other.ShLock();
+                        return std::make_pair(ok, TLIBCErrGet());
+                      })
+        .get();
+  }
+
+  tavo_test::TempRoot root_;
+};
+
+TEST_F(HandlerLockTest, ExclusiveKeepsOtherThreadsOutUntilTimeout) {
+  ServerFormHandler holder("/tmp/grouplock");
+  ASSERT_TRUE(holder.ExLock());
+  Clock::time_point start = Clock::now();
+  EXPECT_EQ(TryFromOtherThread(false), std::make_pair(false, int{TAVO_ERR_LOCK}));
+  long waited = MillisSince(start);
+  EXPECT_GE(waited, 140);
+  EXPECT_LT(waited, 2000);
+  EXPECT_EQ(TryFromOtherThread(true), std::make_pair(false, int{TAVO_ERR_LOCK}));
+}
+
+TEST_F(HandlerLockTest, SharedLocksCoexistButKeepWritersOut) {
+  ServerFormHandler reader("/tmp/grouplock");
+  ASSERT_TRUE(reader.ShLock());
+  EXPECT_TRUE(TryFromOtherThread(false).first);
+  EXPECT_FALSE(TryFromOtherThread(true).first);
+}
+
+TEST_F(HandlerLockTest, CallingAgainConvertsAndDestructorReleases) {
+  {
+    ServerFormHandler holder("/tmp/grouplock");
+    ASSERT_TRUE(holder.ExLock());
+    ASSERT_TRUE(holder.ShLock());
+    EXPECT_TRUE(TryFromOtherThread(false).first);
+    ASSERT_TRUE(holder.ExLock());
+    EXPECT_FALSE(TryFromOtherThread(false).first);
+  }
+  EXPECT_TRUE(TryFromOtherThread(true).first);
+}
+
+TEST_F(HandlerLockTest, WaiterGetsTheLockWhenReleasedWithinTheBound) {
+  setenv("TAVO_LOCK_TIMEOUT_MS", "5000", 1);
+  auto holder = std::make_unique<ServerFormHandler>("/tmp/grouplock");
+  ASSERT_TRUE(holder->ExLock());
+  std::thread release([&holder] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    holder.reset();
+  });
+  Clock::time_point start = Clock::now();
+  EXPECT_TRUE(TryFromOtherThread(true).first);
+  EXPECT_LT(MillisSince(start), 4000);
+  release.join();
+}
+
+TEST_F(HandlerLockTest, NoLockPathAndFaultPointsRefuseAndFilesAreCreated) {
+  ServerFormHandler none(nullptr);
+  EXPECT_FALSE(none.ExLock());
+  EXPECT_EQ(TLIBCErrGet(), TAVO_ERR_ARGUMENT);
+
+  ServerFormHandler h("/tmp/deep/er/lock");
+  tavo::testing::FailNext("lock.handler", TAVO_ERR_LOCK);
+  EXPECT_FALSE(h.ShLock());
+  EXPECT_EQ(TLIBCErrGet(), TAVO_ERR_LOCK);
+  ASSERT_TRUE(h.ShLock());  // fired once only; the file is made with its folders
+  struct stat st;
+  ASSERT_EQ(stat(root_.Path("/tmp/deep/er/lock").c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0600u);
+
+  int fd = -1;
+  tavo::testing::FailNext("lock.file", TAVO_ERR_IO);
+  EXPECT_FALSE(ServerFormHandler::LockFile("/tmp/userlock", false, &fd));
+  EXPECT_EQ(TLIBCErrGet(), TAVO_ERR_IO);
+  EXPECT_EQ(fd, -1);
+}
+
+TEST_F(HandlerLockTest, LockFileSharedAndExclusive) {
+  int a = -1, b = -1, c = -7;
+  ASSERT_TRUE(ServerFormHandler::LockFile("/tmp/userlock", false, &a));
+  ASSERT_TRUE(ServerFormHandler::LockFile("/tmp/userlock", false, &b));
+  EXPECT_NE(a, b);
+  EXPECT_FALSE(ServerFormHandler::LockFile("/tmp/userlock", true, &c));
+  EXPECT_EQ(TLIBCErrGet(), TAVO_ERR_LOCK);
+  EXPECT_EQ(c, -7);
+  ServerFormHandler::UnlockFile(a);
+  ServerFormHandler::UnlockFile(b);
+  ASSERT_TRUE(ServerFormHandler::LockFile("/tmp/userlock", true, &c));
+  ServerFormHandler::UnlockFile(c);
+  ServerFormHandler::UnlockFile(-1);  // ignored
+
+  EXPECT_FALSE(ServerFormHandler::LockFile(nullptr, false, &c));
+  EXPECT_EQ(TLIBCErrGet(), TAVO_ERR_ARGUMENT);
+  EXPECT_FALSE(ServerFormHandler::LockFile("/tmp/userlock", false, nullptr));
+}
+
+}  // namespace
