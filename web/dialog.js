@@ -1,0 +1,90 @@
+// Modal dialogs built on the native <dialog> element.
+//
+// openDialog() shows a modal form: the rest of the page is inert while it is
+// open, focus moves to the first field (or the first button), Escape or
+// "Cancel" close it, and focus returns to the control that was focused before.
+// While `onSubmit` runs every control of the dialog is disabled and Escape is
+// ignored, so a change cannot be sent twice or abandoned halfway.
+//
+// onSubmit(form) resolves to true to close the dialog, or to a sentence (or
+// array of sentences) to show in the dialog's own alert region and keep it
+// open. It must not reject.
+
+import { h, uid } from './dom.js';
+
+export function openDialog({ title, content = [], submitLabel = 'OK', danger = false, onSubmit }) {
+  const opener = document.activeElement;
+  const titleId = uid('dialog-title');
+  const errorBox = h('div', { class: 'dialog-error', role: 'alert' });
+  const cancel = h('button', { type: 'button', class: 'secondary' }, 'Cancel');
+  const submit = h('button', { type: 'submit', class: danger ? 'danger' : 'primary' }, submitLabel);
+  const form = h('form', { method: 'dialog', novalidate: true },
+    h('h2', { id: titleId }, title),
+    h('div', { class: 'dialog-body' }, content),
+    errorBox,
+    h('div', { class: 'dialog-actions' }, cancel, submit));
+  const dialog = h('dialog', { 'aria-labelledby': titleId, class: 'dialog' }, form);
+  let running = false;
+
+  const close = () => {
+    if (dialog.open) dialog.close();
+  };
+  dialog.addEventListener('close', () => {
+    dialog.remove();
+    if (opener && opener.isConnected && typeof opener.focus === 'function') opener.focus();
+  });
+  dialog.addEventListener('cancel', (event) => {
+    if (running) event.preventDefault();
+  });
+  cancel.addEventListener('click', close);
+  form.addEventListener('submit', async (event) => {
+    event.preventDefault();
+    if (running) return;
+    running = true;
+    errorBox.textContent = '';
+    const controls = Array.from(form.querySelectorAll('input, textarea, select, button'));
+    const before = controls.map((c) => c.disabled);
+    controls.forEach((c) => {
+      c.disabled = true;
+    });
+    form.setAttribute('aria-busy', 'true');
+    let outcome;
+    try {
+      outcome = await onSubmit(form);
+    } catch (err) {
+      outcome = 'Something went wrong in this page. Please reload it and try again.';
+    }
+    running = false;
+    form.removeAttribute('aria-busy');
+    controls.forEach((c, i) => {
+      c.disabled = before[i];
+    });
+    if (outcome === true) {
+      close();
+      return;
+    }
+    const lines = Array.isArray(outcome) ? outcome : [String(outcome)];
+    lines.forEach((line) => errorBox.appendChild(h('p', {}, line)));
+    const first = form.querySelector('input:not([disabled]), textarea:not([disabled])');
+    (first || submit).focus();
+  });
+
+  document.body.appendChild(dialog);
+  dialog.showModal();
+  const first = form.querySelector('input, textarea, select');
+  (first || submit).focus();
+  return { dialog, form, close };
+}
+
+// A labelled text field for dialogs.
+export function textField({ name, label, value = '', required = false, maxlength, hint, multiline = false }) {
+  const id = uid(`field-${name}`);
+  const hintId = hint ? `${id}-hint` : null;
+  const props = { id, name, autocomplete: 'off', spellcheck: 'false', required, maxlength, 'aria-describedby': hintId };
+  const control = multiline ? h('textarea', { ...props, rows: 3 }) : h('input', { ...props, type: 'text' });
+  control.value = value;
+  return h('div', { class: 'field' },
+    h('label', { for: id }, label),
+    control,
+    hint ? h('p', { id: hintId, class: 'hint' }, hint) : null);
+}
