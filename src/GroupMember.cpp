@@ -53,13 +53,16 @@ int AppendUserInfoCallback(const TLIB_USER_INFO* info, int /*index*/, void* cont
 }
 
 // The paging rule: counts a candidate and tells whether it is inside the page.
+// The page's end is computed in 64 bits: offset + limit may exceed an int.
 class Pager {
  public:
   Pager(int offset, int limit) : offset_(offset), limit_(limit) {}
   bool Next() {
     ++index_;
     ++count_;
-    return offset_ <= index_ && (limit_ == -1 || index_ < offset_ + limit_);
+    return offset_ <= index_ &&
+           (limit_ == -1 || static_cast<long long>(index_) <
+                                static_cast<long long>(offset_) + static_cast<long long>(limit_));
   }
   int count() const { return count_; }
 

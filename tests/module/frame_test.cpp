@@ -113,10 +113,20 @@ TEST_F(ParamCheckTest, ValidatorLogLines) {
 }
 
 TEST_F(ParamCheckTest, AcceptedForms) {
-  // A real with an integral value counts as an integer for the JSON library;
-  // 2147483648 does not fit, so it is refused.
+  // A real with an integral value counts as an integer for the JSON library
+  // and is read as that integer; a fraction, a negative number and a number
+  // above the signed 32-bit range are refused.
+  Answer a = CallGroup("get", "{\"gid\": 101.0}");
+  EXPECT_TRUE(JsonEq(a.data["groups"][0]["name"], "administrators"));
+  a = CallGroup("admin_check", "{\"gid\": [101.0, 1e2]}");
+  EXPECT_TRUE(JsonEq(a.data["groups"], Parse("[{\"name\": \"administrators\", \"is_admin\": true},"
+                                             " {\"name\": \"users\", \"is_admin\": false}]")));
   EXPECT_TRUE(CallGroup("get", "{\"gid\": 2147483647}").success);
-  EXPECT_EQ(CallGroup("get", "{\"gid\": 2147483648}").code, 3201);
+  for (const char* gid : {"1.5", "-1", "-1.0", "2147483648", "4294967295", "\"5\"", "true"}) {
+    EXPECT_EQ(CallGroup("get", std::string("{\"gid\": ") + gid + "}").code, 3201) << gid;
+  }
+  EXPECT_TRUE(JsonEq(CallGroup("list", "{\"offset\": 1e0, \"limit\": 1.0}").data["groups"],
+                     Parse("[{\"name\": \"nogroup\", \"description\": \"\"}]")));
   EXPECT_TRUE(CallGroup("list", "{\"name_only\": \"false\", \"limit\": 0}").success);
   EXPECT_TRUE(CallGroup("get", "{\"name\": [], \"gid\": []}").success);
 }

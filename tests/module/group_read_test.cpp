@@ -117,6 +117,32 @@ TEST_F(GroupReadTest, GetAnswersStoredSpellingAndRequestTextInErrors) {
   EXPECT_TRUE(Logged(7, "src/Group.cpp:301 Nothing to be done"));
 }
 
+// Ids are unsigned integers, counts, offsets and codes signed ones; the text a
+// client sees hides the difference, the answer's JSON values do not.
+TEST_F(GroupReadTest, IdsAreUnsignedCountsAndCodesSigned) {
+  Answer a = CallGroup("get", "{\"name\": \"staff\", \"gid\": 4242}");
+  EXPECT_EQ(a.data["groups"][0]["gid"].type(), Json::uintValue);
+  EXPECT_EQ(a.data["errors"][0]["gid"].type(), Json::uintValue);
+  EXPECT_EQ(a.data["errors"][0]["code"].type(), Json::intValue);
+  a = CallGroup("list", "{\"name_only\": false}");
+  EXPECT_EQ(a.data["groups"][0]["gid"].type(), Json::uintValue);
+  EXPECT_EQ(a.data["offset"].type(), Json::intValue);
+  EXPECT_EQ(a.data["total"].type(), Json::intValue);
+  for (const char* group : {"staff", "users"}) {
+    a = CallMember("list", std::string("{\"group\": \"") + group + "\"}");
+    ASSERT_FALSE(a.data["users"].empty()) << group;
+    EXPECT_EQ(a.data["users"][0]["uid"].type(), Json::uintValue) << group;
+    EXPECT_EQ(a.data["total"].type(), Json::intValue) << group;
+    EXPECT_EQ(a.data["offset"].type(), Json::intValue) << group;
+  }
+  a = CallGroup("set", "{\"name\": \"Beta\"}");
+  EXPECT_EQ(a.data["gid"].type(), Json::uintValue);
+  a = CallGroup("create", "{\"name\": \"Gamma\"}");
+  EXPECT_EQ(a.data["gid"].type(), Json::uintValue);
+  a = CallGroup("delete", "{\"name\": \"users\"}");
+  EXPECT_EQ(a.data["errors"][0]["code"].type(), Json::intValue);
+}
+
 TEST_F(GroupReadTest, AdminCheckPassesNamesThroughAndResolvesGids) {
   Answer a = CallGroup("admin_check", "{\"name\": [\"Administrators\", \"nope\"],"
                                       " \"gid\": [101, 4242, 1100]}");

@@ -62,6 +62,12 @@ TEST_F(MemberTest, ListOfOtherGroupsUsesThePagingRule) {
   a = CallMember("list", "{\"group\": \"staff\", \"offset\": 1, \"limit\": 2}");
   EXPECT_EQ(Names(a.data["users"]), std::vector<std::string>{"alice"});
   EXPECT_EQ(a.data["total"], 4);
+  // The page's end lies beyond the largest int: everything from the offset on.
+  a = CallMember("list", "{\"group\": \"staff\", \"offset\": 1, \"limit\": 2147483647}");
+  EXPECT_EQ(Names(a.data["users"]), (std::vector<std::string>{"alice", "bob"}));
+  a = CallMember("list", "{\"group\": \"staff\", \"ingroup\": false, \"offset\": 1,"
+                         " \"limit\": 2147483647}");
+  EXPECT_EQ(Names(a.data["users"]), std::vector<std::string>{"guest"});
   a = CallMember("list", "{\"group\": \"staff\", \"substr\": \"b\", \"limit\": 0}");
   EXPECT_TRUE(JsonEq(a.data, Parse("{\"users\": [], \"total\": 1, \"offset\": 0}")));
   a = CallMember("list", "{\"group\": \"staff\", \"ingroup\": \"false\"}");
