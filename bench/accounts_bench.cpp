@@ -1,0 +1,167 @@
+// Costs of the account store as the number of groups and users grows:
+//   list  one page of 50 local groups with their descriptions, and the total
+//   load  SDK::Group::LoadGroup of one group
+//   save  one membership change (load, add or remove a member, save)
+// at 1,000, 10,000 and 100,000 groups and users. After the table it prints how
+// each cost grows from 1,000 to 100,000, and one saved membership change beside
+// `gpasswd -Q ROOT -a USER GROUP` on the same root, timed in the same run.
+#include <benchmark/benchmark.h>
+#include <sys/wait.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <map>
+#include <memory>
+#include <string>
+
+#include "bench_root.h"
+#include "tavo/group.h"
+#include "tavo/root.h"
+
+namespace {
+
+std::map<int, std::unique_ptr<BenchRoot>>& Roots() {
+  static std::map<int, std::unique_ptr<BenchRoot>> roots;
+  return roots;
+}
+
+// Makes the root of `n` groups the platform root (created once per size).
+const BenchRoot& UseRoot(int n) {
+  auto& r = Roots()[n];
+  if (!r) r = std::make_unique<BenchRoot>(n);
+  tavo::TavoRootSet(r->dir());
+  return *r;
+}
+
+int AddDescription(const TLIB_GROUP_INFO* info, int, void* ctx) {
+  char* buf = nullptr;
+  unsigned size = 0;
+  if (TAVOGroupDescGet(info->name, &buf, &size) != 0) return -1;
+  *static_cast<size_t*>(ctx) += size;
+  std::free(buf);
+  return 0;
+}
+
+void BM_ListPage(benchmark::State& state) {
+  const int n = static_cast<int>(state.range(0));
+  UseRoot(n);
+  int offset = 0;
+  for (auto _ : state) {
+    size_t bytes = 0;
+    int total = TLIBGroupInfoEnumBySubstr(1, "", offset, 50, "", 1, AddDescription, &bytes);
+    if (total < n) state.SkipWithError("enumeration failed");
+    benchmark::DoNotOptimize(bytes);
+    offset = (offset + 50) % n;
+  }
+}
+
+void BM_LoadGroup(benchmark::State& state) {
+  const int n = static_cast<int>(state.range(0));
+  UseRoot(n);
+  int i = 0;
+  for (auto _ : state) {
+    SDK::Group* g = SDK::Group::LoadGroup(BenchRoot::GroupName(i));
+    if (!g) state.SkipWithError("load failed");
+    SDK::Group::Release(g);
+    i = (i + 7919) % n;
+  }
+}
+
+bool SaveOneChange(int n, bool add) {
+  SDK::Group* g = SDK::Group::LoadGroup(BenchRoot::GroupName(n / 2));
+  if (!g) return false;
+  const std::string user = BenchRoot::UserName(n / 3);
+  bool ok = (add ? g->AddMember(user) : g->RemoveMember(user)) && g->Save();
+  SDK::Group::Release(g);
+  return ok;
+}
+
+void BM_SaveMembership(benchmark::State& state) {
+  const int n = static_cast<int>(state.range(0));
+  UseRoot(n);
+  bool add = true;
+  for (auto _ : state) {
+    if (!SaveOneChange(n, add)) state.SkipWithError("save failed");
+    add = !add;
+  }
+  if (!add) SaveOneChange(n, false);  // leave the group as it was
+}
+
+BENCHMARK(BM_ListPage)->Arg(1000)->Arg(10000)->Arg(100000)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_LoadGroup)->Arg(1000)->Arg(10000)->Arg(100000)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_SaveMembership)->Arg(1000)->Arg(10000)->Arg(100000)->Unit(benchmark::kMillisecond)
+    ->MinTime(0.5);
+
+// Keeps the mean real time (ns) of every run by name.
+class CollectingReporter : public benchmark::ConsoleReporter {
+ public:
+  void ReportRuns(const std::vector<Run>& runs) override {
+    for (const Run& r : runs) {
+      if (r.error_occurred || r.iterations <= 0) continue;
+      std::string name = r.benchmark_name();
+      name = name.substr(0, name.find("/min_time"));
+      times[name] = r.real_accumulated_time * 1e9 / static_cast<double>(r.iterations);
+    }
+    ConsoleReporter::ReportRuns(runs);
+  }
+  std::map<std::string, double> times;
+};
+
+double Millis(std::chrono::steady_clock::duration d) {
+  return std::chrono::duration<double, std::milli>(d).count();
+}
+
+// One membership change by the platform and by gpasswd on the same root,
+// alternating, `rounds` times each; prints the mean of both.
+void CompareWithGpasswd(int n, int rounds) {
+  const BenchRoot& root = UseRoot(n);
+  const std::string group = BenchRoot::GroupName(n / 4), user = BenchRoot::UserName(n / 5);
+  double ours = 0, theirs = 0;
+  for (int k = 0; k < rounds; ++k) {
+    auto t0 = std::chrono::steady_clock::now();
+    SDK::Group* g = SDK::Group::LoadGroup(group);
+    bool ok = g && g->AddMember(user) && g->Save();
+    SDK::Group::Release(g);
+    auto t1 = std::chrono::steady_clock::now();
+    g = SDK::Group::LoadGroup(group);  // undo, untimed
+    ok = ok && g && g->RemoveMember(user) && g->Save();
+    SDK::Group::Release(g);
+    std::string cmd = "gpasswd -Q " + root.dir() + " -a " + user + " " + group + " >/dev/null";
+    auto t2 = std::chrono::steady_clock::now();
+    int rc = std::system(cmd.c_str());
+    auto t3 = std::chrono::steady_clock::now();
+    g = SDK::Group::LoadGroup(group);  // undo, untimed
+    ok = ok && rc == 0 && g && g->RemoveMember(user) && g->Save();
+    SDK::Group::Release(g);
+    if (!ok) {
+      std::printf("comparison at %d groups failed\n", n);
+      return;
+    }
+    ours += Millis(t1 - t0);
+    theirs += Millis(t3 - t2);
+  }
+  std::printf("  %6d groups: platform %.2f ms, gpasswd %.2f ms, platform/gpasswd = %.2f\n", n,
+              ours / rounds, theirs / rounds, ours / theirs);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  benchmark::Initialize(&argc, argv);
+  CollectingReporter reporter;
+  benchmark::RunSpecifiedBenchmarks(&reporter);
+  std::printf("\nGrowth from 1,000 to 100,000 groups and users (time ratio):\n");
+  for (const char* name : {"BM_ListPage", "BM_LoadGroup", "BM_SaveMembership"}) {
+    auto& t = reporter.times;
+    std::string small = std::string(name) + "/1000", big = std::string(name) + "/100000";
+    if (t.count(small) && t.count(big))
+      std::printf("  %-18s x%.1f  (%.1f us -> %.1f us)\n", name, t[big] / t[small], t[small] / 1e3,
+                  t[big] / 1e3);
+  }
+  std::printf("\nOne saved membership change beside gpasswd -a on the same root:\n");
+  for (int n : {1000, 100000}) CompareWithGpasswd(n, 5);
+  Roots().clear();
+  benchmark::Shutdown();
+  return 0;
+}

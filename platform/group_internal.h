@@ -1,0 +1,61 @@
+// Internal interface between the group object, the group readers and the
+// group writers of the account store.
+//
+// Thread-safety: every function may be called from any thread.
+// Errors: failures return false / -1 / null with the error state set.
+#ifndef TAVO_PLATFORM_GROUP_INTERNAL_H_
+#define TAVO_PLATFORM_GROUP_INTERNAL_H_
+
+#include <memory>
+#include <new>
+#include <string>
+#include <vector>
+
+#include "account_db.h"
+#include "acct_error.h"
+
+namespace tavo {
+namespace acct {
+
+// Runs `f` and turns any exception into an error state and `fail`, so that
+// nothing is thrown across the C interface.
+template <typename R, typename F>
+R Guarded(R fail, F&& f) {
+  try {
+    return f();
+  } catch (const std::bad_alloc&) {
+    ACCT_ERR(TAVO_ERR_NOMEM);
+  } catch (...) {
+    ACCT_ERR(TAVO_ERR_IO);
+  }
+  return fail;
+}
+
+// 2 for "DOMAIN\name", 8 for "name@domain", else 1 (local).
+int KindOfName(const std::string& name);
+// The group list of a kind (1, 2 or 8); null with the error state on failure
+// (TAVO_ERR_ARGUMENT for an unknown kind).
+std::shared_ptr<const GroupDb> GroupsOfKind(int kind);
+// The description of a local group by its stored name ("" when none).
+std::string DescriptionOf(const DescDb& descs, const std::string& stored_name);
+
+// One group's change, applied by ApplyGroupChange to the files as they are
+// under the account locks.
+struct GroupChange {
+  bool create = false;
+  std::string orig_name;  // stored spelling of a loaded group
+  std::string new_name;   // the name to store (== orig_name when not renamed)
+  bool desc_changed = false;
+  std::string desc;
+  std::vector<std::string> added, removed;
+  unsigned gid_out = 0;   // the group's GID after the write
+};
+bool ApplyGroupChange(GroupChange* change);
+// Deletes the named local groups that may be deleted; the number deleted, or
+// -1 when the write failed.
+int DeleteGroups(const std::vector<std::string>& names);
+
+}  // namespace acct
+}  // namespace tavo
+
+#endif  // TAVO_PLATFORM_GROUP_INTERNAL_H_

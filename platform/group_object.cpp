@@ -1,0 +1,195 @@
+// SDK::Group: a group loaded or created in memory, and its Save.
+#include <algorithm>
+
+#include "group_internal.h"
+#include "names.h"
+#include "tavo/group.h"
+#include "tavo/testing.h"
+
+namespace SDK {
+
+using namespace tavo::acct;
+
+struct Group::Rep {
+  int kind = TAVO_GROUP_LOCAL;
+  bool created = false;
+  std::string orig_name;  // stored spelling at load time
+  std::string name;
+  unsigned gid = 0;
+  std::vector<std::string> members;
+  std::string desc;
+  bool desc_changed = false;
+  std::vector<std::string> added, removed;
+  int pending_error = TAVO_ERR_NONE;  // a refused SetName/SetDesc fails Save
+};
+
+Group::Group(std::unique_ptr<Rep> rep) : rep_(std::move(rep)) {}
+Group::~Group() = default;
+
+namespace {
+
+// The reason `name` cannot be a new group's name now (TAVO_ERR_NONE if it can).
+int NewNameProblem(const std::string& name, const std::string& self) {
+  int syntax = CheckGroupNameSyntax(name);
+  if (syntax != TAVO_ERR_NONE) return syntax;
+  if (IsBuiltinGroupName(name) && !EqualIgnoringCase(name, self)) return TAVO_ERR_RESERVED;
+  auto db = LocalGroups();
+  auto defs = Defs();
+  if (!db || !defs) return TLIBCErrGet();
+  auto it = db->by_fold.find(FoldCase(name));
+  if (it == db->by_fold.end()) return TAVO_ERR_NONE;
+  for (int i : it->second) {
+    const GroupLine& g = db->groups[i];
+    if (!self.empty() && g.name == self) continue;
+    return IsReachable(g, *defs) ? TAVO_ERR_EXISTS : TAVO_ERR_RESERVED;
+  }
+  return TAVO_ERR_NONE;
+}
+
+int FindMember(const std::vector<std::string>& members, const std::string& user) {
+  auto it = std::find(members.begin(), members.end(), user);
+  if (it == members.end())
+    it = std::find_if(members.begin(), members.end(),
+                      [&](const std::string& m) { return EqualIgnoringCase(m, user); });
+  return it == members.end() ? -1 : static_cast<int>(it - members.begin());
+}
+
+void Erase(std::vector<std::string>* v, const std::string& s) {
+  v->erase(std::remove(v->begin(), v->end(), s), v->end());
+}
+
+}  // namespace
+
+Group* Group::LoadGroup(const std::string& name) {
+  return Guarded<Group*>(nullptr, [&]() -> Group* {
+    TAVO_GROUP* rec = nullptr;
+    if (TAVOGroupGet(name.c_str(), &rec) != 0) return nullptr;
+    auto rep = std::make_unique<Rep>();
+    rep->kind = rec->kind;
+    rep->orig_name = rep->name = rec->name;
+    rep->gid = rec->gid;
+    for (int i = 0; i < rec->member_count; ++i) rep->members.emplace_back(rec->members[i]);
+    TAVOGroupFree(rec);
+    if (rep->kind == TAVO_GROUP_LOCAL) {
+      auto descs = Descriptions();
+      if (!descs) return nullptr;
+      rep->desc = DescriptionOf(*descs, rep->name);
+    }
+    return new Group(std::move(rep));
+  });
+}
+
+Group* Group::CreateGroup(const std::string& name) {
+  return Guarded<Group*>(nullptr, [&]() -> Group* {
+    int why = NewNameProblem(name, "");
+    if (why != TAVO_ERR_NONE) return TAVO_ERR_SET(why), nullptr;
+    auto rep = std::make_unique<Rep>();
+    rep->created = true;
+    rep->name = name;
+    return new Group(std::move(rep));
+  });
+}
+
+bool Group::IsGroupExist(const std::string& name) {
+  return Guarded(false, [&] {
+    int kind = KindOfName(name);
+    auto db = GroupsOfKind(kind);
+    return db && db->Find(name) >= 0;
+  });
+}
+
+void Group::Release(Group* group) { delete group; }
+
+std::string Group::GetName() const { return rep_->name; }
+std::string Group::GetDesc() const { return rep_->desc; }
+unsigned int Group::GetGID() const { return rep_->gid; }
+std::vector<std::string> Group::GetMembers() const { return rep_->members; }
+
+bool Group::IsMember(const std::string& user) const {
+  return Guarded(false, [&] { return FindMember(rep_->members, user) >= 0; });
+}
+
+bool Group::AddMember(const std::string& user) {
+  return Guarded(false, [&] {
+    int why = CheckMemberName(user);
+    if (why != TAVO_ERR_NONE) return TAVO_ERR_SET(why), false;
+    if (FindMember(rep_->members, user) >= 0) return true;
+    rep_->members.push_back(user);
+    if (std::find(rep_->removed.begin(), rep_->removed.end(), user) != rep_->removed.end())
+      Erase(&rep_->removed, user);
+    else
+      rep_->added.push_back(user);
+    return true;
+  });
+}
+
+bool Group::RemoveMember(const std::string& user) {
+  return Guarded(false, [&] {
+    int i = FindMember(rep_->members, user);
+    if (i < 0) return ACCT_ERR(TAVO_ERR_NO_USER), false;
+    std::string stored = rep_->members[i];
+    rep_->members.erase(rep_->members.begin() + i);
+    if (std::find(rep_->added.begin(), rep_->added.end(), stored) != rep_->added.end())
+      Erase(&rep_->added, stored);
+    else
+      rep_->removed.push_back(stored);
+    return true;
+  });
+}
+
+bool Group::SetName(std::string& name) {
+  return Guarded(false, [&] {
+    if (rep_->kind != TAVO_GROUP_LOCAL) {
+      rep_->pending_error = TAVO_ERR_NOT_PERMITTED;
+    } else if (name == rep_->name) {
+      return true;
+    } else if (!rep_->created && IsBuiltinGroupName(rep_->orig_name)) {
+      rep_->pending_error = TAVO_ERR_NOT_PERMITTED;
+    } else {
+      rep_->pending_error = NewNameProblem(name, rep_->created ? "" : rep_->orig_name);
+    }
+    if (rep_->pending_error != TAVO_ERR_NONE) return TAVO_ERR_SET(rep_->pending_error), false;
+    rep_->name = name;
+    return true;
+  });
+}
+
+bool Group::SetDesc(const std::string& desc) {
+  return Guarded(false, [&] {
+    int why = rep_->kind != TAVO_GROUP_LOCAL ? TAVO_ERR_NOT_PERMITTED : CheckDescription(desc);
+    if (why != TAVO_ERR_NONE) {
+      rep_->pending_error = why;
+      return TAVO_ERR_SET(why), false;
+    }
+    if (desc != rep_->desc || rep_->created) rep_->desc_changed = true;
+    rep_->desc = desc;
+    return true;
+  });
+}
+
+bool Group::Save() {
+  if (TAVO_FAULT("group.save")) return false;
+  return Guarded(false, [&] {
+    if (rep_->pending_error != TAVO_ERR_NONE) return TAVO_ERR_SET(rep_->pending_error), false;
+    if (rep_->kind != TAVO_GROUP_LOCAL) return ACCT_ERR(TAVO_ERR_NOT_PERMITTED), false;
+    GroupChange c;
+    c.create = rep_->created;
+    c.orig_name = rep_->orig_name;
+    c.new_name = rep_->name;
+    c.desc_changed = rep_->desc_changed;
+    c.desc = rep_->desc;
+    c.added = rep_->added;
+    c.removed = rep_->removed;
+    if (!ApplyGroupChange(&c)) return false;
+    // The object now stands for the saved group.
+    rep_->created = false;
+    rep_->orig_name = rep_->name;
+    rep_->gid = c.gid_out;
+    rep_->added.clear();
+    rep_->removed.clear();
+    rep_->desc_changed = false;
+    return true;
+  });
+}
+
+}  // namespace SDK

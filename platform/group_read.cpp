@@ -1,0 +1,226 @@
+// The group database's read functions: lookups, descriptions, counts and the
+// paged enumerator. All of them work on the shared snapshots of account_db.h.
+#include <cstdlib>
+#include <cstring>
+
+#include "group_internal.h"
+#include "names.h"
+#include "tavo/group.h"
+#include "tavo/testing.h"
+
+namespace tavo {
+namespace acct {
+
+int KindOfName(const std::string& name) {
+  if (name.find('\\') != std::string::npos) return TAVO_GROUP_DOMAIN;
+  if (name.find('@') != std::string::npos) return TAVO_GROUP_LDAP;
+  return TAVO_GROUP_LOCAL;
+}
+
+std::shared_ptr<const GroupDb> GroupsOfKind(int kind) {
+  switch (kind) {
+    case TAVO_GROUP_LOCAL: return LocalGroups();
+    case TAVO_GROUP_DOMAIN: return DomainGroups();
+    case TAVO_GROUP_LDAP: return LdapGroups();
+    default: ACCT_ERR(TAVO_ERR_ARGUMENT); return nullptr;
+  }
+}
+
+std::string DescriptionOf(const DescDb& descs, const std::string& stored_name) {
+  auto it = descs.find(stored_name);
+  return it == descs.end() ? std::string() : it->second;
+}
+
+namespace {
+
+char* Dup(const std::string& s) {
+  char* p = static_cast<char*>(std::malloc(s.size() + 1));
+  if (!p) throw std::bad_alloc();
+  std::memcpy(p, s.c_str(), s.size() + 1);
+  return p;
+}
+
+// A new TAVO_GROUP record for `g`; frees what it allocated on failure.
+TAVO_GROUP* NewRecord(const GroupLine& g, int kind) {
+  TAVO_GROUP* r = static_cast<TAVO_GROUP*>(std::calloc(1, sizeof(TAVO_GROUP)));
+  if (!r) throw std::bad_alloc();
+  try {
+    r->gid = g.gid;
+    r->kind = kind;
+    r->members = static_cast<char**>(std::calloc(g.members.size() + 1, sizeof(char*)));
+    if (!r->members) throw std::bad_alloc();
+    r->name = Dup(g.name);
+    for (const std::string& m : g.members) r->members[r->member_count++] = Dup(m);
+  } catch (...) {
+    TAVOGroupFree(r);
+    throw;
+  }
+  return r;
+}
+
+// Index of the reachable group named `name` in the list of its kind, or -1
+// with TAVO_ERR_NO_GROUP.
+int FindReachable(const std::string& name, std::shared_ptr<const GroupDb>* db, int* kind) {
+  *kind = KindOfName(name);
+  *db = GroupsOfKind(*kind);
+  if (!*db) return -1;
+  int i = (*db)->Find(name);
+  if (i >= 0 && *kind == TAVO_GROUP_LOCAL) {
+    auto defs = Defs();
+    if (!defs) return -1;
+    if (!IsReachable((*db)->groups[i], *defs)) i = -1;
+  }
+  if (i < 0) ACCT_ERR(TAVO_ERR_NO_GROUP);
+  return i;
+}
+
+bool MatchesDomain(const std::string& name, const std::string& domain) {
+  if (domain.empty()) return true;
+  size_t p = name.find('\\');
+  return p != std::string::npos && EqualIgnoringCase(name.substr(0, p), domain);
+}
+
+}  // namespace
+}  // namespace acct
+}  // namespace tavo
+
+using namespace tavo::acct;
+
+extern "C" {
+
+int TAVOGroupGet(const char* name, TAVO_GROUP** out) {
+  if (out) *out = nullptr;
+  if (!name || !out) return TAVO_ERR_SET(TAVO_ERR_ARGUMENT);
+  if (TAVO_FAULT("group.get")) return -1;
+  return Guarded(-1, [&] {
+    std::shared_ptr<const GroupDb> db;
+    int kind;
+    int i = FindReachable(name, &db, &kind);
+    if (i < 0) return -1;
+    *out = NewRecord(db->groups[i], kind);
+    return 0;
+  });
+}
+
+int TAVOGroupGetByGID(unsigned int gid, TAVO_GROUP** out) {
+  if (out) *out = nullptr;
+  if (!out) return TAVO_ERR_SET(TAVO_ERR_ARGUMENT);
+  if (TAVO_FAULT("group.get")) return -1;
+  return Guarded(-1, [&] {
+    auto db = LocalGroups();
+    auto defs = Defs();
+    if (!db || !defs) return -1;
+    for (const GroupLine& g : db->groups) {
+      if (g.gid == gid && IsReachable(g, *defs)) {
+        *out = NewRecord(g, TAVO_GROUP_LOCAL);
+        return 0;
+      }
+    }
+    return TAVO_ERR_SET(TAVO_ERR_NO_GROUP);
+  });
+}
+
+void TAVOGroupFree(TAVO_GROUP* group) {
+  if (!group) return;
+  if (group->members)
+    for (int i = 0; i < group->member_count; ++i) std::free(group->members[i]);
+  std::free(group->members);
+  std::free(group->name);
+  std::free(group);
+}
+
+int TAVOGroupDescGet(const char* name, char** buf, unsigned int* size) {
+  if (!name || !buf) return TAVO_ERR_SET(TAVO_ERR_ARGUMENT);
+  if (TAVO_FAULT("group.desc")) return -1;
+  return Guarded(-1, [&] {
+    std::shared_ptr<const GroupDb> db;
+    int kind;
+    int i = FindReachable(name, &db, &kind);
+    if (i < 0) return -1;
+    std::string desc;
+    if (kind == TAVO_GROUP_LOCAL) {
+      auto descs = Descriptions();
+      if (!descs) return -1;
+      desc = DescriptionOf(*descs, db->groups[i].name);
+    }
+    char* copy = static_cast<char*>(std::malloc(desc.size() + 1));
+    if (!copy) return TAVO_ERR_SET(TAVO_ERR_NOMEM);
+    std::memcpy(copy, desc.c_str(), desc.size() + 1);
+    *buf = copy;
+    if (size) *size = static_cast<unsigned>(desc.size());
+    return 0;
+  });
+}
+
+int TAVOGroupDelete(const char** names, int count) {
+  if (count < 0 || (count > 0 && !names)) return TAVO_ERR_SET(TAVO_ERR_ARGUMENT);
+  if (TAVO_FAULT("group.delete")) return -1;
+  return Guarded(-1, [&] {
+    std::vector<std::string> list;
+    for (int i = 0; i < count; ++i)
+      if (names[i] && *names[i]) list.emplace_back(names[i]);
+    if (list.empty()) return 0;
+    return DeleteGroups(list);
+  });
+}
+
+int TAVOGroupTotalNum(int kind) {
+  if (TAVO_FAULT("group.total")) return -1;
+  return Guarded(-1, [&] {
+    auto db = GroupsOfKind(kind);
+    if (!db) return -1;
+    if (kind != TAVO_GROUP_LOCAL) return static_cast<int>(db->groups.size());
+    auto defs = Defs();
+    if (!defs) return -1;
+    int n = 0;
+    for (const GroupLine& g : db->groups) n += IsReachable(g, *defs) ? 1 : 0;
+    return n;
+  });
+}
+
+int TAVOGroupIsAdminGroup(const char* name) {
+  if (!name) return TAVO_ERR_SET(TAVO_ERR_ARGUMENT);
+  return Guarded(-1, [&] { return FoldCase(name) == "ADMINISTRATORS" ? 1 : 0; });
+}
+
+int TLIBGroupInfoEnumBySubstr(int kind, const char* domain_name, int offset, int limit,
+                              const char* substr, int flag, TLIB_GROUP_INFO_CB cb, void* ctx) {
+  if (offset < 0 || limit < -1) return TAVO_ERR_SET(TAVO_ERR_ARGUMENT);
+  if (TAVO_FAULT("group.enum")) return -1;
+  return Guarded(-1, [&] {
+    auto db = GroupsOfKind(kind);
+    if (!db) return -1;
+    std::shared_ptr<const LoginDefs> defs;
+    if (kind == TAVO_GROUP_LOCAL && !(defs = Defs())) return -1;
+    const std::string domain = domain_name ? domain_name : "";
+    const std::string needle = substr ? substr : "";
+    const std::string folded_needle = FoldCase(needle);
+    int matched = 0;
+    std::vector<const char*> members;
+    for (int idx : db->Sorted()) {
+      const GroupLine& g = db->groups[idx];
+      if (defs && !IsReachable(g, *defs)) continue;
+      if (kind == TAVO_GROUP_DOMAIN && !MatchesDomain(g.name, domain)) continue;
+      if (!needle.empty()) {
+        bool hit = flag == 1 ? db->folded[idx].find(folded_needle) != std::string::npos
+                             : g.name.find(needle) != std::string::npos;
+        if (!hit) continue;
+      }
+      int pos = matched++;
+      if (!cb || pos < offset || (limit != -1 && pos >= offset + limit)) continue;
+      members.clear();
+      for (const std::string& m : g.members) members.push_back(m.c_str());
+      members.push_back(nullptr);
+      TLIB_GROUP_INFO info{g.name.c_str(), g.gid, members.data()};
+      TLIBCErrClear();
+      if (cb(&info, pos - offset, ctx) < 0) {
+        // Keep the error the callback's own platform call left, if any.
+        if (TLIBCErrGet() == TAVO_ERR_NONE) ACCT_ERR(TAVO_ERR_FAULT);
+        return -1;
+      }
+    }
+    return matched;
+  });
+}
+
+}  // extern "C"

@@ -1,0 +1,263 @@
+// Writers of the group files: one group's change, and deletions.
+//
+// Both read the files after taking the account locks and apply only their own
+// change to the lines as they stand, so concurrent changes by other writers
+// (other threads, other processes, the system's account tools) are kept.
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <set>
+#include <unordered_set>
+
+#include "account_lock.h"
+#include "atomic_write.h"
+#include "group_internal.h"
+#include "names.h"
+#include "snapshot.h"
+#include "tavo/root.h"
+
+namespace tavo {
+namespace acct {
+namespace {
+
+// The current content of the files a group change touches.
+struct GroupFiles {
+  std::string group_path, gshadow_path, desc_path;
+  std::string group_text, gshadow_text, desc_text;
+  bool has_gshadow = false, has_desc = false;
+  std::vector<std::string> group_lines, gshadow_lines, desc_lines;
+
+  bool Read() {
+    group_path = TavoRootPath(kGroupPath);
+    gshadow_path = TavoRootPath(kGshadowPath);
+    desc_path = TavoRootPath(kDescPath);
+    FileKey key;
+    if (!ReadWholeFile(group_path, &group_text, &key)) return false;
+    if (!key.exists) return ACCT_ERR(TAVO_ERR_IO), false;
+    if (!ReadWholeFile(gshadow_path, &gshadow_text, &key)) return false;
+    has_gshadow = key.exists;
+    if (!ReadWholeFile(desc_path, &desc_text, &key)) return false;
+    has_desc = key.exists;
+    group_lines = SplitLines(group_text);
+    gshadow_lines = SplitLines(gshadow_text);
+    desc_lines = SplitLines(desc_text);
+    return true;
+  }
+
+  // Queues the files whose lines changed.
+  void Queue(FileSetWriter* w) const {
+    std::string g = JoinLines(group_lines);
+    if (g != group_text) w->Add(group_path, group_text, true, g);
+    if (has_gshadow) {
+      std::string s = JoinLines(gshadow_lines);
+      if (s != gshadow_text) w->Add(gshadow_path, gshadow_text, true, s, 0640);
+    }
+    std::string d = JoinLines(desc_lines);
+    if (d != desc_text) {
+      size_t slash = desc_path.rfind('/');
+      mkdir(desc_path.substr(0, slash).c_str(), 0755);
+      w->Add(desc_path, desc_text, has_desc, d);
+    }
+  }
+};
+
+int FindLine(const std::vector<std::string>& lines, const std::string& name) {
+  for (size_t i = 0; i < lines.size(); ++i)
+    if (LineName(lines[i]) == name) return static_cast<int>(i);
+  return -1;
+}
+
+// Removes `gone` (exact spelling first, else a case variant) and appends each
+// of `added` not yet present in any case.
+void ApplyMembers(std::vector<std::string>* members, const std::vector<std::string>& added,
+                  const std::vector<std::string>& gone) {
+  for (const std::string& r : gone) {
+    auto it = std::find(members->begin(), members->end(), r);
+    if (it == members->end())
+      it = std::find_if(members->begin(), members->end(),
+                        [&](const std::string& m) { return EqualIgnoringCase(m, r); });
+    if (it != members->end()) members->erase(it);
+  }
+  for (const std::string& a : added) {
+    bool present = std::any_of(members->begin(), members->end(),
+                               [&](const std::string& m) { return EqualIgnoringCase(m, a); });
+    if (!present) members->push_back(a);
+  }
+}
+
+// TAVO_ERR_NONE, or why `name` may not be stored for the group at line `self`
+// (-1 for a new group).
+int CheckNewName(const std::vector<GroupLine>& parsed, const std::vector<bool>& valid,
+                 const LoginDefs& defs, int self, const std::string& name) {
+  int syntax = CheckGroupNameSyntax(name);
+  if (syntax != TAVO_ERR_NONE) return syntax;
+  std::string folded = FoldCase(name);
+  bool self_builtin = self >= 0 && IsBuiltinGroupName(parsed[self].name);
+  if (IsBuiltinGroupName(name) && !self_builtin) return TAVO_ERR_RESERVED;
+  if (self_builtin && FoldCase(parsed[self].name) != folded) return TAVO_ERR_NOT_PERMITTED;
+  for (size_t i = 0; i < parsed.size(); ++i) {
+    if (!valid[i] || static_cast<int>(i) == self || FoldCase(parsed[i].name) != folded) continue;
+    return IsReachable(parsed[i], defs) ? TAVO_ERR_EXISTS : TAVO_ERR_RESERVED;
+  }
+  return TAVO_ERR_NONE;
+}
+
+// Highest GID in use in the range plus one; past the range, the lowest free.
+bool AllocateGid(const std::vector<GroupLine>& parsed, const std::vector<bool>& valid,
+                 const LoginDefs& defs, unsigned* gid) {
+  std::unordered_set<unsigned> used;
+  unsigned highest = 0;
+  bool any = false;
+  for (size_t i = 0; i < parsed.size(); ++i) {
+    if (!valid[i]) continue;
+    unsigned g = parsed[i].gid;
+    used.insert(g);
+    if (g >= defs.gid_min && g <= defs.gid_max && (!any || g > highest)) {
+      highest = g;
+      any = true;
+    }
+  }
+  if (defs.gid_min > defs.gid_max) return false;
+  unsigned next = any ? highest + 1 : defs.gid_min;
+  if (any && highest < defs.gid_max && !used.count(next)) {
+    *gid = next;
+    return true;
+  }
+  if (!any) {
+    *gid = next;
+    return true;
+  }
+  for (unsigned long g = defs.gid_min; g <= defs.gid_max; ++g) {
+    if (!used.count(static_cast<unsigned>(g))) {
+      *gid = static_cast<unsigned>(g);
+      return true;
+    }
+  }
+  return false;
+}
+
+}  // namespace
+
+bool ApplyGroupChange(GroupChange* c) {
+  AccountLock lock;
+  if (!lock.Acquire({TavoRootPath(kGroupPath), TavoRootPath(kGshadowPath)})) return false;
+  GroupFiles f;
+  if (!f.Read()) return false;
+  auto defs = Defs();
+  if (!defs) return false;
+
+  const std::string old_name = c->create ? c->new_name : c->orig_name;
+  const bool renaming = !c->create && c->new_name != c->orig_name;
+  // Every line is parsed only when the name or a new GID must be checked
+  // against all groups; a membership change touches its own line alone.
+  std::vector<GroupLine> parsed(f.group_lines.size());
+  std::vector<bool> valid(f.group_lines.size());
+  int self = -1;
+  for (size_t i = 0; i < f.group_lines.size(); ++i) {
+    bool mine = !c->create && self < 0 && LineName(f.group_lines[i]) == c->orig_name;
+    if (mine || c->create || renaming) valid[i] = ParseGroupLine(f.group_lines[i], &parsed[i]);
+    if (mine && valid[i]) self = static_cast<int>(i);
+  }
+  if (!c->create && self < 0) return ACCT_ERR(TAVO_ERR_NO_GROUP), false;
+  if (c->create || renaming) {
+    int why = CheckNewName(parsed, valid, *defs, self, c->new_name);
+    if (why != TAVO_ERR_NONE) return TAVO_ERR_SET(why), false;
+  }
+
+  // etc/group and etc/gshadow.
+  std::vector<std::string> members;
+  if (c->create) {
+    GroupLine g;
+    g.name = c->new_name;
+    g.password = "x";
+    if (!AllocateGid(parsed, valid, *defs, &g.gid)) return ACCT_ERR(TAVO_ERR_LIMIT), false;
+    ApplyMembers(&g.members, c->added, {});
+    members = g.members;
+    c->gid_out = g.gid;
+    f.group_lines.push_back(FormatGroupLine(g));
+  } else {
+    GroupLine& g = parsed[self];
+    g.name = c->new_name;
+    ApplyMembers(&g.members, c->added, c->removed);
+    members = g.members;
+    c->gid_out = g.gid;
+    f.group_lines[self] = FormatGroupLine(g);
+  }
+  if (f.has_gshadow) {
+    int s = c->create ? -1 : FindLine(f.gshadow_lines, c->orig_name);
+    if (s >= 0) {
+      std::vector<std::string> gm = SplitMembers(GetField(f.gshadow_lines[s], 3));
+      ApplyMembers(&gm, c->added, c->removed);
+      std::string& line = f.gshadow_lines[s];
+      if (!ReplaceField(&line, 0, c->new_name) || !ReplaceField(&line, 3, JoinMembers(gm)))
+        line = c->new_name + ":!::" + JoinMembers(members);
+    } else {
+      if (c->create) {
+        int stale = FindLine(f.gshadow_lines, c->new_name);
+        if (stale >= 0) f.gshadow_lines.erase(f.gshadow_lines.begin() + stale);
+      }
+      f.gshadow_lines.push_back(c->new_name + ":!::" + JoinMembers(members));
+    }
+  }
+
+  // Descriptions: the line moves with a rename and goes with an empty text.
+  if (c->create || renaming || c->desc_changed) {
+    std::string desc = c->desc;
+    if (!c->desc_changed && !c->create) {
+      DescDb old = ParseDescriptions(f.desc_text);
+      auto it = old.find(old_name);
+      desc = it == old.end() ? "" : it->second;
+    }
+    auto& dl = f.desc_lines;
+    dl.erase(std::remove_if(dl.begin(), dl.end(),
+                            [&](const std::string& l) {
+                              std::string n = LineName(l);
+                              return n == old_name || n == c->new_name;
+                            }),
+             dl.end());
+    if (!desc.empty()) dl.push_back(c->new_name + ":" + desc);
+  }
+
+  FileSetWriter writer;
+  f.Queue(&writer);
+  if (!writer.Commit()) return false;
+  return true;
+}
+
+int DeleteGroups(const std::vector<std::string>& names) {
+  AccountLock lock;
+  if (!lock.Acquire({TavoRootPath(kGroupPath), TavoRootPath(kGshadowPath)})) return -1;
+  GroupFiles f;
+  if (!f.Read()) return -1;
+  auto defs = Defs();
+  auto users = Passwd();
+  if (!defs || !users) return -1;
+  std::set<unsigned> primary;
+  for (const PasswdLine& u : users->users) primary.insert(u.gid);
+
+  std::shared_ptr<GroupDb> db = BuildGroupDb(f.group_text);
+  std::set<std::string> gone;  // stored names
+  for (const std::string& name : names) {
+    int i = db->Find(name);
+    if (i < 0) continue;
+    const GroupLine& g = db->groups[i];
+    if (!IsReachable(g, *defs) || IsBuiltinGroupName(g.name) || primary.count(g.gid)) continue;
+    gone.insert(g.name);
+  }
+  if (gone.empty()) return 0;
+  auto drop = [&](std::vector<std::string>* lines) {
+    lines->erase(std::remove_if(lines->begin(), lines->end(),
+                                [&](const std::string& l) { return gone.count(LineName(l)) > 0; }),
+                 lines->end());
+  };
+  drop(&f.group_lines);
+  if (f.has_gshadow) drop(&f.gshadow_lines);
+  drop(&f.desc_lines);
+  FileSetWriter writer;
+  f.Queue(&writer);
+  if (!writer.Commit()) return -1;
+  return static_cast<int>(gone.size());
+}
+
+}  // namespace acct
+}  // namespace tavo

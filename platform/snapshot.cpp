@@ -1,0 +1,100 @@
+// File keys and whole-file reads for the snapshot caches.
+#include "snapshot.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "acct_error.h"
+
+namespace tavo {
+namespace acct {
+namespace {
+
+std::mutex g_gen_mu;
+// Per path, a value of g_counter taken at its last invalidation; paths not in
+// the map have g_base. Values are never reused, so a key read before an
+// invalidation never matches after it, also once the map was emptied.
+std::map<std::string, unsigned long long>* g_generations = nullptr;  // guarded by g_gen_mu
+unsigned long long g_counter = 0;                                     // guarded by g_gen_mu
+unsigned long long g_base = 0;                                        // guarded by g_gen_mu
+
+void FillKey(const struct stat& st, FileKey* key) {
+  key->exists = true;
+  key->dev = st.st_dev;
+  key->ino = st.st_ino;
+  key->size = static_cast<unsigned long long>(st.st_size);
+  key->mtime_ns = static_cast<long long>(st.st_mtim.tv_sec) * 1000000000LL + st.st_mtim.tv_nsec;
+  key->ctime_ns = static_cast<long long>(st.st_ctim.tv_sec) * 1000000000LL + st.st_ctim.tv_nsec;
+}
+
+}  // namespace
+
+unsigned long long SnapshotGeneration(const std::string& path) {
+  std::lock_guard<std::mutex> lock(g_gen_mu);
+  if (!g_generations) return g_base;
+  auto it = g_generations->find(path);
+  return it == g_generations->end() ? g_base : it->second;
+}
+
+void InvalidateSnapshot(const std::string& path) {
+  std::lock_guard<std::mutex> lock(g_gen_mu);
+  if (!g_generations) g_generations = new std::map<std::string, unsigned long long>();
+  if (g_generations->size() > 256) {  // roots change between tests
+    g_generations->clear();
+    g_base = ++g_counter;
+  }
+  (*g_generations)[path] = ++g_counter;
+}
+
+bool StatKey(const std::string& path, FileKey* key) {
+  *key = FileKey();
+  key->generation = SnapshotGeneration(path);
+  struct stat st;
+  if (stat(path.c_str(), &st) != 0) {
+    if (errno == ENOENT || errno == ENOTDIR) return true;
+    ACCT_ERR(TAVO_ERR_IO);
+    return false;
+  }
+  FillKey(st, key);
+  return true;
+}
+
+bool ReadWholeFile(const std::string& path, std::string* content, FileKey* key) {
+  *key = FileKey();
+  key->generation = SnapshotGeneration(path);
+  content->clear();
+  int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) {
+    if (errno == ENOENT || errno == ENOTDIR) return true;
+    ACCT_ERR(TAVO_ERR_IO);
+    return false;
+  }
+  struct stat st;
+  bool ok = fstat(fd, &st) == 0;
+  if (ok) {
+    FillKey(st, key);
+    content->reserve(static_cast<size_t>(st.st_size));
+    char buf[65536];
+    for (;;) {
+      ssize_t n = read(fd, buf, sizeof buf);
+      if (n < 0 && errno == EINTR) continue;
+      if (n < 0) { ok = false; break; }
+      if (n == 0) break;
+      content->append(buf, static_cast<size_t>(n));
+    }
+  }
+  close(fd);
+  if (!ok) ACCT_ERR(TAVO_ERR_IO);
+  return ok;
+}
+
+bool ReportMissing(const std::string&) {
+  ACCT_ERR(TAVO_ERR_IO);
+  return false;
+}
+
+}  // namespace acct
+}  // namespace tavo

@@ -1,0 +1,99 @@
+// Cached, immutable snapshots of files, keyed on the file's identity and time.
+//
+// SnapshotCache<T>::Get(path) returns the parsed form of the file as it is now.
+// The parse is kept and shared (shared_ptr<const T>) until the file's device,
+// inode, size, modification time or change time differ, so a file is parsed
+// once per change however many lookups follow. Writers in this process call
+// InvalidateSnapshot(path) after a write, which covers changes within one tick
+// of the file system's clock.
+//
+// Ownership: a returned snapshot stays valid for as long as the caller holds
+// the pointer, also after the file changes.
+// Thread-safety: Get and InvalidateSnapshot may be called from any thread; the
+// snapshots themselves are immutable.
+// Errors: ReadWholeFile and Get return false / null with the error state set
+// (TAVO_ERR_IO, or TAVO_ERR_NOMEM); a missing file is an empty file when the
+// cache was built with `missing_ok`.
+#ifndef TAVO_PLATFORM_SNAPSHOT_H_
+#define TAVO_PLATFORM_SNAPSHOT_H_
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+
+namespace tavo {
+namespace acct {
+
+struct FileKey {
+  bool exists = false;
+  unsigned long long dev = 0, ino = 0, size = 0;
+  long long mtime_ns = 0, ctime_ns = 0;
+  unsigned long long generation = 0;  // bumped by InvalidateSnapshot
+  bool operator==(const FileKey& o) const {
+    return exists == o.exists && dev == o.dev && ino == o.ino && size == o.size &&
+           mtime_ns == o.mtime_ns && ctime_ns == o.ctime_ns && generation == o.generation;
+  }
+};
+
+// The key of the file at `path` as it is now (exists=false when missing).
+// False (error state set) for a stat failure other than a missing file.
+bool StatKey(const std::string& path, FileKey* key);
+// Reads the whole file with the key of the descriptor it was read from.
+// A missing file gives "" with key.exists=false and true.
+bool ReadWholeFile(const std::string& path, std::string* content, FileKey* key);
+// Forces every cache to re-read the file at `path` on its next Get.
+void InvalidateSnapshot(const std::string& path);
+// The count of invalidations of `path` so far (part of its key).
+unsigned long long SnapshotGeneration(const std::string& path);
+
+template <typename T>
+class SnapshotCache {
+ public:
+  using Parser = std::function<std::shared_ptr<T>(const std::string& content)>;
+  SnapshotCache(Parser parser, bool missing_ok) : parser_(std::move(parser)), missing_ok_(missing_ok) {}
+
+  // `path` is a host path (already inside the root).
+  std::shared_ptr<const T> Get(const std::string& path);
+
+ private:
+  struct Entry {
+    FileKey key;
+    std::shared_ptr<const T> value;
+  };
+  Parser parser_;
+  bool missing_ok_;
+  std::mutex mu_;
+  std::map<std::string, Entry> entries_;  // guarded by mu_
+};
+
+bool ReportMissing(const std::string& path);  // sets TAVO_ERR_IO, returns false
+
+template <typename T>
+std::shared_ptr<const T> SnapshotCache<T>::Get(const std::string& path) {
+  FileKey now;
+  if (!StatKey(path, &now)) return nullptr;
+  {
+    std::lock_guard<std::mutex> lock(mu_);
+    auto it = entries_.find(path);
+    if (it != entries_.end() && it->second.key == now) return it->second.value;
+  }
+  std::string content;
+  FileKey read_key;
+  if (!ReadWholeFile(path, &content, &read_key)) return nullptr;
+  if (!read_key.exists && !missing_ok_) {
+    ReportMissing(path);
+    return nullptr;
+  }
+  std::shared_ptr<const T> value = parser_(content);
+  std::lock_guard<std::mutex> lock(mu_);
+  if (entries_.size() > 64) entries_.clear();  // roots change between tests
+  entries_[path] = Entry{read_key, value};
+  return value;
+}
+
+}  // namespace acct
+}  // namespace tavo
+
+#endif  // TAVO_PLATFORM_SNAPSHOT_H_

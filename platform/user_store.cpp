@@ -1,0 +1,261 @@
+// Users: SDK::User, the user enumerators, expiry, the administrators' counts
+// and the password check. Local users are the passwd entries in
+// UID_MIN..UID_MAX except "nobody" (account_db.h).
+#include <crypt.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+
+#include "group_internal.h"
+#include "names.h"
+#include "tavo/group.h"
+#include "tavo/testing.h"
+#include "tavo/user.h"
+
+namespace tavo {
+namespace acct {
+namespace {
+
+// The index of the local user named `name` (exact spelling first), or -1.
+int FindLocalUser(const UserDb& users, const LoginDefs& defs, const std::string& name) {
+  int i = users.Find(name);
+  if (i >= 0 && IsLocalUser(users.users[i], defs)) return i;
+  // A system account may share the exact spelling; look for a local variant.
+  auto it = users.by_fold.find(FoldCase(name));
+  if (it == users.by_fold.end()) return -1;
+  for (int k : it->second)
+    if (IsLocalUser(users.users[k], defs)) return k;
+  return -1;
+}
+
+// Calls `visit` for each local user ordered by name ignoring case whose name
+// contains `substr`. Stops when `visit` returns false.
+template <typename Visit>
+bool ForEachLocalUser(const char* substr, bool ignore_case, Visit visit) {
+  auto users = Passwd();
+  auto defs = Defs();
+  if (!users || !defs) return false;
+  std::string needle = substr ? substr : "";
+  for (int i : users->sorted) {
+    const PasswdLine& u = users->users[i];
+    if (!IsLocalUser(u, *defs) || !ContainsText(u.name, needle, ignore_case)) continue;
+    if (!visit(u)) break;
+  }
+  return true;
+}
+
+int EnumNames(TLIBC_SZLIST** list, int type, const char* substr, int match_flag) {
+  if (!list || !*list || type != 1) return TAVO_ERR_SET(TAVO_ERR_ARGUMENT);
+  if (TAVO_FAULT("user.enum")) return -1;
+  return Guarded(-1, [&] {
+    int added = 0;
+    bool failed = false;
+    bool ok = ForEachLocalUser(substr, match_flag == 1, [&](const PasswdLine& u) {
+      if (TLIBCSzListAdd(list, u.name.c_str()) != 0) {
+        failed = true;
+        return false;
+      }
+      ++added;
+      return true;
+    });
+    return ok && !failed ? added : -1;
+  });
+}
+
+int EnumInfo(int type, int offset, int limit, const char* substr, int match_flag,
+             TLIB_USER_INFO_CB cb, void* ctx) {
+  if (type != 1 || offset < 0 || limit < -1) return TAVO_ERR_SET(TAVO_ERR_ARGUMENT);
+  if (TAVO_FAULT("user.infoenum")) return -1;
+  return Guarded(-1, [&] {
+    int matched = 0;
+    bool stopped = false;
+    bool ok = ForEachLocalUser(substr, match_flag == 1, [&](const PasswdLine& u) {
+      int pos = matched++;
+      if (!cb || pos < offset || (limit != -1 && pos >= offset + limit)) return true;
+      TLIB_USER_INFO info{u.name.c_str(), u.uid, u.gecos.c_str()};
+      TLIBCErrClear();
+      if (cb(&info, pos - offset, ctx) < 0) {
+        if (TLIBCErrGet() == TAVO_ERR_NONE) ACCT_ERR(TAVO_ERR_FAULT);
+        stopped = true;
+        return false;
+      }
+      return true;
+    });
+    return ok && !stopped ? matched : -1;
+  });
+}
+
+// The members of "administrators" (empty when the group is missing).
+bool AdminMembers(std::vector<std::string>* out) {
+  auto db = LocalGroups();
+  if (!db) return false;
+  int i = db->Find("administrators");
+  if (i >= 0) *out = db->groups[i].members;
+  return true;
+}
+
+bool ConstantTimeEqual(const char* a, const char* b) {
+  size_t la = std::strlen(a), lb = std::strlen(b);
+  unsigned char diff = la != lb;
+  for (size_t i = 0; i < la && i < lb; ++i) diff |= static_cast<unsigned char>(a[i] ^ b[i]);
+  return diff == 0;
+}
+
+}  // namespace
+}  // namespace acct
+}  // namespace tavo
+
+using namespace tavo::acct;
+
+extern "C" {
+
+int TAVOUserCheckExpired(const char* name) {
+  if (!name) return ACCT_ERR(TAVO_ERR_ARGUMENT), 1;
+  return Guarded(1, [&] {
+    auto users = Passwd();
+    auto defs = Defs();
+    auto shadow = Shadow();
+    if (!users || !defs || !shadow) return 1;
+    int i = FindLocalUser(*users, *defs, name);
+    if (i < 0) return ACCT_ERR(TAVO_ERR_NO_USER), 1;
+    return IsExpired(users->users[i], *shadow) ? 1 : 0;
+  });
+}
+
+int TLIBGroupIsAdminGroupMem(const char* user, int flag) {
+  if (!user || flag != 0) return TAVO_ERR_SET(TAVO_ERR_ARGUMENT);
+  return Guarded(-1, [&] {
+    std::vector<std::string> members;
+    if (!AdminMembers(&members)) return -1;
+    for (const std::string& m : members)
+      if (EqualIgnoringCase(m, user)) return 1;
+    return 0;
+  });
+}
+
+int TAVOGroupTotalValidLocalAdmin(void) {
+  if (TAVO_FAULT("admin.count")) return 0;
+  return Guarded(0, [&] {
+    std::vector<std::string> members;
+    auto users = Passwd();
+    auto defs = Defs();
+    auto shadow = Shadow();
+    if (!users || !defs || !shadow || !AdminMembers(&members)) return 0;
+    std::vector<int> valid;  // each user once, however often listed
+    for (const std::string& m : members) {
+      int i = FindLocalUser(*users, *defs, m);
+      if (i >= 0 && !IsExpired(users->users[i], *shadow) &&
+          std::find(valid.begin(), valid.end(), i) == valid.end())
+        valid.push_back(i);
+    }
+    int n = static_cast<int>(valid.size());
+    // No valid administrator is reported like a failure, with its own code.
+    if (n == 0) ACCT_ERR(TAVO_ERR_NO_USER);
+    return n;
+  });
+}
+
+int TAVOUserCheckPassword(const char* name, const char* password) {
+  if (!name || !password) return ACCT_ERR(TAVO_ERR_ARGUMENT), 0;
+  return Guarded(-1, [&] {
+    auto users = Passwd();
+    auto shadow = Shadow();
+    if (!users || !shadow) return -1;
+    int i = users->Find(name);
+    if (i < 0) return 0;
+    const PasswdLine& u = users->users[i];
+    auto it = shadow->find(u.name);
+    std::string hash = it != shadow->end() ? it->second.hash : u.password;
+    if (hash.empty() || hash[0] == '!' || hash[0] == '*' || hash == "x") return 0;
+    auto data = std::make_unique<crypt_data>();
+    std::memset(data.get(), 0, sizeof(crypt_data));
+    const char* out = crypt_r(password, hash.c_str(), data.get());
+    if (!out || out[0] == '*') return 0;
+    return ConstantTimeEqual(out, hash.c_str()) ? 1 : 0;
+  });
+}
+
+int TLIBUserEnum(TLIBC_SZLIST** list, int type, int flag) {
+  (void)flag;
+  return EnumNames(list, type, nullptr, 0);
+}
+
+int TLIBUserEnumBySubstr(TLIBC_SZLIST** list, int type, int flag, const char* substr,
+                         int match_flag) {
+  (void)flag;
+  return EnumNames(list, type, substr, match_flag);
+}
+
+int TLIBUserInfoEnum(int type, int flag, int offset, int limit, TLIB_USER_INFO_CB cb, void* ctx) {
+  (void)flag;
+  return EnumInfo(type, offset, limit, nullptr, 0, cb, ctx);
+}
+
+int TLIBUserInfoEnumBySubstr(int type, int flag, int offset, int limit, const char* substr,
+                             int match_flag, TLIB_USER_INFO_CB cb, void* ctx) {
+  (void)flag;
+  return EnumInfo(type, offset, limit, substr, match_flag, cb, ctx);
+}
+
+}  // extern "C"
+
+namespace SDK {
+
+struct User::Rep {
+  std::string name;
+  unsigned uid = 0;
+  std::string desc;
+};
+
+User::User(std::unique_ptr<Rep> rep) : rep_(std::move(rep)) {}
+User::~User() = default;
+
+User* User::LoadUser(const std::string& name) {
+  return Guarded<User*>(nullptr, [&]() -> User* {
+    auto users = Passwd();
+    auto defs = Defs();
+    if (!users || !defs) return nullptr;
+    int i = FindLocalUser(*users, *defs, name);
+    if (i < 0) return ACCT_ERR(TAVO_ERR_NO_USER), nullptr;
+    auto rep = std::make_unique<Rep>();
+    rep->name = users->users[i].name;
+    rep->uid = users->users[i].uid;
+    rep->desc = users->users[i].gecos;
+    return new User(std::move(rep));
+  });
+}
+
+User* User::LoadUser(int uid) {
+  return Guarded<User*>(nullptr, [&]() -> User* {
+    auto users = Passwd();
+    auto defs = Defs();
+    if (!users || !defs) return nullptr;
+    for (const PasswdLine& u : users->users) {
+      if (static_cast<int>(u.uid) != uid || !IsLocalUser(u, *defs)) continue;
+      auto rep = std::make_unique<Rep>();
+      rep->name = u.name;
+      rep->uid = u.uid;
+      rep->desc = u.gecos;
+      return new User(std::move(rep));
+    }
+    return ACCT_ERR(TAVO_ERR_NO_USER), nullptr;
+  });
+}
+
+bool User::IsUserExist(const std::string& name) {
+  return Guarded(false, [&] {
+    auto users = Passwd();
+    auto defs = Defs();
+    return users && defs && FindLocalUser(*users, *defs, name) >= 0;
+  });
+}
+
+void User::Release(User* user) { delete user; }
+
+std::string User::GetName() const { return rep_->name; }
+unsigned int User::GetUID() const { return rep_->uid; }
+std::string User::GetDesc() const { return rep_->desc; }
+
+}  // namespace SDK

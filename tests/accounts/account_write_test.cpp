@@ -1,0 +1,196 @@
+// Writing groups: creation, GID allocation, renames with descriptions,
+// membership changes, deletion rules, refused names and failed writes.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <string>
+#include <vector>
+
+#include "tavo/error.h"
+#include "tavo/group.h"
+#include "tavo/testing.h"
+#include "temp_root.h"
+
+namespace {
+
+using tavo_test::TempRoot;
+
+bool Contains(const std::string& text, const std::string& piece) {
+  return text.find(piece) != std::string::npos;
+}
+
+unsigned CreateSaved(const std::string& name, const std::string& desc = "") {
+  SDK::Group* g = SDK::Group::CreateGroup(name);
+  if (!g) return 0;
+  g->SetDesc(desc);
+  bool ok = g->Save();
+  unsigned gid = g->GetGID();
+  SDK::Group::Release(g);
+  return ok ? gid : 0;
+}
+
+TEST(GroupWrite, CreateAllocatesGidsLikeTheAccountTools) {
+  TempRoot root;
+  root.AddGroup("high", 1200);
+  EXPECT_EQ(1201u, CreateSaved("one", "first group"));
+  EXPECT_TRUE(Contains(root.Read("/etc/group"), "\none:x:1201:\n"));
+  EXPECT_TRUE(Contains(root.Read("/etc/gshadow"), "\none:!::\n"));
+  EXPECT_EQ("one:first group\n", root.Read("/etc/tavo/group_desc"));
+  // Past GID_MAX the lowest free GID is used; with none left, LIMIT.
+  root.Write("/etc/login.defs", "GID_MIN 1200\nGID_MAX 1202\n");
+  EXPECT_EQ(1202u, CreateSaved("two"));
+  SDK::Group* g = SDK::Group::CreateGroup("three");
+  ASSERT_NE(nullptr, g);
+  EXPECT_FALSE(g->Save());
+  EXPECT_EQ(TAVO_ERR_LIMIT, TLIBCErrGet());
+  SDK::Group::Release(g);
+  EXPECT_FALSE(SDK::Group::IsGroupExist("three"));
+}
+
+TEST(GroupWrite, RenameMovesDescriptionAndKeepsGshadowInStep) {
+  TempRoot root;
+  root.AddGroup("staff", 1500, {"admin"});
+  root.SetDescription("staff", "old text");
+  SDK::Group* g = SDK::Group::LoadGroup("STAFF");
+  ASSERT_NE(nullptr, g);
+  EXPECT_EQ("old text", g->GetDesc());
+  std::string name = "Personal";
+  EXPECT_TRUE(g->SetName(name));
+  EXPECT_TRUE(g->AddMember("guest"));
+  ASSERT_TRUE(g->Save());
+  SDK::Group::Release(g);
+  EXPECT_TRUE(Contains(root.Read("/etc/group"), "\nPersonal:x:1500:admin,guest\n"));
+  EXPECT_TRUE(Contains(root.Read("/etc/gshadow"), "\nPersonal:!::admin,guest\n"));
+  EXPECT_EQ("Personal:old text\n", root.Read("/etc/tavo/group_desc"));
+  EXPECT_FALSE(SDK::Group::IsGroupExist("staff"));
+  // A change of case alone is a rename of its own.
+  g = SDK::Group::LoadGroup("personal");
+  name = "PERSONAL";
+  ASSERT_TRUE(g->SetName(name));
+  ASSERT_TRUE(g->Save());
+  SDK::Group::Release(g);
+  EXPECT_TRUE(Contains(root.Read("/etc/group"), "\nPERSONAL:x:1500:admin,guest\n"));
+  EXPECT_EQ("PERSONAL:old text\n", root.Read("/etc/tavo/group_desc"));
+  // Clearing the description removes its line; backups are kept.
+  g = SDK::Group::LoadGroup("personal");
+  ASSERT_TRUE(g->SetDesc(""));
+  ASSERT_TRUE(g->Save());
+  SDK::Group::Release(g);
+  EXPECT_EQ("", root.Read("/etc/tavo/group_desc"));
+  EXPECT_TRUE(Contains(root.Read("/etc/group-"), "\nPersonal:x:1500:admin,guest\n"));
+}
+
+TEST(GroupWrite, SaveKeepsOtherWritersChangesAndNoticesDeletion) {
+  TempRoot root;
+  root.AddGroup("team", 1500, {"admin"});
+  SDK::Group* g = SDK::Group::LoadGroup("team");
+  ASSERT_NE(nullptr, g);
+  // Meanwhile another program adds "guest" to the same group.
+  root.Write("/etc/group", root.Read("/etc/group") + "other:x:1501:\n");
+  std::string text = root.Read("/etc/group");
+  text.replace(text.find("team:x:1500:admin"), 17, "team:x:1500:admin,guest");
+  root.Write("/etc/group", text);
+  EXPECT_TRUE(g->RemoveMember("ADMIN"));
+  ASSERT_TRUE(g->Save());
+  EXPECT_TRUE(Contains(root.Read("/etc/group"), "\nteam:x:1500:guest\n"));
+  EXPECT_TRUE(Contains(root.Read("/etc/group"), "\nother:x:1501:\n"));
+  const char* names[] = {"team"};
+  EXPECT_EQ(1, TAVOGroupDelete(names, 1));
+  EXPECT_TRUE(g->AddMember("admin"));
+  EXPECT_FALSE(g->Save());
+  EXPECT_EQ(TAVO_ERR_NO_GROUP, TLIBCErrGet());
+  SDK::Group::Release(g);
+}
+
+TEST(GroupWrite, DeletionRefusesBuiltinsSystemAndPrimaryGroups) {
+  TempRoot root;
+  root.AddGroup("plain", 1500);
+  root.AddGroup("primary", 1501);
+  root.AddGroup("other", 1502);
+  root.SetDescription("plain", "bye");
+  root.AddUser("pat", 1005, 1501);
+  const char* names[] = {"PLAIN", "primary", "users", "administrators", "sudo", "nosuch", "plain"};
+  EXPECT_EQ(1, TAVOGroupDelete(names, 7));
+  EXPECT_FALSE(SDK::Group::IsGroupExist("plain"));
+  for (const char* kept : {"primary", "users", "administrators", "sudo", "other"})
+    EXPECT_TRUE(SDK::Group::IsGroupExist(kept)) << kept;
+  EXPECT_FALSE(Contains(root.Read("/etc/gshadow"), "plain:"));
+  EXPECT_EQ("", root.Read("/etc/tavo/group_desc"));
+  EXPECT_EQ(0, TAVOGroupDelete(names, 0));
+}
+
+// Names that may not be stored, as a new group and as a rename target.
+TEST(GroupWrite, RefusedNamesNeverReachTheFiles) {
+  TempRoot root;
+  root.AddGroup("taken", 1500);
+  root.AddGroup("victim", 1501);
+  const std::string before = root.Read("/etc/group");
+  struct Case {
+    std::string name;
+    int create_error;
+  };
+  const std::vector<Case> cases = {
+      {"a:b", TAVO_ERR_BAD_VALUE},   {"line\nbreak", TAVO_ERR_BAD_VALUE},
+      {"x,y", TAVO_ERR_BAD_VALUE},   {std::string(33, 'a'), TAVO_ERR_BAD_VALUE},
+      {"two words", TAVO_ERR_BAD_VALUE}, {"-dash", TAVO_ERR_BAD_VALUE},
+      {"12345", TAVO_ERR_BAD_VALUE}, {"a/b", TAVO_ERR_BAD_VALUE},
+      {"bad\xff", TAVO_ERR_BAD_VALUE}, {"", TAVO_ERR_BAD_VALUE},
+      {"..", TAVO_ERR_RESERVED},     {"Users", TAVO_ERR_RESERVED},
+      {"SUDO", TAVO_ERR_RESERVED},   {"shadow", TAVO_ERR_RESERVED},
+      {"TAKEN", TAVO_ERR_EXISTS},
+  };
+  for (const Case& c : cases) {
+    TLIBCErrClear();
+    EXPECT_EQ(nullptr, SDK::Group::CreateGroup(c.name)) << c.name;
+    EXPECT_EQ(c.create_error, TLIBCErrGet()) << c.name;
+    SDK::Group* g = SDK::Group::LoadGroup("victim");
+    ASSERT_NE(nullptr, g);
+    std::string name = c.name;
+    EXPECT_FALSE(g->SetName(name)) << c.name;
+    EXPECT_FALSE(g->Save()) << c.name;
+    EXPECT_EQ(c.create_error, TLIBCErrGet()) << c.name;
+    SDK::Group::Release(g);
+  }
+  EXPECT_EQ(before, root.Read("/etc/group"));
+  EXPECT_NE(0u, CreateSaved(std::string(32, 'b')));
+  // Descriptions with control characters or too long are refused as well.
+  SDK::Group* g = SDK::Group::LoadGroup("victim");
+  EXPECT_FALSE(g->SetDesc("two\nlines"));
+  EXPECT_FALSE(g->Save());
+  EXPECT_EQ(TAVO_ERR_BAD_VALUE, TLIBCErrGet());
+  SDK::Group::Release(g);
+  g = SDK::Group::LoadGroup("victim");
+  EXPECT_FALSE(g->SetDesc(std::string(257, 'd')));
+  EXPECT_TRUE(g->SetDesc(std::string(256, 'd')));
+  SDK::Group::Release(g);
+}
+
+TEST(GroupWrite, FailedWritesLeaveTheOldFilesIntact) {
+  TempRoot root;
+  root.AddGroup("team", 1500, {"admin"});
+  const std::string group = root.Read("/etc/group");
+  const std::string gshadow = root.Read("/etc/gshadow");
+  struct stat before;
+  ASSERT_EQ(0, stat(root.Path("/etc/group").c_str(), &before));
+  for (const char* point : {"file.rename", "file.write"}) {
+    SDK::Group* g = SDK::Group::LoadGroup("team");
+    ASSERT_NE(nullptr, g);
+    std::string name = "renamed";
+    ASSERT_TRUE(g->SetName(name));
+    ASSERT_TRUE(g->SetDesc("text"));
+    tavo::testing::FailNext(point, TAVO_ERR_IO);
+    EXPECT_FALSE(g->Save()) << point;
+    EXPECT_EQ(TAVO_ERR_IO, TLIBCErrGet());
+    SDK::Group::Release(g);
+    EXPECT_EQ(group, root.Read("/etc/group")) << point;
+    EXPECT_EQ(gshadow, root.Read("/etc/gshadow")) << point;
+    EXPECT_EQ("", root.Read("/etc/tavo/group_desc")) << point;
+  }
+  // No temporary files are left behind.
+  EXPECT_NE(0, TempRoot::Run("ls -A " + root.Path("/etc") + " | grep -q '\\.tavo\\.'"));
+  struct stat after;
+  ASSERT_EQ(0, stat(root.Path("/etc/group").c_str(), &after));
+  EXPECT_EQ(before.st_ino, after.st_ino);
+}
+
+}  // namespace
