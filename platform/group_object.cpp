@@ -143,8 +143,10 @@ bool Group::SetName(std::string& name) {
       rep_->pending_error = TAVO_ERR_NOT_PERMITTED;
     } else if (name == rep_->name) {
       return true;
-    } else if (!rep_->created && IsBuiltinGroupName(rep_->orig_name)) {
-      rep_->pending_error = TAVO_ERR_NOT_PERMITTED;
+    } else if (!rep_->created && IsBuiltinGroupName(rep_->orig_name) &&
+               FoldCase(name) != FoldCase(rep_->orig_name)) {
+      // The built-ins keep their names (a change of letter case is allowed).
+      rep_->pending_error = TAVO_ERR_RESERVED;
     } else {
       rep_->pending_error = NewNameProblem(name, rep_->created ? "" : rep_->orig_name);
     }

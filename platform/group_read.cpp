@@ -207,7 +207,7 @@ int TLIBGroupInfoEnumBySubstr(int kind, const char* domain_name, int offset, int
         if (!hit) continue;
       }
       int pos = matched++;
-      if (!cb || pos < offset || (limit != -1 && pos >= offset + limit)) continue;
+      if (!cb || pos < offset || (limit != -1 && pos >= static_cast<long long>(offset) + limit)) continue;
       members.clear();
       for (const std::string& m : g.members) members.push_back(m.c_str());
       members.push_back(nullptr);

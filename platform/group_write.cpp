@@ -94,7 +94,7 @@ int CheckNewName(const std::vector<GroupLine>& parsed, const std::vector<bool>& 
   std::string folded = FoldCase(name);
   bool self_builtin = self >= 0 && IsBuiltinGroupName(parsed[self].name);
   if (IsBuiltinGroupName(name) && !self_builtin) return TAVO_ERR_RESERVED;
-  if (self_builtin && FoldCase(parsed[self].name) != folded) return TAVO_ERR_NOT_PERMITTED;
+  if (self_builtin && FoldCase(parsed[self].name) != folded) return TAVO_ERR_RESERVED;
   for (size_t i = 0; i < parsed.size(); ++i) {
     if (!valid[i] || static_cast<int>(i) == self || FoldCase(parsed[i].name) != folded) continue;
     return IsReachable(parsed[i], defs) ? TAVO_ERR_EXISTS : TAVO_ERR_RESERVED;

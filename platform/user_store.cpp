@@ -73,7 +73,7 @@ int EnumInfo(int type, int offset, int limit, const char* substr, int match_flag
     bool stopped = false;
     bool ok = ForEachLocalUser(substr, match_flag == 1, [&](const PasswdLine& u) {
       int pos = matched++;
-      if (!cb || pos < offset || (limit != -1 && pos >= offset + limit)) return true;
+      if (!cb || pos < offset || (limit != -1 && pos >= static_cast<long long>(offset) + limit)) return true;
       TLIB_USER_INFO info{u.name.c_str(), u.uid, u.gecos.c_str()};
       TLIBCErrClear();
       if (cb(&info, pos - offset, ctx) < 0) {

@@ -85,6 +85,9 @@ TEST(GroupRead, PagesAreOrderedIgnoringCaseAndCountAllMatches) {
   page.names.clear();
   EXPECT_EQ(1, TLIBGroupInfoEnumBySubstr(1, "", 0, 0, "Team", 0, Collect, &page));
   EXPECT_TRUE(page.names.empty());
+  // A limit near the int range does not wrap around.
+  EXPECT_EQ(2, TLIBGroupInfoEnumBySubstr(1, "", 1, 2147483647, "TEAM", 1, Collect, &page));
+  EXPECT_EQ((std::vector<std::string>{"Team-Blue"}), page.names);
   EXPECT_EQ(-1, TLIBGroupInfoEnumBySubstr(3, "", 0, -1, "", 1, Collect, &page));
 }
 

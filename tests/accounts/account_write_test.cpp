@@ -151,6 +151,16 @@ TEST(GroupWrite, RefusedNamesNeverReachTheFiles) {
     EXPECT_EQ(c.create_error, TLIBCErrGet()) << c.name;
     SDK::Group::Release(g);
   }
+  // The built-ins keep their names; only the letter case may change.
+  for (const char* builtin : {"administrators", "users"}) {
+    SDK::Group* g = SDK::Group::LoadGroup(builtin);
+    ASSERT_NE(nullptr, g);
+    std::string name = "renamed";
+    EXPECT_FALSE(g->SetName(name)) << builtin;
+    EXPECT_FALSE(g->Save()) << builtin;
+    EXPECT_EQ(TAVO_ERR_RESERVED, TLIBCErrGet()) << builtin;
+    SDK::Group::Release(g);
+  }
   EXPECT_EQ(before, root.Read("/etc/group"));
   EXPECT_NE(0u, CreateSaved(std::string(32, 'b')));
   // Descriptions with control characters or too long are refused as well.

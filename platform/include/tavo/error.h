@@ -48,8 +48,15 @@ void TLIBCErrClear(void);
 
 }  // extern "C"
 
+// Records `code` at `file`:`line` and returns -1.
+inline int TavoErrRaise(int code, const char* file, int line) {
+  TLIBCErrSet(code, file, line);
+  return -1;
+}
+
 // Records `code` with the current source location; evaluates to -1 so that a
-// failing function can `return TAVO_ERR_SET(TAVO_ERR_IO);`.
-#define TAVO_ERR_SET(code) (TLIBCErrSet((code), __FILE__, __LINE__), -1)
+// failing function can `return TAVO_ERR_SET(TAVO_ERR_IO);`. Usable as a plain
+// statement too.
+#define TAVO_ERR_SET(code) TavoErrRaise((code), __FILE__, __LINE__)
 
 #endif  // TAVO_ERROR_H_
