@@ -53,17 +53,23 @@ void GroupList(TAVO::APIRequest* request, TAVO::APIResponse* response) {
   Finish(ok, checker, request, response, &GroupHandler::List);
 }
 
-// get, delete and admin_check of groups: "name" then "gid", each one or many.
-void CheckNamesAndGids(TAVO::APIRequest* request, TAVO::APIResponse* response,
-                       void (GroupHandler::*operation)()) {
+// "name" then `id_name` ("gid" or "uid"), each one value or many.
+void CheckNamesAndIds(TAVO::APIRequest* request, TAVO::APIResponse* response,
+                      const char* id_name, void (GroupHandler::*operation)()) {
   ParamChecker checker(request, response);
   ValidatorPtr str = MakeString();
   ValidatorPtr uint = MakeUInt();
   ValidatorPtr str_array = MakeStringArray();
   ValidatorPtr uint_array = MakeUIntArray();
   bool ok = CheckOneOrMany(checker, "name", str, str_array) &&
-            CheckOneOrMany(checker, "gid", uint, uint_array);
+            CheckOneOrMany(checker, id_name, uint, uint_array);
   Finish(ok, checker, request, response, operation);
+}
+
+// get, delete and admin_check of groups.
+void CheckNamesAndGids(TAVO::APIRequest* request, TAVO::APIResponse* response,
+                       void (GroupHandler::*operation)()) {
+  CheckNamesAndIds(request, response, "gid", operation);
 }
 
 void GroupGet(TAVO::APIRequest* request, TAVO::APIResponse* response) {
@@ -138,14 +144,7 @@ void MemberRemove(TAVO::APIRequest* request, TAVO::APIResponse* response) {
 }
 
 void MemberAdminCheck(TAVO::APIRequest* request, TAVO::APIResponse* response) {
-  ParamChecker checker(request, response);
-  ValidatorPtr str = MakeString();
-  ValidatorPtr uint = MakeUInt();
-  ValidatorPtr str_array = MakeStringArray();
-  ValidatorPtr uint_array = MakeUIntArray();
-  bool ok = CheckOneOrMany(checker, "name", str, str_array) &&
-            CheckOneOrMany(checker, "uid", uint, uint_array);
-  Finish(ok, checker, request, response, &GroupHandler::CheckAdminMember);
+  CheckNamesAndIds(request, response, "uid", &GroupHandler::CheckAdminMember);
 }
 
 }  // namespace

@@ -157,4 +157,21 @@ SDK::Group* GroupHandler::FetchTargetGroup(const std::string& name_param) {
   return group;
 }
 
+SDK::Group* GroupHandler::LockChangeableGroup(int* fd) {
+  if (!ExLock()) return nullptr;
+  if (!LockFile("/tmp/userlock", false, fd)) return nullptr;
+  SDK::Group* group = FetchTargetGroup("group");
+  if (group == nullptr) return nullptr;
+  const std::string name = group->GetName();
+  if (GroupKindOf(name) != TAVO_GROUP_LOCAL) {
+    code_ = kApiNotLocal;
+  } else if (SameNameIgnoringCase(name, "users")) {
+    code_ = kApiUsersFixed;
+  } else {
+    return group;
+  }
+  SDK::Group::Release(group);
+  return nullptr;
+}
+
 }  // namespace group_module

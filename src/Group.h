@@ -97,6 +97,11 @@ class GroupHandler : public ServerFormHandler {
   // Resolves the target group from the parameter `name_param` or else "gid".
   // Null (with the code set) when it cannot be loaded; the caller releases it.
   SDK::Group* FetchTargetGroup(const std::string& name_param);
+  // For member changes: takes the exclusive group lock, then the user lock
+  // (into *fd), resolves the target from "group" or "gid" and refuses
+  // directory groups (3213) and "users" (3216). Null with the code set on
+  // failure; the caller releases *fd and the returned group.
+  SDK::Group* LockChangeableGroup(int* fd);
 
  private:
   TAVO::APIRequest* request_;

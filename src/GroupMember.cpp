@@ -196,19 +196,9 @@ void GroupHandler::AddMember() {
     code_ = kApiSuccess;
     goto end;
   }
-  if (!ExLock()) goto end;
-  if (!LockFile("/tmp/userlock", false, &fd)) goto end;
-  group = FetchTargetGroup("group");
+  group = LockChangeableGroup(&fd);
   if (group == nullptr) goto end;
   group_name = group->GetName();
-  if (GroupKindOf(group_name) != TAVO_GROUP_LOCAL) {
-    code_ = kApiNotLocal;
-    goto end;
-  }
-  if (SameNameIgnoringCase(group_name, "users")) {
-    code_ = kApiUsersFixed;
-    goto end;
-  }
   is_admin_group = SameNameIgnoringCase(group_name, "administrators");
   AppendUidNames(uids, names);
   for (Json::ArrayIndex i = 0; i < names.size(); ++i) {
