@@ -1,0 +1,32 @@
+// The subcommands of the `tavo` program. Each takes the arguments after its
+// name and returns the process exit status:
+//   0 success; 1 failure (an API error for `call`, a failure to start or to
+//   write for the others); 2 usage error; 3 `call` could not load its modules.
+//
+// Thread-safety: meant to be called once from main.
+#ifndef TAVO_SERVER_CLI_H_
+#define TAVO_SERVER_CLI_H_
+
+#include <string>
+#include <vector>
+
+namespace tavo_server {
+
+constexpr int kExitOk = 0;
+constexpr int kExitFailure = 1;
+constexpr int kExitUsage = 2;
+constexpr int kExitModules = 3;
+
+int ServeMain(const std::vector<std::string>& args);
+int CallMain(const std::vector<std::string>& args);
+int InitMain(const std::vector<std::string>& args);
+int LogMain(const std::vector<std::string>& args);
+
+// Loads the modules of `dir` plus the server's own API into `modules`;
+// prints why on stderr and returns false when any module is refused.
+class ModuleSet;
+bool LoadAllModules(const std::string& dir, ModuleSet* modules, bool warn_if_none);
+
+}  // namespace tavo_server
+
+#endif  // TAVO_SERVER_CLI_H_

@@ -1,0 +1,93 @@
+// `tavo serve`: loads the modules and serves them over HTTP until SIGINT or
+// SIGTERM.
+#include <pthread.h>
+#include <signal.h>
+#include <syslog.h>
+
+#include <cstdio>
+#include <thread>
+
+#include "cli.h"
+#include "eventlog_api.h"
+#include "http_server.h"
+#include "module_loader.h"
+#include "options.h"
+#include "tavo/root.h"
+
+namespace tavo_server {
+
+bool LoadAllModules(const std::string& dir, ModuleSet* modules, bool warn_if_none) {
+  Status s = RegisterEventLogApi(modules);
+  int loaded = 0;
+  if (s.ok()) s = modules->LoadFolder(dir, &loaded);
+  if (!s.ok()) {
+    fprintf(stderr, "tavo: %s\n", s.message().c_str());
+    return false;
+  }
+  if (loaded == 0 && warn_if_none)
+    fprintf(stderr, "tavo: warning: no module found in %s; only the server's own API is served\n",
+            dir.c_str());
+  return true;
+}
+
+int ServeMain(const std::vector<std::string>& args) {
+  ServeOptions options;
+  Status s = ParseServeOptions(args, &options);
+  if (!s.ok()) {
+    fprintf(stderr, "tavo serve: %s\n%s", s.message().c_str(), ServeUsage().c_str());
+    return kExitUsage;
+  }
+  if (options.help) {
+    fputs(ServeUsage().c_str(), stdout);
+    return kExitOk;
+  }
+  s = ResolveRoot(options.root, &options.root);
+  if (!s.ok()) {
+    fprintf(stderr, "tavo serve: %s\n", s.message().c_str());
+    return kExitUsage;
+  }
+  tavo::TavoRootSet(options.root);
+  // The modules' system-log lines are copied to standard error.
+  openlog("tavo", LOG_PERROR | LOG_PID, LOG_USER);
+
+  ModuleSet modules;
+  if (!LoadAllModules(options.modules_dir, &modules, true)) return kExitFailure;
+
+  // SIGINT and SIGTERM are taken by a thread of their own, which stops the
+  // server; every other thread (the workers too) keeps them blocked.
+  sigset_t stop_signals;
+  sigemptyset(&stop_signals);
+  sigaddset(&stop_signals, SIGINT);
+  sigaddset(&stop_signals, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
+  signal(SIGPIPE, SIG_IGN);
+
+  HttpServer server(options, modules);
+  int port = 0;
+  s = server.Bind(&port);
+  if (!s.ok()) {
+    fprintf(stderr, "tavo serve: %s\n", s.message().c_str());
+    return kExitFailure;
+  }
+  std::string host = options.host.find(':') != std::string::npos ? "[" + options.host + "]" : options.host;
+  printf("tavo: listening on http://%s:%d\n", host.c_str(), port);
+  printf("Open http://%s:%d/ in a browser and log in as a member of administrators.\n",
+         host.c_str(), port);
+  fflush(stdout);
+  fprintf(stderr, "tavo: root %s, modules %s, web %s, %d workers\n", options.root.c_str(),
+          options.modules_dir.c_str(), options.web_dir.c_str(), options.workers);
+
+  std::thread stopper([&server, stop_signals] {
+    int sig = 0;
+    sigwait(&stop_signals, &sig);
+    if (sig != 0) fprintf(stderr, "tavo: signal %d, stopping\n", sig);
+    server.Stop();
+  });
+  bool ok = server.Run();
+  // Wake the signal thread if the server ended on its own.
+  pthread_kill(stopper.native_handle(), SIGTERM);
+  stopper.join();
+  return ok ? kExitOk : kExitFailure;
+}
+
+}  // namespace tavo_server

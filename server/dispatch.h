@@ -1,0 +1,48 @@
+// Dispatch: turns one API call into the answer envelope by running the
+// method's entry function on the calling thread.
+//
+// The request account (account.h) is set to `account` for the duration of the
+// call. Whatever the entry function throws is caught and logged, and the call
+// is answered with code 3299; the process carries on.
+//
+// Thread-safety: Call may run on many threads at once over one const ModuleSet.
+#ifndef TAVO_SERVER_DISPATCH_H_
+#define TAVO_SERVER_DISPATCH_H_
+
+#include <json/value.h>
+
+#include <string>
+
+#include "module_loader.h"
+
+namespace tavo_server {
+
+// One API call, as read from an HTTP request or the command line.
+struct ApiCall {
+  std::string api;
+  int version = 1;
+  std::string method;
+  Json::Value params{Json::objectValue};
+};
+
+// Reads {"api", "version", "method", "params"}: "api" and "method" non-empty
+// strings, "version" (default 1) an integer >= 1 given as a number or decimal
+// text, "params" (default {}) an object. On failure returns false with a
+// plain message in *error.
+bool CallFromJson(const Json::Value& body, ApiCall* call, std::string* error);
+
+struct CallResult {
+  ModuleSet::Lookup lookup = ModuleSet::Lookup::kFound;
+  Json::Value envelope;  // set only when lookup == kFound
+  int code = 0;          // the API code of the answer (3200 for success)
+};
+
+// Runs the call. When the method is unknown, only `lookup` is meaningful.
+CallResult Dispatch(const ModuleSet& modules, const ApiCall& call, const std::string& account);
+
+// A plain message for a failed lookup, e.g. "unknown API 'X'".
+std::string LookupMessage(ModuleSet::Lookup lookup, const ApiCall& call);
+
+}  // namespace tavo_server
+
+#endif  // TAVO_SERVER_DISPATCH_H_

@@ -1,0 +1,76 @@
+// The API routes of the HTTP server: POST /api, GET /api and GET /api/info.
+#include "access_log.h"
+#include "dispatch.h"
+#include "http_impl.h"
+#include "json_util.h"
+
+namespace tavo_server {
+namespace {
+
+void Serve(const ModuleSet& modules, const ApiCall& call, const std::string& account,
+           httplib::Response& res) {
+  access_log::SetCall(call.api, call.version, call.method);
+  CallResult result = Dispatch(modules, call, account);
+  if (result.lookup != ModuleSet::Lookup::kFound) {
+    SendError(res, 404, LookupMessage(result.lookup, call));
+    return;
+  }
+  access_log::SetCode(result.code);
+  SendJson(res, result.envelope);
+}
+
+}  // namespace
+
+void HttpServer::Impl::ApiInfo(const httplib::Request& req, httplib::Response& res) {
+  SessionStore::Session s;
+  if (!Authorize(req, res, &s)) return;
+  Json::Value out(Json::objectValue);
+  out["success"] = true;
+  out["data"] = modules.Info();
+  SendJson(res, out);
+}
+
+void HttpServer::Impl::ApiPost(const httplib::Request& req, httplib::Response& res) {
+  SessionStore::Session s;
+  if (!Authorize(req, res, &s)) return;
+  Json::Value body;
+  if (!ParseJson(req.body, &body)) {
+    SendError(res, 400, "the request body is not JSON");
+    return;
+  }
+  ApiCall call;
+  std::string error;
+  if (!CallFromJson(body, &call, &error)) {
+    SendError(res, 400, error);
+    return;
+  }
+  Serve(modules, call, s.account, res);
+}
+
+void HttpServer::Impl::ApiGet(const httplib::Request& req, httplib::Response& res) {
+  SessionStore::Session s;
+  if (!Authorize(req, res, &s)) return;
+  // api, version and method name the call; every other query parameter is a
+  // parameter of the method, read as JSON when it parses as JSON.
+  Json::Value body(Json::objectValue);
+  Json::Value params(Json::objectValue);
+  for (const auto& kv : req.params) {
+    if (kv.first == "api" || kv.first == "method") {
+      body[kv.first] = kv.second;
+    } else if (kv.first == "version") {
+      body[kv.first] = ValueFromText(kv.second);
+    } else {
+      params[kv.first] = ValueFromText(kv.second);
+    }
+  }
+  body["params"] = params;
+  ApiCall call;
+  std::string error;
+  if (!CallFromJson(body, &call, &error)) {
+    SendError(res, 400, error);
+    return;
+  }
+  Serve(modules, call, s.account, res);
+}
+
+}  // namespace tavo_server

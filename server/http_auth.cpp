@@ -1,0 +1,146 @@
+// Login, logout and session handling of the HTTP server.
+#include <json/value.h>
+
+#include "access_log.h"
+#include "http_impl.h"
+#include "json_util.h"
+#include "tavo/user.h"
+
+namespace tavo_server {
+namespace {
+
+std::string SessionCookie(const std::string& id, int max_age) {
+  std::string c = std::string(kSessionCookie) + "=" + id + "; Path=/; HttpOnly; SameSite=Strict";
+  if (max_age >= 0) c += "; Max-Age=" + std::to_string(max_age);
+  return c;
+}
+
+Json::Value SessionData(const SessionStore::Session& s, int idle) {
+  Json::Value data(Json::objectValue);
+  data["token"] = s.token;
+  data["account"] = s.account;
+  data["idle_timeout"] = idle;
+  Json::Value out(Json::objectValue);
+  out["success"] = true;
+  out["data"] = data;
+  return out;
+}
+
+}  // namespace
+
+std::string CookieValue(const httplib::Request& req, const std::string& name) {
+  size_t count = req.get_header_value_count("Cookie");
+  for (size_t i = 0; i < count; ++i) {
+    const std::string header = req.get_header_value("Cookie", i);
+    size_t pos = 0;
+    while (pos < header.size()) {
+      size_t end = header.find(';', pos);
+      if (end == std::string::npos) end = header.size();
+      std::string part = header.substr(pos, end - pos);
+      size_t b = part.find_first_not_of(' ');
+      if (b != std::string::npos) part = part.substr(b);
+      if (part.compare(0, name.size() + 1, name + "=") == 0) return part.substr(name.size() + 1);
+      pos = end + 1;
+    }
+  }
+  return "";
+}
+
+std::string RequestToken(const httplib::Request& req) {
+  std::string token = req.get_header_value("X-Tavo-Token");
+  if (!token.empty()) return token;
+  const std::string auth = req.get_header_value("Authorization");
+  static const std::string kBearer = "Bearer ";
+  if (auth.size() > kBearer.size() && strncasecmp(auth.c_str(), kBearer.c_str(), kBearer.size()) == 0)
+    return auth.substr(kBearer.size());
+  return "";
+}
+
+bool HttpServer::Impl::Authorize(const httplib::Request& req, httplib::Response& res,
+                                 SessionStore::Session* s) {
+  const std::string token = RequestToken(req);
+  if (token.empty()) {
+    SendError(res, 401, "not logged in: send the session token in X-Tavo-Token "
+                        "or Authorization: Bearer");
+    return false;
+  }
+  if (!sessions.FindByToken(token, s)) {
+    SendError(res, 401, "not logged in: the session has ended; log in again");
+    return false;
+  }
+  access_log::SetAccount(s->account);
+  // Membership may have been withdrawn since the login.
+  if (TLIBGroupIsAdminGroupMem(s->account.c_str(), 0) != 1 ||
+      TAVOUserCheckExpired(s->account.c_str()) != 0) {
+    SendError(res, 403, "the account " + s->account + " is no longer a valid administrator");
+    return false;
+  }
+  return true;
+}
+
+void HttpServer::Impl::Login(const httplib::Request& req, httplib::Response& res) {
+  Json::Value body;
+  if (!ParseJson(req.body, &body) || !body.isObject() || !body["account"].isString() ||
+      !body["password"].isString()) {
+    SendError(res, 400, "send {\"account\": STRING, \"password\": STRING}");
+    return;
+  }
+  const std::string account = body["account"].asString();
+  const std::string password = body["password"].asString();
+  access_log::SetAccount(account);
+  int wait = throttle.RetryAfter(account, req.remote_addr);
+  if (wait > 0) {
+    res.set_header("Retry-After", std::to_string(wait));
+    SendError(res, 429, "too many failed logins; try again in " + std::to_string(wait) + " s");
+    return;
+  }
+  switch (CheckLogin(account, password)) {
+    case LoginResult::kOk:
+      break;
+    case LoginResult::kBadCredentials:
+      throttle.RecordFailure(account, req.remote_addr);
+      SendError(res, 401, "wrong account or password");
+      return;
+    case LoginResult::kNotAdministrator:
+      throttle.RecordFailure(account, req.remote_addr);
+      SendError(res, 403, "only valid members of administrators may log in");
+      return;
+    case LoginResult::kUnavailable:
+      SendError(res, 500, "the account files cannot be read");
+      return;
+  }
+  throttle.RecordSuccess(account);
+  SessionStore::Session s;
+  if (!sessions.Create(account, &s)) {
+    SendError(res, 500, "no session could be started");
+    return;
+  }
+  res.set_header("Set-Cookie", SessionCookie(s.id, -1));
+  SendJson(res, SessionData(s, options.session_idle));
+}
+
+void HttpServer::Impl::Logout(const httplib::Request& req, httplib::Response& res) {
+  std::string key = RequestToken(req);
+  if (key.empty()) key = CookieValue(req, kSessionCookie);
+  if (!key.empty()) sessions.Remove(key);
+  res.set_header("Set-Cookie", SessionCookie("", 0));
+  Json::Value out(Json::objectValue);
+  out["success"] = true;
+  out["data"] = Json::Value(Json::objectValue);
+  SendJson(res, out);
+}
+
+void HttpServer::Impl::SessionInfo(const httplib::Request& req, httplib::Response& res) {
+  SessionStore::Session s;
+  const std::string token = RequestToken(req);
+  bool found = token.empty() ? sessions.FindById(CookieValue(req, kSessionCookie), &s)
+                             : sessions.FindByToken(token, &s);
+  if (!found) {
+    SendError(res, 401, "not logged in");
+    return;
+  }
+  access_log::SetAccount(s.account);
+  SendJson(res, SessionData(s, options.session_idle));
+}
+
+}  // namespace tavo_server

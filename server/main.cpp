@@ -1,0 +1,38 @@
+// tavo: the appliance's group administration program (server and tools).
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "cli.h"
+
+namespace {
+
+const char kUsage[] =
+    "usage: tavo COMMAND [ARGS]\n"
+    "  serve --root DIR [--listen HOST:PORT] [--modules DIR] [--web DIR]   web API and admin page\n"
+    "  call [--root DIR] API METHOD [--version N] [--params JSON] [NAME=VALUE...]\n"
+    "  init DIR [--demo] [--force]                                         create a root\n"
+    "  log [--root DIR] [--limit N] [--offset N]                            show the event log\n"
+    "Run `tavo COMMAND --help` for details. See docs/server.md.\n";
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc < 2) {
+    fputs(kUsage, stderr);
+    return tavo_server::kExitUsage;
+  }
+  std::string command = argv[1];
+  std::vector<std::string> args(argv + 2, argv + argc);
+  if (command == "serve") return tavo_server::ServeMain(args);
+  if (command == "call") return tavo_server::CallMain(args);
+  if (command == "init") return tavo_server::InitMain(args);
+  if (command == "log") return tavo_server::LogMain(args);
+  if (command == "-h" || command == "--help" || command == "help") {
+    fputs(kUsage, stdout);
+    return tavo_server::kExitOk;
+  }
+  fprintf(stderr, "tavo: unknown command '%s'\n%s", command.c_str(), kUsage);
+  return tavo_server::kExitUsage;
+}

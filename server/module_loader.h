@@ -1,0 +1,79 @@
+// ModuleSet: the API methods that this process serves, loaded from a folder of
+// `*.so` modules through their exported `GetAPITable`, plus methods the server
+// provides itself.
+//
+// A module is refused as a whole (and LoadFolder fails, naming the file) when
+// it cannot be opened, lacks `GetAPITable`, returns a null table, has a row
+// with a null API, method or entry or a version below 1 before its terminator,
+// has no terminator within kMaxRows rows, or claims an (API, version, method)
+// that is already registered. A failed load leaves the set unusable: the
+// caller is expected to stop instead of serving a half-loaded module.
+//
+// Ownership: the set owns the library handles and keeps them open for its
+// lifetime (entry functions point into them).
+// Thread-safety: load and register before serving; after that Find and Info
+// may be called from any number of threads at once.
+#ifndef TAVO_SERVER_MODULE_LOADER_H_
+#define TAVO_SERVER_MODULE_LOADER_H_
+
+#include <json/value.h>
+
+#include <map>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include "status.h"
+#include "tavo/api.h"
+
+namespace tavo_server {
+
+class ModuleSet {
+ public:
+  // Rows scanned at most when looking for a table's terminator.
+  static constexpr int kMaxRows = 4096;
+  // Longest API or method name accepted in a table.
+  static constexpr size_t kMaxNameLength = 128;
+
+  ModuleSet() = default;
+  ~ModuleSet();
+  ModuleSet(const ModuleSet&) = delete;
+  ModuleSet& operator=(const ModuleSet&) = delete;
+
+  // Loads every regular file or symlink named `*.so` in `dir`, in name order.
+  // `*loaded` receives the number of modules loaded. A missing folder is an
+  // error; an empty one is not.
+  Status LoadFolder(const std::string& dir, int* loaded);
+  // Loads one module file.
+  Status LoadFile(const std::string& path);
+  // Registers a method that the server itself provides; `origin` names it in
+  // messages. Fails when the (api, version, method) is already taken.
+  Status Register(const std::string& api, int version, const std::string& method,
+                  MethodEntry entry, const std::string& origin);
+
+  enum class Lookup { kFound, kNoApi, kNoVersion, kNoMethod };
+  // Finds the entry of a method; *entry is set only when kFound.
+  Lookup Find(const std::string& api, int version, const std::string& method,
+              MethodEntry* entry) const;
+
+  // {"apis": [{"api", "version", "methods": [..], "module"}]} ordered by API
+  // name and version, methods in table order.
+  Json::Value Info() const;
+  size_t MethodCount() const { return methods_.size(); }
+
+ private:
+  struct Method {
+    MethodEntry entry;
+    std::string origin;
+    int order;
+  };
+  using Key = std::tuple<std::string, int, std::string>;
+
+  std::vector<void*> handles_;
+  std::map<Key, Method> methods_;
+  int next_order_ = 0;
+};
+
+}  // namespace tavo_server
+
+#endif  // TAVO_SERVER_MODULE_LOADER_H_

@@ -1,0 +1,165 @@
+#include "options.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <climits>
+#include <cstdlib>
+#include <sstream>
+
+#ifndef TAVO_WEB_SOURCE_DIR
+#define TAVO_WEB_SOURCE_DIR ""
+#endif
+
+namespace tavo_server {
+namespace {
+
+bool IsDir(const std::string& path) {
+  struct stat st;
+  return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+bool ParseNumber(const std::string& text, long lo, long hi, long* out) {
+  if (text.empty() || text.size() > 12) return false;
+  char* end = nullptr;
+  long v = std::strtol(text.c_str(), &end, 10);
+  if (*end != '\0' || v < lo || v > hi || !isdigit(static_cast<unsigned char>(text[0]))) return false;
+  *out = v;
+  return true;
+}
+
+}  // namespace
+
+bool ParseListen(const std::string& text, std::string* host, int* port) {
+  auto colon = text.rfind(':');
+  if (colon == std::string::npos || colon == 0) return false;
+  std::string h = text.substr(0, colon);
+  if (h.size() > 2 && h.front() == '[' && h.back() == ']') h = h.substr(1, h.size() - 2);
+  long p;
+  if (!ParseNumber(text.substr(colon + 1), 0, 65535, &p)) return false;
+  *host = h;
+  *port = static_cast<int>(p);
+  return true;
+}
+
+Status ParseServeOptions(const std::vector<std::string>& args, ServeOptions* out) {
+  ServeOptions o;
+  struct IntOption {
+    const char* name;
+    int* field;
+    long lo, hi;
+  };
+  long max_body = static_cast<long>(o.max_body);
+  const IntOption ints[] = {
+      {"--workers", &o.workers, 1, 256},
+      {"--read-timeout", &o.read_timeout, 1, 3600},
+      {"--write-timeout", &o.write_timeout, 1, 3600},
+      {"--keepalive-timeout", &o.keepalive_timeout, 0, 3600},
+      {"--keepalive-max", &o.keepalive_max, 1, 100000},
+      {"--session-idle", &o.session_idle, 1, 7 * 24 * 3600},
+      {"--max-sessions", &o.max_sessions, 1, 100000},
+  };
+  for (size_t i = 0; i < args.size(); ++i) {
+    const std::string& a = args[i];
+    if (a == "-h" || a == "--help") {
+      o.help = true;
+      continue;
+    }
+    if (i + 1 >= args.size()) return Status::Error("unknown option or missing value: " + a);
+    const std::string& v = args[++i];
+    if (a == "--root") {
+      o.root = v;
+    } else if (a == "--listen") {
+      if (!ParseListen(v, &o.host, &o.port)) return Status::Error("--listen needs HOST:PORT, got " + v);
+    } else if (a == "--modules") {
+      o.modules_dir = v;
+    } else if (a == "--web") {
+      o.web_dir = v;
+    } else if (a == "--max-body") {
+      if (!ParseNumber(v, 1, 64L * 1024 * 1024, &max_body)) return Status::Error("bad --max-body: " + v);
+    } else {
+      bool known = false;
+      for (const IntOption& io : ints) {
+        if (a != io.name) continue;
+        long n;
+        if (!ParseNumber(v, io.lo, io.hi, &n))
+          return Status::Error("bad " + a + ": " + v + " (" + std::to_string(io.lo) + ".." +
+                               std::to_string(io.hi) + ")");
+        *io.field = static_cast<int>(n);
+        known = true;
+      }
+      if (!known) return Status::Error("unknown option: " + a);
+    }
+  }
+  o.max_body = static_cast<size_t>(max_body);
+  if (o.modules_dir.empty()) o.modules_dir = DefaultModulesDir();
+  if (o.web_dir.empty()) o.web_dir = DefaultWebDir();
+  *out = o;
+  return Status::OK();
+}
+
+std::string ServeUsage() {
+  ServeOptions d;
+  std::ostringstream s;
+  s << "usage: tavo serve --root DIR [--listen HOST:PORT] [--modules DIR] [--web DIR] [limits]\n"
+       "\n"
+       "Serves the web API and the admin page over HTTP/1.1.\n"
+       "  --root DIR             appliance root (default: $TAVO_ROOT; required)\n"
+       "  --listen HOST:PORT     address to listen on (default 127.0.0.1:8780; port 0 picks one)\n"
+       "  --modules DIR          folder of *.so API modules (default: "
+    << DefaultModulesDir() << ")\n"
+    << "  --web DIR              folder of the admin page (default: " << DefaultWebDir() << ")\n"
+    << "\nLimits (defaults in brackets):\n"
+    << "  --workers N            threads serving connections [" << d.workers << "]\n"
+    << "  --max-body BYTES       largest request body; larger ones get HTTP 413 [" << d.max_body << "]\n"
+    << "  --read-timeout S       time allowed to receive a request [" << d.read_timeout << "]\n"
+    << "  --write-timeout S      time allowed to send an answer [" << d.write_timeout << "]\n"
+    << "  --keepalive-timeout S  idle time a connection is kept open [" << d.keepalive_timeout << "]\n"
+    << "  --keepalive-max N      requests served on one connection [" << d.keepalive_max << "]\n"
+    << "  --session-idle S       a session ends after this long unused [" << d.session_idle << "]\n"
+    << "  --max-sessions N       sessions alive at once; the least recently used goes ["
+    << d.max_sessions << "]\n"
+    << "  fixed: request line and each header line at most 8192 bytes, at most 100 headers\n"
+    << "         (HTTP 400 or 431); " << d.login_max_failures << " failed logins for one account, or "
+    << 4 * d.login_max_failures << " from one client address,\n"
+    << "         within " << d.login_window << " s make further tries answer HTTP 429 until the window has passed.\n";
+  return s.str();
+}
+
+std::string ExeDir() {
+  char buf[PATH_MAX];
+  ssize_t n = readlink("/proc/self/exe", buf, sizeof(buf) - 1);
+  if (n <= 0) return ".";
+  std::string exe(buf, static_cast<size_t>(n));
+  auto slash = exe.rfind('/');
+  return slash == std::string::npos ? "." : exe.substr(0, slash);
+}
+
+std::string DefaultModulesDir() {
+  std::string dir = ExeDir();
+  if (IsDir(dir + "/../modules")) return dir + "/../modules";
+  return dir + "/../lib/tavo/modules";
+}
+
+std::string DefaultWebDir() {
+  std::string installed = ExeDir() + "/../share/tavo/web";
+  if (IsDir(installed) || std::string(TAVO_WEB_SOURCE_DIR).empty()) return installed;
+  return TAVO_WEB_SOURCE_DIR;
+}
+
+Status ResolveRoot(const std::string& given, std::string* root) {
+  std::string dir = given;
+  if (dir.empty()) {
+    const char* env = std::getenv("TAVO_ROOT");
+    if (env != nullptr) dir = env;
+  }
+  if (dir.empty())
+    return Status::Error("no root folder: pass --root DIR or set TAVO_ROOT (--root / for the real system)");
+  char buf[PATH_MAX];
+  if (realpath(dir.c_str(), buf) == nullptr || !IsDir(buf))
+    return Status::Error("the root folder " + dir + " does not exist");
+  *root = buf;
+  return Status::OK();
+}
+
+}  // namespace tavo_server

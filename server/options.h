@@ -1,0 +1,57 @@
+// Options of `tavo serve` and the places the program finds its files.
+//
+// Every limit of the HTTP server is a field here with its default; `tavo serve
+// --help` prints them (ServeUsage) and docs/server.md explains them.
+//
+// Thread-safety: plain values; the functions are reentrant.
+#ifndef TAVO_SERVER_OPTIONS_H_
+#define TAVO_SERVER_OPTIONS_H_
+
+#include <string>
+#include <vector>
+
+#include "status.h"
+
+namespace tavo_server {
+
+struct ServeOptions {
+  std::string root;                // --root, else $TAVO_ROOT; required
+  std::string host = "127.0.0.1";  // --listen HOST:PORT
+  int port = 8780;                 // 0 picks a free port
+  std::string modules_dir;         // --modules, else DefaultModulesDir()
+  std::string web_dir;             // --web, else DefaultWebDir()
+  int workers = 8;                 // --workers: threads serving connections
+  size_t max_body = 64 * 1024;     // --max-body BYTES: larger bodies get 413
+  int read_timeout = 10;           // --read-timeout SECONDS
+  int write_timeout = 10;          // --write-timeout SECONDS
+  int keepalive_timeout = 2;       // --keepalive-timeout SECONDS idle between requests
+  int keepalive_max = 100;         // --keepalive-max requests per connection
+  int session_idle = 15 * 60;      // --session-idle SECONDS
+  int max_sessions = 256;          // --max-sessions
+  int login_max_failures = 5;      // failed logins per account or address ...
+  int login_window = 60;           // ... within this many seconds before 429
+  bool help = false;
+};
+
+// Parses the arguments after "serve". On failure returns an error whose
+// message is meant for the user (a usage error).
+Status ParseServeOptions(const std::vector<std::string>& args, ServeOptions* out);
+std::string ServeUsage();
+
+// Splits "HOST:PORT"; HOST may be "[::1]". False on a bad port.
+bool ParseListen(const std::string& text, std::string* host, int* port);
+
+// The folder holding the running program.
+std::string ExeDir();
+// <exe>/../modules in a build tree, else <exe>/../lib/tavo/modules.
+std::string DefaultModulesDir();
+// <exe>/../share/tavo/web when installed, else the source tree's web/.
+std::string DefaultWebDir();
+
+// --root argument or $TAVO_ROOT made absolute and canonical. Fails (a usage
+// error) when neither is given or the folder does not exist.
+Status ResolveRoot(const std::string& given, std::string* root);
+
+}  // namespace tavo_server
+
+#endif  // TAVO_SERVER_OPTIONS_H_

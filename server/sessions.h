@@ -1,0 +1,59 @@
+// SessionStore: the logged-in sessions of the HTTP server.
+//
+// A session has two secrets of 256 bits each: the id, kept by the browser in
+// an HttpOnly cookie, and the token, which the page keeps in memory and sends
+// back in the X-Tavo-Token header (scripts: Authorization: Bearer TOKEN). API
+// calls are authorised by the token alone; the cookie only lets a reloaded
+// page ask for its token again. A session ends at logout or after `idle`
+// without use. At most `max_sessions` live at once; beyond that the least
+// recently used one is dropped.
+//
+// Thread-safety: all methods may be called from any thread.
+#ifndef TAVO_SERVER_SESSIONS_H_
+#define TAVO_SERVER_SESSIONS_H_
+
+#include <chrono>
+#include <map>
+#include <mutex>
+#include <string>
+
+namespace tavo_server {
+
+class SessionStore {
+ public:
+  using Clock = std::chrono::steady_clock;
+
+  struct Session {
+    std::string id;
+    std::string token;
+    std::string account;
+    Clock::time_point last_used;
+  };
+
+  SessionStore(std::chrono::seconds idle, size_t max_sessions)
+      : idle_(idle), max_sessions_(max_sessions) {}
+
+  // Starts a session for `account`; false when no random id could be made.
+  bool Create(const std::string& account, Session* out);
+  // The live session whose token is `token`; refreshes its idle timer.
+  bool FindByToken(const std::string& token, Session* out);
+  // The live session whose id is `id`; refreshes its idle timer.
+  bool FindById(const std::string& id, Session* out);
+  // Ends the session with this id or token (whichever matches).
+  void Remove(const std::string& id_or_token);
+  size_t Size();
+
+ private:
+  bool Alive(const Session& s, Clock::time_point now) const { return now - s.last_used <= idle_; }
+  void DropExpired(Clock::time_point now);  // mutex_ held
+
+  const std::chrono::seconds idle_;
+  const size_t max_sessions_;
+  std::mutex mutex_;
+  std::map<std::string, Session> by_id_;
+  std::map<std::string, std::string> id_by_token_;
+};
+
+}  // namespace tavo_server
+
+#endif  // TAVO_SERVER_SESSIONS_H_

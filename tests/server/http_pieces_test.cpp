@@ -1,0 +1,145 @@
+// Envelope parsing, static file confinement, sessions and login throttling.
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <string>
+
+#include "dispatch.h"
+#include "json_util.h"
+#include "login.h"
+#include "sessions.h"
+#include "static_files.h"
+
+namespace tavo_server {
+namespace {
+
+Json::Value Parse(const std::string& text) {
+  Json::Value v;
+  EXPECT_TRUE(ParseJson(text, &v)) << text;
+  return v;
+}
+
+TEST(EnvelopeTest, AcceptsWellTypedCallsOnly) {
+  ApiCall call;
+  std::string error;
+  ASSERT_TRUE(CallFromJson(Parse(R"({"api":"A","method":"m"})"), &call, &error));
+  EXPECT_EQ(call.version, 1);
+  EXPECT_TRUE(call.params.isObject());
+  ASSERT_TRUE(CallFromJson(Parse(R"({"api":"A","version":"2","method":"m","params":{"k":1}})"),
+                           &call, &error));
+  EXPECT_EQ(call.version, 2);
+  EXPECT_EQ(call.params["k"].asInt(), 1);
+
+  for (const char* bad : {R"([1])", R"({"method":"m"})", R"({"api":5,"method":"m"})",
+                          R"({"api":"","method":"m"})", R"({"api":"A","method":["m"]})",
+                          R"({"api":"A","method":"m","version":0})",
+                          R"({"api":"A","method":"m","version":1.5})",
+                          R"({"api":"A","method":"m","version":"x"})",
+                          R"({"api":"A","method":"m","params":[1]})",
+                          R"({"api":"A","method":"m","params":"k=1"})"}) {
+    EXPECT_FALSE(CallFromJson(Parse(bad), &call, &error)) << bad;
+    EXPECT_FALSE(error.empty());
+  }
+  Json::Value v;
+  EXPECT_FALSE(ParseJson("{\"api\":\"A\"} trailing", &v));
+  EXPECT_FALSE(ParseJson(std::string(100000, '['), &v));  // too deep, no crash
+}
+
+TEST(EnvelopeTest, ValuesAreJsonWhenTheyParse) {
+  EXPECT_EQ(ValueFromText("5"), Json::Value(5));
+  EXPECT_EQ(ValueFromText("true"), Json::Value(true));
+  EXPECT_EQ(ValueFromText("[\"a\",\"b\"]").size(), 2u);
+  EXPECT_EQ(ValueFromText("\"5\""), Json::Value("5"));
+  EXPECT_EQ(ValueFromText("staff"), Json::Value("staff"));
+  EXPECT_EQ(ValueFromText("[oops"), Json::Value("[oops"));
+  EXPECT_EQ(ValueFromText(""), Json::Value(""));
+}
+
+class StaticFilesTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    char tmpl[] = "/tmp/tavo-web-XXXXXX";
+    ASSERT_NE(mkdtemp(tmpl), nullptr);
+    top_ = tmpl;
+    mkdir((top_ + "/web").c_str(), 0755);
+    mkdir((top_ + "/web/css").c_str(), 0755);
+    std::ofstream(top_ + "/web/index.html") << "<p>hi</p>";
+    std::ofstream(top_ + "/web/css/site.css") << "p{}";
+    std::ofstream(top_ + "/secret.txt") << "secret";
+    ASSERT_EQ(symlink((top_ + "/secret.txt").c_str(), (top_ + "/web/leak.txt").c_str()), 0);
+    ASSERT_EQ(symlink(top_.c_str(), (top_ + "/web/up").c_str()), 0);
+  }
+  void TearDown() override { system(("rm -rf '" + top_ + "'").c_str()); }
+  std::string top_;
+};
+
+TEST_F(StaticFilesTest, ServesInsideAndNothingOutside) {
+  StaticFiles files(top_ + "/web");
+  std::string file;
+  ASSERT_EQ(files.Resolve("/", &file), StaticFiles::Result::kFound);
+  EXPECT_EQ(file, files.root() + "/index.html");
+  ASSERT_EQ(files.Resolve("/css/site.css", &file), StaticFiles::Result::kFound);
+  EXPECT_EQ(StaticFiles::ContentType(file), "text/css; charset=utf-8");
+  EXPECT_EQ(StaticFiles::ContentType("/x/app.JS"), "text/javascript; charset=utf-8");
+  EXPECT_EQ(StaticFiles::ContentType("/x.y/noext"), "application/octet-stream");
+
+  for (const char* bad : {"/../secret.txt", "/css/../../secret.txt", "/./index.html", "//etc/passwd",
+                          "relative", "/css\\..\\x"})
+    EXPECT_EQ(files.Resolve(bad, &file), StaticFiles::Result::kBadPath) << bad;
+  for (const char* outside : {"/leak.txt", "/up/secret.txt", "/missing.html", "/css"})
+    EXPECT_EQ(files.Resolve(outside, &file), StaticFiles::Result::kNotFound) << outside;
+}
+
+TEST(SessionStoreTest, TokensIdsExpiryAndEviction) {
+  SessionStore store(std::chrono::seconds(60), 2);
+  SessionStore::Session a, b, c, found;
+  ASSERT_TRUE(store.Create("admin", &a));
+  EXPECT_EQ(a.token.size(), 64u);
+  EXPECT_NE(a.token, a.id);
+  ASSERT_TRUE(store.FindByToken(a.token, &found));
+  EXPECT_EQ(found.account, "admin");
+  EXPECT_FALSE(store.FindByToken(a.id, &found));  // the cookie id is no token
+  ASSERT_TRUE(store.FindById(a.id, &found));
+  ASSERT_TRUE(store.Create("b", &b));
+  ASSERT_TRUE(store.FindByToken(a.token, &found));  // a is now the most recent
+  ASSERT_TRUE(store.Create("c", &c));               // evicts b
+  EXPECT_FALSE(store.FindByToken(b.token, &found));
+  EXPECT_TRUE(store.FindByToken(a.token, &found));
+  store.Remove(a.token);
+  EXPECT_FALSE(store.FindById(a.id, &found));
+  EXPECT_EQ(store.Size(), 1u);
+
+  SessionStore idle(std::chrono::seconds(0), 10);
+  ASSERT_TRUE(idle.Create("admin", &a));
+  usleep(2000);
+  EXPECT_FALSE(idle.FindByToken(a.token, &found));
+}
+
+TEST(LoginThrottleTest, RefusesAfterRepeatedFailuresPerAccountAndAddress) {
+  LoginThrottle t(2, std::chrono::seconds(60));
+  for (int i = 0; i < 2; ++i) {
+    EXPECT_EQ(t.RetryAfter("Admin", "10.0.0.1"), 0);
+    t.RecordFailure("Admin", "10.0.0.1");
+  }
+  EXPECT_GT(t.RetryAfter("admin", "10.0.0.2"), 0);  // same account, any case
+  EXPECT_EQ(t.RetryAfter("bob", "10.0.0.1"), 0);    // the address may try others
+  for (const char* other : {"bob", "carol", "dave", "erin", "frank", "grace"}) {
+    EXPECT_EQ(t.RetryAfter(other, "10.0.0.1"), 0) << other;
+    t.RecordFailure(other, "10.0.0.1");
+  }
+  EXPECT_GT(t.RetryAfter("heidi", "10.0.0.1"), 0);  // 8 = 4 x 2 from one address
+  EXPECT_EQ(t.RetryAfter("heidi", "10.0.0.2"), 0);
+  t.RecordSuccess("admin");
+  EXPECT_EQ(t.RetryAfter("admin", "10.0.0.2"), 0);
+
+  LoginThrottle quick(1, std::chrono::seconds(0));
+  quick.RecordFailure("x", "a");
+  usleep(2000);
+  EXPECT_EQ(quick.RetryAfter("x", "a"), 0);  // the failure has left the window
+}
+
+}  // namespace
+}  // namespace tavo_server
