@@ -145,9 +145,10 @@ int InitMain(const std::vector<std::string>& args) {
   group += std::string("administrators:x:101:") + (with_admin ? "admin" : "") + "\n";
   std::string gshadow = "root:*::\nsudo:*::\nshadow:*::\nusers:*::\n";
   gshadow += std::string("administrators:*::") + (with_admin ? "admin" : "") + "\n";
-  std::string passwd = "root:x:0:0:root:/root:/bin/bash\n"
-                       "nobody:x:65534:65534:nobody:/nonexistent:/usr/sbin/nologin\n";
-  std::string shadow = "root:*:" + days + ":0:99999:7:::\nnobody:*:" + days + ":0:99999:7:::\n";
+  // No "nobody"/"nogroup": GID 65534 lies above GID_MAX, where groups are
+  // ordinary, listed groups; an appliance root does not need them.
+  std::string passwd = "root:x:0:0:root:/root:/bin/bash\n";
+  std::string shadow = "root:*:" + days + ":0:99999:7:::\n";
   auto add_user = [&](const std::string& name, int uid, const std::string& gecos,
                       const std::string& hash) {
     passwd += name + ":x:" + std::to_string(uid) + ":100:" + gecos + ":/home/" + name + ":/bin/sh\n";
@@ -177,8 +178,6 @@ int InitMain(const std::vector<std::string>& args) {
       desc += std::string(g.name) + ":" + g.description + "\n";
     }
   }
-  group += "nogroup:x:65534:\n";
-  gshadow += "nogroup:*::\n";
 
   const std::string login_defs =
       "GID_MIN 1000\nGID_MAX 60000\nUID_MIN 1000\nUID_MAX 60000\n"
