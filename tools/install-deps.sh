@@ -13,9 +13,10 @@ sudo_cmd=()
 [ "$(id -u)" -ne 0 ] && sudo_cmd=(sudo)
 
 missing=()
-while read -r kind name; do
+while read -r kind name command; do
   [ "$kind" = apt ] || continue
   if [ "$name" = chromium ] && [ $want_browser -eq 0 ]; then continue; fi
+  if [ -n "$command" ] && command -v "$command" >/dev/null 2>&1; then continue; fi
   dpkg-query -W -f='${Status}' "$name" 2>/dev/null | grep -q 'install ok installed' || missing+=("$name")
 done < <(grep -v '^#' "$here/deps.txt")
 
