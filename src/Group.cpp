@@ -9,6 +9,8 @@
 
 #include "JsonRead.h"
 #include "tavo/error.h"
+#include "tavo/eventlog.h"
+#include "tavo/service.h"
 #include "tavo/user.h"
 #include "tavo/util.h"
 
@@ -172,6 +174,22 @@ SDK::Group* GroupHandler::LockChangeableGroup(int* fd) {
   }
   SDK::Group::Release(group);
   return nullptr;
+}
+
+void GroupHandler::SaveMembership(SDK::Group* group, const std::string& group_name,
+                                  const std::vector<std::string>& changed, EventId event,
+                                  int save_log_line) {
+  if (!group->Save()) {
+    syslog(LOG_ERR, "%s:%d Failed to save '%s' [0x%04X %s:%d]", "src/Group.cpp", save_log_line,
+           group_name.c_str(), TLIBCErrGet(), TLIBCErrorGetFile(), TLIBCErrorGetLine());
+    code_ = TranslateError();
+    return;
+  }
+  for (const std::string& member : changed) {
+    TAVOLogSet1(2, 1, event, group_name.c_str(), member.c_str(), "", "");
+  }
+  if (!changed.empty()) TLIBServiceTypeReload(kReloadAccounts);
+  code_ = kApiSuccess;
 }
 
 }  // namespace group_module

@@ -23,6 +23,7 @@
 #include <json/value.h>
 
 #include <string>
+#include <vector>
 
 #include "tavo/api.h"
 #include "tavo/group.h"
@@ -102,6 +103,11 @@ class GroupHandler : public ServerFormHandler {
   // directory groups (3213) and "users" (3216). Null with the code set on
   // failure; the caller releases *fd and the returned group.
   SDK::Group* LockChangeableGroup(int* fd);
+  // Saves a membership change: on failure logs (with `save_log_line`) and sets
+  // the translated code; on success writes one `event` entry per name in
+  // `changed`, reloads the account services when there was any, and sets 3200.
+  void SaveMembership(SDK::Group* group, const std::string& group_name,
+                      const std::vector<std::string>& changed, EventId event, int save_log_line);
 
  private:
   TAVO::APIRequest* request_;

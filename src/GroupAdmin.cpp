@@ -7,8 +7,6 @@
 #include "Group.h"
 #include "JsonRead.h"
 #include "tavo/error.h"
-#include "tavo/eventlog.h"
-#include "tavo/service.h"
 #include "tavo/user.h"
 
 namespace group_module {
@@ -68,17 +66,7 @@ void GroupHandler::RemoveMember() {
     group->RemoveMember(name);
     removed.push_back(name);
   }
-  if (!group->Save()) {
-    syslog(LOG_ERR, "%s:%d Failed to save '%s' [0x%04X %s:%d]", "src/Group.cpp", 890,
-           group_name.c_str(), TLIBCErrGet(), TLIBCErrorGetFile(), TLIBCErrorGetLine());
-    code_ = TranslateError();
-    goto end;
-  }
-  for (const std::string& member : removed) {
-    TAVOLogSet1(2, 1, kEventMemberRemoved, group_name.c_str(), member.c_str(), "", "");
-  }
-  if (!removed.empty()) TLIBServiceTypeReload(kReloadAccounts);
-  code_ = kApiSuccess;
+  SaveMembership(group, group_name, removed, kEventMemberRemoved, 890);
 end:
   ServerFormHandler::UnlockFile(fd);
   if (group != nullptr) SDK::Group::Release(group);

@@ -8,8 +8,6 @@
 #include "JsonRead.h"
 #include "ParamChecker.h"
 #include "tavo/error.h"
-#include "tavo/eventlog.h"
-#include "tavo/service.h"
 #include "tavo/szlist.h"
 #include "tavo/user.h"
 #include "tavo/util.h"
@@ -214,17 +212,7 @@ void GroupHandler::AddMember() {
     group->AddMember(name);
     added.push_back(name);
   }
-  if (!group->Save()) {
-    syslog(LOG_ERR, "%s:%d Failed to save '%s' [0x%04X %s:%d]", "src/Group.cpp", 792,
-           group_name.c_str(), TLIBCErrGet(), TLIBCErrorGetFile(), TLIBCErrorGetLine());
-    code_ = TranslateError();
-    goto end;
-  }
-  for (const std::string& member : added) {
-    TAVOLogSet1(2, 1, kEventMemberAdded, group_name.c_str(), member.c_str(), "", "");
-  }
-  if (!added.empty()) TLIBServiceTypeReload(kReloadAccounts);
-  code_ = kApiSuccess;
+  SaveMembership(group, group_name, added, kEventMemberAdded, 792);
 end:
   ServerFormHandler::UnlockFile(fd);
   if (group != nullptr) SDK::Group::Release(group);
