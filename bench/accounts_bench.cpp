@@ -4,13 +4,18 @@
 //   save  one membership change (load, add or remove a member, save)
 // at 1,000, 10,000 and 100,000 groups and users. After the table it prints how
 // each cost grows from 1,000 to 100,000, and one saved membership change beside
-// `gpasswd -Q ROOT -a USER GROUP` on the same root, timed in the same run.
+// `gpasswd -Q ROOT -a USER GROUP` on the same root, timed in the same run, and
+// the memory the cached snapshots take beside the size of the files they hold.
 #include <benchmark/benchmark.h>
+#include <malloc.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
 #include <map>
 #include <memory>
 #include <string>
@@ -145,6 +150,47 @@ void CompareWithGpasswd(int n, int rounds) {
               ours / rounds, theirs / rounds, ours / theirs);
 }
 
+// Bytes allocated on the heap by this process (small blocks and mmapped ones).
+long HeapKiB() {
+  struct mallinfo2 mi = mallinfo2();
+  return static_cast<long>((mi.uordblks + mi.hblkhd) / 1024);
+}
+
+long FileKiB(const std::string& path) {
+  struct stat st;
+  return stat(path.c_str(), &st) == 0 ? static_cast<long>(st.st_size / 1024) : 0;
+}
+
+// In a child process (so no snapshot is cached yet): heap memory added by
+// reading a fresh root of `n` groups and users (a page with descriptions, one
+// group load), beside the size of the files read.
+void MemoryOfSnapshots(int n) {
+  std::fflush(stdout);
+  pid_t pid = fork();
+  if (pid < 0) return;
+  if (pid > 0) {
+    int status = 0;
+    waitpid(pid, &status, 0);
+    return;
+  }
+  {
+    BenchRoot root(n);
+    tavo::TavoRootSet(root.dir());
+    const long before = HeapKiB();
+    size_t bytes = 0;
+    int total = TLIBGroupInfoEnumBySubstr(1, "", 0, 50, "", 1, AddDescription, &bytes);
+    SDK::Group::Release(SDK::Group::LoadGroup(BenchRoot::GroupName(n / 2)));
+    const long after = HeapKiB();
+    const long files = FileKiB(root.dir() + "/etc/group") + FileKiB(root.dir() + "/etc/passwd") +
+                       FileKiB(root.dir() + "/etc/tavo/group_desc");
+    std::printf("  %6d groups: snapshots %ld KiB, files %ld KiB, memory/files = %.1f%s\n", n,
+                after - before, files, files ? double(after - before) / files : 0.0,
+                total >= n ? "" : "  (enumeration failed)");
+    std::fflush(stdout);
+  }
+  _exit(0);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -161,6 +207,8 @@ int main(int argc, char** argv) {
   }
   std::printf("\nOne saved membership change beside gpasswd -a on the same root:\n");
   for (int n : {1000, 100000}) CompareWithGpasswd(n, 5);
+  std::printf("\nMemory of the cached snapshots beside the files they hold:\n");
+  for (int n : {1000, 10000, 100000}) MemoryOfSnapshots(n);
   Roots().clear();
   benchmark::Shutdown();
   return 0;
