@@ -23,6 +23,12 @@ bool Skippable(const std::string& line) {
   return line.empty() || line[0] == '#' || line[0] == '+' || line[0] == '-';
 }
 
+// The line without the '\r' of a CRLF line ending, so that it does not end up
+// in the last field (a member name, a shell, an expiry date).
+std::string WithoutCR(const std::string& line) {
+  return !line.empty() && line.back() == '\r' ? line.substr(0, line.size() - 1) : line;
+}
+
 }  // namespace
 
 std::vector<std::string> SplitLines(const std::string& content) {
@@ -82,7 +88,7 @@ std::string JoinMembers(const std::vector<std::string>& members) {
 
 bool ParseGroupLine(const std::string& line, GroupLine* out) {
   if (Skippable(line)) return false;
-  std::vector<std::string> f = SplitFields(line, ':');
+  std::vector<std::string> f = SplitFields(WithoutCR(line), ':');
   if (f.size() != 4 || f[0].empty()) return false;
   if (!ParseUnsigned(f[2], &out->gid)) return false;
   out->name = std::move(f[0]);
@@ -97,7 +103,7 @@ std::string FormatGroupLine(const GroupLine& g) {
 
 bool ParsePasswdLine(const std::string& line, PasswdLine* out) {
   if (Skippable(line)) return false;
-  std::vector<std::string> f = SplitFields(line, ':');
+  std::vector<std::string> f = SplitFields(WithoutCR(line), ':');
   if (f.size() != 7 || f[0].empty()) return false;
   if (!ParseUnsigned(f[2], &out->uid) || !ParseUnsigned(f[3], &out->gid)) return false;
   out->name = std::move(f[0]);
@@ -108,7 +114,7 @@ bool ParsePasswdLine(const std::string& line, PasswdLine* out) {
 
 bool ParseShadowLine(const std::string& line, ShadowLine* out) {
   if (Skippable(line)) return false;
-  std::vector<std::string> f = SplitFields(line, ':');
+  std::vector<std::string> f = SplitFields(WithoutCR(line), ':');
   if (f.size() < 2 || f[0].empty()) return false;
   out->name = std::move(f[0]);
   out->hash = std::move(f[1]);
@@ -154,13 +160,14 @@ bool ReplaceField(std::string* line, size_t index, const std::string& value) {
 }
 
 std::string GetField(const std::string& line, size_t index) {
-  std::vector<std::string> f = SplitFields(line, ':');
+  std::vector<std::string> f = SplitFields(WithoutCR(line), ':');
   return index < f.size() ? f[index] : "";
 }
 
 std::map<std::string, std::string> ParseDescriptions(const std::string& content) {
   std::map<std::string, std::string> out;
-  for (const std::string& line : SplitLines(content)) {
+  for (const std::string& raw : SplitLines(content)) {
+    const std::string line = WithoutCR(raw);
     size_t p = line.find(':');
     if (p == std::string::npos || p == 0 || line[0] == '#') continue;
     out[line.substr(0, p)] = line.substr(p + 1);

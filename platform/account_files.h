@@ -56,7 +56,8 @@ std::vector<std::string> SplitMembers(const std::string& s);
 std::string JoinMembers(const std::vector<std::string>& members);
 
 // False for comments, blank lines, NIS "+"/"-" lines and lines with too few
-// fields or a number that does not parse.
+// fields or a number that does not parse. A CRLF line ending is not part of
+// the last field (here and in GetField and ParseDescriptions).
 bool ParseGroupLine(const std::string& line, GroupLine* out);
 std::string FormatGroupLine(const GroupLine& g);
 bool ParsePasswdLine(const std::string& line, PasswdLine* out);

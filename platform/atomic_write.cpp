@@ -35,7 +35,8 @@ void SyncDir(const std::string& dir) {
 
 }  // namespace
 
-bool AtomicWrite(const std::string& path, const std::string& content, unsigned new_mode) {
+bool AtomicWrite(const std::string& path, const std::string& content, unsigned new_mode,
+                 bool backup) {
   size_t slash = path.rfind('/');
   std::string dir = slash == std::string::npos ? "." : (slash == 0 ? "/" : path.substr(0, slash));
   std::string base = slash == std::string::npos ? path : path.substr(slash + 1);
@@ -62,11 +63,11 @@ bool AtomicWrite(const std::string& path, const std::string& content, unsigned n
     ok = false;
     ACCT_ERR(TAVO_ERR_IO);
   }
-  if (ok && existed) {
+  if (ok && existed && backup) {
     // The backup is the old file itself, linked under NAME-.
-    std::string backup = path + "-";
-    unlink(backup.c_str());
-    if (link(path.c_str(), backup.c_str()) != 0) {
+    std::string backup_path = path + "-";
+    unlink(backup_path.c_str());
+    if (link(path.c_str(), backup_path.c_str()) != 0) {
       ok = false;
       ACCT_ERR(TAVO_ERR_IO);
     }
@@ -99,7 +100,7 @@ bool FileSetWriter::Commit() {
     int line = TLIBCErrorGetLine();
     for (size_t k = i; k-- > 0;) {
       const Item& it = items_[k];
-      if (it.existed) AtomicWrite(it.path, it.old_content, it.mode);
+      if (it.existed) AtomicWrite(it.path, it.old_content, it.mode, false);
       else unlink(it.path.c_str());
     }
     TLIBCErrSet(code, file, line);

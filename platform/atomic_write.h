@@ -10,7 +10,11 @@
 //
 // FileSetWriter applies several such writes in order; when one fails, the
 // files already written are put back to their old content, so the change is
-// all or nothing as far as the file system allows.
+// all or nothing as far as the file system allows. Their NAME- backups then
+// hold the old content too.
+//
+// `backup` false leaves NAME- alone: a rollback puts the old content back
+// without making the content that failed to commit the backup.
 //
 // Callers hold the account locks (account_lock.h). Fault points: "file.write"
 // fails the write step (as a full disk), "file.rename" the rename step.
@@ -24,7 +28,8 @@
 namespace tavo {
 namespace acct {
 
-bool AtomicWrite(const std::string& path, const std::string& content, unsigned new_mode = 0644);
+bool AtomicWrite(const std::string& path, const std::string& content, unsigned new_mode = 0644,
+                 bool backup = true);
 
 class FileSetWriter {
  public:

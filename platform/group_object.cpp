@@ -128,7 +128,7 @@ bool Group::RemoveMember(const std::string& user) {
     int i = FindMember(rep_->members, user);
     if (i < 0) return ACCT_ERR(TAVO_ERR_NO_USER), false;
     std::string stored = rep_->members[i];
-    rep_->members.erase(rep_->members.begin() + i);
+    Erase(&rep_->members, stored);  // also a second entry of the same name
     if (std::find(rep_->added.begin(), rep_->added.end(), stored) != rep_->added.end())
       Erase(&rep_->added, stored);
     else

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <set>
 #include <unordered_set>
+#include <utility>
 
 #include "account_lock.h"
 #include "atomic_write.h"
@@ -67,15 +68,17 @@ int FindLine(const std::vector<std::string>& lines, const std::string& name) {
   return -1;
 }
 
-// Removes `gone` (exact spelling first, else a case variant) and appends each
-// of `added` not yet present in any case.
+// Removes `gone` (every entry of the exact spelling, as a list written by
+// hand may name a member twice; else a case variant) and appends each of
+// `added` not yet present in any case.
 void ApplyMembers(std::vector<std::string>* members, const std::vector<std::string>& added,
                   const std::vector<std::string>& gone) {
   for (const std::string& r : gone) {
-    auto it = std::find(members->begin(), members->end(), r);
-    if (it == members->end())
-      it = std::find_if(members->begin(), members->end(),
-                        [&](const std::string& m) { return EqualIgnoringCase(m, r); });
+    size_t before = members->size();
+    members->erase(std::remove(members->begin(), members->end(), r), members->end());
+    if (members->size() != before) continue;
+    auto it = std::find_if(members->begin(), members->end(),
+                           [&](const std::string& m) { return EqualIgnoringCase(m, r); });
     if (it != members->end()) members->erase(it);
   }
   for (const std::string& a : added) {
@@ -103,8 +106,11 @@ int CheckNewName(const std::vector<GroupLine>& parsed, const std::vector<bool>& 
 }
 
 // Highest GID in use in the range plus one; past the range, the lowest free.
+// (gid_t)-1 is never given out: it means "no change" to chown(2).
 bool AllocateGid(const std::vector<GroupLine>& parsed, const std::vector<bool>& valid,
                  const LoginDefs& defs, unsigned* gid) {
+  const unsigned gid_max = std::min(defs.gid_max, 0xFFFFFFFEu);
+  if (defs.gid_min > gid_max) return false;
   std::unordered_set<unsigned> used;
   unsigned highest = 0;
   bool any = false;
@@ -112,22 +118,20 @@ bool AllocateGid(const std::vector<GroupLine>& parsed, const std::vector<bool>& 
     if (!valid[i]) continue;
     unsigned g = parsed[i].gid;
     used.insert(g);
-    if (g >= defs.gid_min && g <= defs.gid_max && (!any || g > highest)) {
+    if (g >= defs.gid_min && g <= gid_max && (!any || g > highest)) {
       highest = g;
       any = true;
     }
   }
-  if (defs.gid_min > defs.gid_max) return false;
-  unsigned next = any ? highest + 1 : defs.gid_min;
-  if (any && highest < defs.gid_max && !used.count(next)) {
-    *gid = next;
-    return true;
-  }
   if (!any) {
-    *gid = next;
+    *gid = defs.gid_min;
     return true;
   }
-  for (unsigned long g = defs.gid_min; g <= defs.gid_max; ++g) {
+  if (highest < gid_max) {
+    *gid = highest + 1;
+    return true;
+  }
+  for (unsigned long g = defs.gid_min; g <= gid_max; ++g) {
     if (!used.count(static_cast<unsigned>(g))) {
       *gid = static_cast<unsigned>(g);
       return true;
@@ -184,6 +188,11 @@ bool ApplyGroupChange(GroupChange* c) {
     f.group_lines[self] = FormatGroupLine(g);
   }
   if (f.has_gshadow) {
+    // A line left for a group of the new name that is gone is not kept twice.
+    if (c->create || renaming) {
+      int stale = FindLine(f.gshadow_lines, c->new_name);
+      if (stale >= 0) f.gshadow_lines.erase(f.gshadow_lines.begin() + stale);
+    }
     int s = c->create ? -1 : FindLine(f.gshadow_lines, c->orig_name);
     if (s >= 0) {
       std::vector<std::string> gm = SplitMembers(GetField(f.gshadow_lines[s], 3));
@@ -192,10 +201,6 @@ bool ApplyGroupChange(GroupChange* c) {
       if (!ReplaceField(&line, 0, c->new_name) || !ReplaceField(&line, 3, JoinMembers(gm)))
         line = c->new_name + ":!::" + JoinMembers(members);
     } else {
-      if (c->create) {
-        int stale = FindLine(f.gshadow_lines, c->new_name);
-        if (stale >= 0) f.gshadow_lines.erase(f.gshadow_lines.begin() + stale);
-      }
       f.gshadow_lines.push_back(c->new_name + ":!::" + JoinMembers(members));
     }
   }
@@ -236,21 +241,38 @@ int DeleteGroups(const std::vector<std::string>& names) {
   for (const PasswdLine& u : users->users) primary.insert(u.gid);
 
   std::shared_ptr<GroupDb> db = BuildGroupDb(f.group_text);
-  std::set<std::string> gone;  // stored names
+  // The groups to delete by stored name and GID: another line of the same
+  // name (a system group, or a line that does not parse) is not theirs.
+  std::set<std::pair<std::string, unsigned>> gone;
   for (const std::string& name : names) {
     int i = db->Find(name);
     if (i < 0) continue;
     const GroupLine& g = db->groups[i];
     if (!IsReachable(g, *defs) || IsBuiltinGroupName(g.name) || primary.count(g.gid)) continue;
-    gone.insert(g.name);
+    gone.emplace(g.name, g.gid);
   }
   if (gone.empty()) return 0;
+  std::set<std::string> kept;  // names that still have a group line
+  auto& gl = f.group_lines;
+  gl.erase(std::remove_if(gl.begin(), gl.end(),
+                          [&](const std::string& l) {
+                            GroupLine g;
+                            if (!ParseGroupLine(l, &g)) return false;
+                            return gone.count({g.name, g.gid}) > 0;
+                          }),
+           gl.end());
+  for (const std::string& l : gl) kept.insert(LineName(l));
+  // The gshadow and description lines go with the last group line of a name.
   auto drop = [&](std::vector<std::string>* lines) {
     lines->erase(std::remove_if(lines->begin(), lines->end(),
-                                [&](const std::string& l) { return gone.count(LineName(l)) > 0; }),
+                                [&](const std::string& l) {
+                                  std::string n = LineName(l);
+                                  if (kept.count(n)) return false;
+                                  return std::any_of(gone.begin(), gone.end(),
+                                                     [&](const auto& g) { return g.first == n; });
+                                }),
                  lines->end());
   };
-  drop(&f.group_lines);
   if (f.has_gshadow) drop(&f.gshadow_lines);
   drop(&f.desc_lines);
   FileSetWriter writer;

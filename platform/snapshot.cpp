@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <ctime>
 
 #include "acct_error.h"
 
@@ -30,7 +31,19 @@ void FillKey(const struct stat& st, FileKey* key) {
   key->ctime_ns = static_cast<long long>(st.st_ctim.tv_sec) * 1000000000LL + st.st_ctim.tv_nsec;
 }
 
+// Longer than a tick of the kernel's coarse clock (at most 10 ms), which
+// stamps file times, plus the lag of that clock behind the real time.
+constexpr long long kRecentNs = 50LL * 1000 * 1000;
+
 }  // namespace
+
+bool RecentlyChanged(const FileKey& key) {
+  if (!key.exists) return false;
+  struct timespec now;
+  if (clock_gettime(CLOCK_REALTIME, &now) != 0) return true;
+  long long now_ns = static_cast<long long>(now.tv_sec) * 1000000000LL + now.tv_nsec;
+  return now_ns - key.ctime_ns < kRecentNs;
+}
 
 unsigned long long SnapshotGeneration(const std::string& path) {
   std::lock_guard<std::mutex> lock(g_gen_mu);

@@ -4,8 +4,11 @@
 // The parse is kept and shared (shared_ptr<const T>) until the file's device,
 // inode, size, modification time or change time differ, so a file is parsed
 // once per change however many lookups follow. Writers in this process call
-// InvalidateSnapshot(path) after a write, which covers changes within one tick
-// of the file system's clock.
+// InvalidateSnapshot(path) after a write. Another process may rewrite a file
+// in place with the same size within one tick of the file system's clock,
+// leaving every part of the key as it was; so a file whose change time was
+// that recent when it was read is read again on the next Get, until a read
+// happens well after its last change.
 //
 // Ownership: a returned snapshot stays valid for as long as the caller holds
 // the pointer, also after the file changes.
@@ -43,6 +46,9 @@ bool StatKey(const std::string& path, FileKey* key);
 // Reads the whole file with the key of the descriptor it was read from.
 // A missing file gives "" with key.exists=false and true.
 bool ReadWholeFile(const std::string& path, std::string* content, FileKey* key);
+// True when a file with this key changed so recently that a further change
+// could still leave the key as it is.
+bool RecentlyChanged(const FileKey& key);
 // Forces every cache to re-read the file at `path` on its next Get.
 void InvalidateSnapshot(const std::string& path);
 // The count of invalidations of `path` so far (part of its key).
@@ -60,6 +66,7 @@ class SnapshotCache {
  private:
   struct Entry {
     FileKey key;
+    bool recent;  // read within a clock tick or so of its change: not trusted
     std::shared_ptr<const T> value;
   };
   Parser parser_;
@@ -77,7 +84,8 @@ std::shared_ptr<const T> SnapshotCache<T>::Get(const std::string& path) {
   {
     std::lock_guard<std::mutex> lock(mu_);
     auto it = entries_.find(path);
-    if (it != entries_.end() && it->second.key == now) return it->second.value;
+    if (it != entries_.end() && it->second.key == now && !it->second.recent)
+      return it->second.value;
   }
   std::string content;
   FileKey read_key;
@@ -87,9 +95,10 @@ std::shared_ptr<const T> SnapshotCache<T>::Get(const std::string& path) {
     return nullptr;
   }
   std::shared_ptr<const T> value = parser_(content);
+  const bool recent = RecentlyChanged(read_key);
   std::lock_guard<std::mutex> lock(mu_);
   if (entries_.size() > 64) entries_.clear();  // roots change between tests
-  entries_[path] = Entry{read_key, value};
+  entries_[path] = Entry{read_key, recent, value};
   return value;
 }
 
