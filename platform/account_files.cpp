@@ -137,6 +137,8 @@ LoginDefs ParseLoginDefs(const std::string& content) {
     else if (key == "UID_MIN") defs.uid_min = v;
     else if (key == "UID_MAX") defs.uid_max = v;
   }
+  if (defs.gid_min < kMinOrdinaryId) defs.gid_min = kMinOrdinaryId;
+  if (defs.uid_min < kMinOrdinaryId) defs.uid_min = kMinOrdinaryId;
   return defs;
 }
 

@@ -39,6 +39,11 @@ struct ShadowLine {
   long expire_days = -1;  // -1: the field is empty (never expires)
 };
 
+// GID_MIN and UID_MIN are never taken below kMinOrdinaryId, so that the
+// static system range (root, sudo, shadow, adm, ...) stays out of reach
+// whatever login.defs says.
+constexpr unsigned kMinOrdinaryId = 100;
+
 struct LoginDefs {
   unsigned gid_min = 1000, gid_max = 60000;
   unsigned uid_min = 1000, uid_max = 60000;

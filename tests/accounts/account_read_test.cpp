@@ -68,6 +68,10 @@ TEST(GroupRead, SystemGroupsAreHiddenButTheirNamesTaken) {
   Page page;
   EXPECT_EQ(4, TLIBGroupInfoEnumBySubstr(1, "", 0, -1, "", 1, Collect, &page));
   EXPECT_EQ((std::vector<std::string>{"administrators", "big", "nogroup", "users"}), page.names);
+  // A login.defs that opens the system range still keeps root and sudo out.
+  root.Write("/etc/login.defs", "GID_MIN 0\nGID_MAX 60000\n");
+  EXPECT_EQ(nullptr, SDK::Group::LoadGroup("sudo"));
+  EXPECT_EQ(-1, TAVOGroupGetByGID(0, &g));
 }
 
 TEST(GroupRead, PagesAreOrderedIgnoringCaseAndCountAllMatches) {
