@@ -20,10 +20,12 @@ thread_local Details t_details;
 
 std::string Or(const std::string& s) { return s.empty() ? "-" : s; }
 
-// Keeps a log line on one line whatever a client sent.
+// Keeps a log line on one line, and each field one word, whatever a client
+// sent.
 std::string Clean(const std::string& s) {
   std::string out;
-  for (char c : s.substr(0, 200)) out += (static_cast<unsigned char>(c) < 0x20 || c == '"') ? '?' : c;
+  for (char c : s.substr(0, 200))
+    out += static_cast<unsigned char>(c) <= 0x20 || c == 0x7f || c == '"' ? '?' : c;
   return out;
 }
 

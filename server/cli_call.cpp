@@ -79,6 +79,10 @@ int CallMain(const std::vector<std::string>& args) {
     if (eq == std::string::npos || eq == 0) return Usage("expected NAME=VALUE, got " + kv);
     call.params[kv.substr(0, eq)] = ValueFromText(kv.substr(eq + 1));
   }
+  std::string text_error;
+  if (!CheckText(Json::Value(call.api), &text_error) ||
+      !CheckText(Json::Value(call.method), &text_error) || !CheckText(call.params, &text_error))
+    return Usage(text_error);
 
   std::string root;
   Status s = ResolveRoot(root_arg, &root);

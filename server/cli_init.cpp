@@ -1,13 +1,14 @@
 // `tavo init`: creates an appliance root with the built-in groups and users
 // and, with --demo, sample users and groups and an administrator password.
 #include <crypt.h>
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
-#include <fstream>
 #include <memory>
 
 #include "cli.h"
@@ -68,15 +69,29 @@ std::string Hash(const std::string& password, bool cheap) {
   return h;
 }
 
-bool WriteFile(const std::string& path, const std::string& content, mode_t mode) {
-  std::string tmp = path + ".init-tmp";
-  {
-    std::ofstream out(tmp, std::ios::binary | std::ios::trunc);
-    out << content;
-    out.flush();
-    if (!out) return false;
+bool WriteAll(int fd, const std::string& content) {
+  size_t done = 0;
+  while (done < content.size()) {
+    ssize_t n = write(fd, content.data() + done, content.size() - done);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return false;
+    done += static_cast<size_t>(n);
   }
-  return chmod(tmp.c_str(), mode) == 0 && rename(tmp.c_str(), path.c_str()) == 0;
+  return true;
+}
+
+// Writes through a fresh temporary file that nobody else can read until it
+// has its final mode, and that is never a link left there by someone else.
+bool WriteFile(const std::string& path, const std::string& content, mode_t mode) {
+  const std::string tmp = path + ".init-tmp";
+  unlink(tmp.c_str());
+  int fd = open(tmp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+  if (fd < 0) return false;
+  std::unique_ptr<int, void (*)(int*)> closer(&fd, [](int* f) { close(*f); });
+  bool ok = WriteAll(fd, content) && fchmod(fd, mode) == 0 && fsync(fd) == 0 &&
+            rename(tmp.c_str(), path.c_str()) == 0;
+  if (!ok) unlink(tmp.c_str());
+  return ok;
 }
 
 bool MakeDirs(const std::string& root, std::initializer_list<const char*> dirs) {

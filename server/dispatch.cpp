@@ -20,6 +20,7 @@ bool CallFromJson(const Json::Value& body, ApiCall* call, std::string* error) {
     *error = "the request must be a JSON object";
     return false;
   }
+  if (!CheckText(body, error)) return false;
   const Json::Value& api = body["api"];
   const Json::Value& method = body["method"];
   if (!api.isString() || api.asString().empty()) {

@@ -27,7 +27,8 @@ struct ApiCall {
 
 // Reads {"api", "version", "method", "params"}: "api" and "method" non-empty
 // strings, "version" (default 1) an integer >= 1 given as a number or decimal
-// text, "params" (default {}) an object. On failure returns false with a
+// text, "params" (default {}) an object; every string valid UTF-8 without NUL
+// characters (CheckText). On failure returns false with a
 // plain message in *error.
 bool CallFromJson(const Json::Value& body, ApiCall* call, std::string* error);
 

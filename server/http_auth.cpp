@@ -1,5 +1,6 @@
 // Login, logout and session handling of the HTTP server.
 #include <json/value.h>
+#include <strings.h>
 
 #include "access_log.h"
 #include "http_impl.h"
@@ -24,6 +25,16 @@ Json::Value SessionData(const SessionStore::Session& s, int idle) {
   out["success"] = true;
   out["data"] = data;
   return out;
+}
+
+// True when the body is declared as JSON. A form of another site can only
+// send form or plain-text bodies without asking first, so this keeps other
+// sites from trying passwords through a visitor's browser.
+bool IsJsonBody(const httplib::Request& req) {
+  std::string type = req.get_header_value("Content-Type");
+  type = type.substr(0, type.find(';'));
+  while (!type.empty() && type.back() == ' ') type.pop_back();
+  return strcasecmp(type.c_str(), "application/json") == 0;
 }
 
 }  // namespace
@@ -80,21 +91,33 @@ bool HttpServer::Impl::Authorize(const httplib::Request& req, httplib::Response&
 
 void HttpServer::Impl::Login(const httplib::Request& req, httplib::Response& res) {
   Json::Value body;
+  if (!IsJsonBody(req)) {
+    SendError(res, 400, "send the login with Content-Type: application/json");
+    return;
+  }
   if (!ParseJson(req.body, &body) || !body.isObject() || !body["account"].isString() ||
       !body["password"].isString()) {
     SendError(res, 400, "send {\"account\": STRING, \"password\": STRING}");
     return;
   }
+  // A NUL would cut the name short below while the throttle counts it apart.
+  std::string text_error;
+  if (!CheckText(body, &text_error)) {
+    SendError(res, 400, "account and password: " + text_error);
+    return;
+  }
   const std::string account = body["account"].asString();
   const std::string password = body["password"].asString();
   access_log::SetAccount(account);
+  std::lock_guard<std::mutex> one_at_a_time(throttle.AccountLock(account));
   int wait = throttle.RetryAfter(account, req.remote_addr);
   if (wait > 0) {
     res.set_header("Retry-After", std::to_string(wait));
     SendError(res, 429, "too many failed logins; try again in " + std::to_string(wait) + " s");
     return;
   }
-  switch (CheckLogin(account, password)) {
+  std::string name;
+  switch (CheckLogin(account, password, &name)) {
     case LoginResult::kOk:
       break;
     case LoginResult::kBadCredentials:
@@ -110,8 +133,9 @@ void HttpServer::Impl::Login(const httplib::Request& req, httplib::Response& res
       return;
   }
   throttle.RecordSuccess(account);
+  access_log::SetAccount(name);
   SessionStore::Session s;
-  if (!sessions.Create(account, &s)) {
+  if (!sessions.Create(name, &s)) {
     SendError(res, 500, "no session could be started");
     return;
   }

@@ -10,6 +10,7 @@
 
 #include <string>
 
+#include "bounded_server.h"
 #include "http_server.h"
 #include "login.h"
 #include "sessions.h"
@@ -24,7 +25,7 @@ struct HttpServer::Impl {
 
   const ServeOptions& options;
   const ModuleSet& modules;
-  httplib::Server http;
+  BoundedServer http;
   SessionStore sessions;
   LoginThrottle throttle;
   StaticFiles files;

@@ -13,6 +13,12 @@ namespace tavo_server {
 namespace {
 
 constexpr size_t kMaxHeaders = 100;
+constexpr const char kJsonType[] = "application/json; charset=utf-8";
+// The page loads its scripts, styles and images from this server only, runs
+// no inline code and may not be framed.
+constexpr const char kContentSecurityPolicy[] =
+    "default-src 'self'; img-src 'self' data:; object-src 'none'; base-uri 'none'; "
+    "form-action 'self'; frame-ancestors 'none'";
 
 const char* Reason(int status) {
   switch (status) {
@@ -38,12 +44,12 @@ void SendError(httplib::Response& res, int status, const std::string& message) {
   Json::Value body(Json::objectValue);
   body["error"] = message;
   res.status = status;
-  res.set_content(ToCompactJson(body), "application/json");
+  res.set_content(ToCompactJson(body), kJsonType);
 }
 
 void SendJson(httplib::Response& res, const Json::Value& body) {
   res.status = 200;
-  res.set_content(ToCompactJson(body), "application/json");
+  res.set_content(ToCompactJson(body), kJsonType);
 }
 
 HttpServer::Impl::Impl(const ServeOptions& o, const ModuleSet& m)
@@ -61,12 +67,15 @@ HttpServer::Impl::Impl(const ServeOptions& o, const ModuleSet& m)
     setsockopt(sock, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof(yes));
   });
   http.set_payload_max_length(o.max_body);
+  // The request line and the header lines, each at most 8192 bytes, and the body.
+  http.set_request_budget((kMaxHeaders + 2) * 8192 + o.max_body);
   http.set_read_timeout(o.read_timeout, 0);
   http.set_write_timeout(o.write_timeout, 0);
   http.set_keep_alive_timeout(o.keepalive_timeout);
   http.set_keep_alive_max_count(static_cast<size_t>(o.keepalive_max));
   http.set_default_headers({{"X-Content-Type-Options", "nosniff"},
                             {"X-Frame-Options", "DENY"},
+                            {"Content-Security-Policy", kContentSecurityPolicy},
                             {"Referrer-Policy", "no-referrer"}});
 
   const size_t max_body = o.max_body;
@@ -118,6 +127,14 @@ HttpServer::Impl::Impl(const ServeOptions& o, const ModuleSet& m)
   http.Post("/api", [this](Req q, Res r) { ApiPost(q, r); });
   http.Get("/api", [this](Req q, Res r) { ApiGet(q, r); });
   http.Get("/.*", [this](Req q, Res r) { StaticFile(q, r); });
+  const auto not_allowed = [](Req q, Res r) {
+    r.set_header("Allow", "GET, HEAD, POST");
+    SendError(r, 405, "method " + q.method + " is not allowed; use GET or POST");
+  };
+  http.Put("/.*", not_allowed);
+  http.Patch("/.*", not_allowed);
+  http.Delete("/.*", not_allowed);
+  http.Options("/.*", not_allowed);
 }
 
 void HttpServer::Impl::StaticFile(const httplib::Request& req, httplib::Response& res) {

@@ -20,6 +20,12 @@ bool ParseJson(const std::string& text, Json::Value* out);
 // "staff" and "[oops" strings, "\"5\"" the string 5).
 Json::Value ValueFromText(const std::string& text);
 
+// True when every string and member name in `value` is valid UTF-8 (no
+// overlong forms, surrogates or code points above U+10FFFF) and holds no NUL
+// character, which the account files and the C interfaces below cannot carry.
+// Otherwise false, with a plain message in *error.
+bool CheckText(const Json::Value& value, std::string* error);
+
 // Compact one-line JSON (no trailing newline).
 std::string ToCompactJson(const Json::Value& value);
 // Indented JSON for people (with a trailing newline).

@@ -1,32 +1,98 @@
 #include "login.h"
 
+#include <crypt.h>
+#include <locale.h>
+#include <wctype.h>
+
 #include <algorithm>
-#include <cctype>
+#include <cstdlib>
+#include <functional>
+#include <memory>
 
 #include "tavo/user.h"
 
 namespace tavo_server {
 namespace {
 
-std::string AccountKey(const std::string& account) {
-  std::string key = "account:";
-  for (char c : account) key += static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  return key;
+void AppendUtf8(unsigned cp, std::string* out) {
+  if (cp < 0x80) {
+    *out += static_cast<char>(cp);
+  } else if (cp < 0x800) {
+    *out += static_cast<char>(0xC0 | (cp >> 6));
+    *out += static_cast<char>(0x80 | (cp & 0x3F));
+  } else if (cp < 0x10000) {
+    *out += static_cast<char>(0xE0 | (cp >> 12));
+    *out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
+    *out += static_cast<char>(0x80 | (cp & 0x3F));
+  } else {
+    *out += static_cast<char>(0xF0 | (cp >> 18));
+    *out += static_cast<char>(0x80 | ((cp >> 12) & 0x3F));
+    *out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
+    *out += static_cast<char>(0x80 | (cp & 0x3F));
+  }
 }
+
+// Every character of UTF-8 `text` in its upper-case form (C.UTF-8); bytes
+// that are not UTF-8 are kept as they are.
+std::string UpperCase(const std::string& text) {
+  static const locale_t utf8 = newlocale(LC_CTYPE_MASK, "C.UTF-8", static_cast<locale_t>(0));
+  std::string out;
+  for (size_t i = 0; i < text.size();) {
+    const unsigned char c = static_cast<unsigned char>(text[i]);
+    const size_t n = c >= 0xF0 ? 4 : c >= 0xE0 ? 3 : c >= 0xC0 ? 2 : 1;
+    if (n == 1 || i + n > text.size() || utf8 == static_cast<locale_t>(0)) {
+      out += static_cast<char>(c >= 'a' && c <= 'z' ? c - 32 : c);
+      ++i;
+      continue;
+    }
+    unsigned cp = c & (0x7F >> n);
+    for (size_t k = 1; k < n; ++k) cp = (cp << 6) | (static_cast<unsigned char>(text[i + k]) & 0x3F);
+    AppendUtf8(static_cast<unsigned>(towupper_l(static_cast<wint_t>(cp), utf8)), &out);
+    i += n;
+  }
+  return out;
+}
+
+std::string AccountKey(const std::string& account) { return "account:" + UpperCase(account); }
 
 std::string AddressKey(const std::string& address) { return "address:" + address; }
 
+// Spends about the time of checking a password against a real hash.
+void CheckAgainstDummyHash(const std::string& password) {
+  static const std::string dummy = [] {
+    std::unique_ptr<char, decltype(&free)> salt(crypt_gensalt_ra("$y$", 0, nullptr, 0), &free);
+    auto data = std::make_unique<crypt_data>();
+    const char* h = salt ? crypt_r("dummy password", salt.get(), data.get()) : nullptr;
+    return std::string(h != nullptr && h[0] != '*' ? h : "");
+  }();
+  if (dummy.empty()) return;
+  auto data = std::make_unique<crypt_data>();
+  crypt_r(password.c_str(), dummy.c_str(), data.get());
+}
+
 }  // namespace
 
-LoginResult CheckLogin(const std::string& account, const std::string& password) {
+LoginResult CheckLogin(const std::string& account, const std::string& password, std::string* name) {
   if (account.empty() || account.size() > 256 || password.size() > 4096)
     return LoginResult::kBadCredentials;
   int ok = TAVOUserCheckPassword(account.c_str(), password.c_str());
   if (ok < 0) return LoginResult::kUnavailable;
-  if (ok != 1) return LoginResult::kBadCredentials;
+  if (ok != 1) {
+    // Unknown, locked and expired accounts skip the hash check below.
+    if (TAVOUserCheckExpired(account.c_str()) != 0) CheckAgainstDummyHash(password);
+    return LoginResult::kBadCredentials;
+  }
   if (TLIBGroupIsAdminGroupMem(account.c_str(), 0) != 1) return LoginResult::kNotAdministrator;
   if (TAVOUserCheckExpired(account.c_str()) != 0) return LoginResult::kNotAdministrator;
+  SDK::User* user = SDK::User::LoadUser(account);
+  *name = user != nullptr ? user->GetName() : account;
+  SDK::User::Release(user);
   return LoginResult::kOk;
+}
+
+std::mutex& LoginThrottle::AccountLock(const std::string& account) {
+  const size_t n = sizeof(account_locks_) / sizeof(account_locks_[0]);
+  return account_locks_[std::hash<std::string>()(AccountKey(account)) % n];
 }
 
 int LoginThrottle::RetryAfter(const std::string& account, const std::string& address) {

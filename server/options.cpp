@@ -120,7 +120,9 @@ std::string ServeUsage() {
     << "  --max-sessions N       sessions alive at once; the least recently used goes ["
     << d.max_sessions << "]\n"
     << "  fixed: request line and each header line at most 8192 bytes, at most 100 headers\n"
-    << "         (HTTP 400 or 431); " << d.login_max_failures << " failed logins for one account, or "
+    << "         (HTTP 400 or 431); one request (head and body) at most 816 KiB over --max-body\n"
+    << "         (else HTTP 400 and the connection is closed);\n"
+    << "         " << d.login_max_failures << " failed logins for one account, or "
     << 4 * d.login_max_failures << " from one client address,\n"
     << "         within " << d.login_window << " s make further tries answer HTTP 429 until the window has passed.\n";
   return s.str();

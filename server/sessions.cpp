@@ -3,50 +3,73 @@
 #include "random.h"
 
 namespace tavo_server {
+namespace {
+
+constexpr size_t kSecretBytes = 32;
+constexpr size_t kPrefix = 16;  // hex digits used to find a secret
+
+std::string Prefix(const std::string& secret) { return secret.substr(0, kPrefix); }
+
+// Compares two secrets in time that depends only on their lengths.
+bool SecretEquals(const std::string& a, const std::string& b) {
+  if (a.size() != b.size()) return false;
+  volatile unsigned char diff = 0;
+  for (size_t i = 0; i < a.size(); ++i) diff |= static_cast<unsigned char>(a[i] ^ b[i]);
+  return diff == 0;
+}
+
+}  // namespace
 
 bool SessionStore::Create(const std::string& account, Session* out) {
   Session s;
-  s.id = RandomHex(32);
-  s.token = RandomHex(32);
-  if (s.id.empty() || s.token.empty()) return false;
   s.account = account;
-  s.last_used = Clock::now();
   std::lock_guard<std::mutex> lock(mutex_);
+  // A prefix already in use (a 2^-64 chance) is drawn again.
+  do {
+    s.id = RandomHex(kSecretBytes);
+    s.token = RandomHex(kSecretBytes);
+    if (s.id.empty() || s.token.empty()) return false;
+  } while (by_id_.count(Prefix(s.id)) != 0 || id_by_token_.count(Prefix(s.token)) != 0);
+  s.last_used = Clock::now();
   DropExpired(s.last_used);
   while (!by_id_.empty() && by_id_.size() >= max_sessions_) {
     auto oldest = by_id_.begin();
     for (auto it = by_id_.begin(); it != by_id_.end(); ++it)
       if (it->second.last_used < oldest->second.last_used) oldest = it;
-    id_by_token_.erase(oldest->second.token);
-    by_id_.erase(oldest);
+    Erase(oldest);
   }
-  by_id_[s.id] = s;
-  id_by_token_[s.token] = s.id;
+  by_id_[Prefix(s.id)] = s;
+  id_by_token_[Prefix(s.token)] = Prefix(s.id);
   *out = s;
   return true;
 }
 
-bool SessionStore::FindByToken(const std::string& token, Session* out) {
-  if (token.empty()) return false;
-  std::string id;
-  {
-    std::lock_guard<std::mutex> lock(mutex_);
-    auto it = id_by_token_.find(token);
-    if (it == id_by_token_.end()) return false;
-    id = it->second;
-  }
-  return FindById(id, out);
+std::map<std::string, SessionStore::Session>::iterator SessionStore::LookupId(
+    const std::string& id) {
+  if (id.size() != 2 * kSecretBytes) return by_id_.end();
+  auto it = by_id_.find(Prefix(id));
+  return it != by_id_.end() && SecretEquals(it->second.id, id) ? it : by_id_.end();
 }
 
-bool SessionStore::FindById(const std::string& id, Session* out) {
-  if (id.empty()) return false;
-  std::lock_guard<std::mutex> lock(mutex_);
-  auto it = by_id_.find(id);
+std::map<std::string, SessionStore::Session>::iterator SessionStore::LookupToken(
+    const std::string& token) {
+  if (token.size() != 2 * kSecretBytes) return by_id_.end();
+  auto t = id_by_token_.find(Prefix(token));
+  if (t == id_by_token_.end()) return by_id_.end();
+  auto it = by_id_.find(t->second);
+  return it != by_id_.end() && SecretEquals(it->second.token, token) ? it : by_id_.end();
+}
+
+void SessionStore::Erase(std::map<std::string, Session>::iterator it) {
+  id_by_token_.erase(Prefix(it->second.token));
+  by_id_.erase(it);
+}
+
+bool SessionStore::Use(std::map<std::string, Session>::iterator it, Session* out) {
   if (it == by_id_.end()) return false;
   Clock::time_point now = Clock::now();
   if (!Alive(it->second, now)) {
-    id_by_token_.erase(it->second.token);
-    by_id_.erase(it);
+    Erase(it);
     return false;
   }
   it->second.last_used = now;
@@ -54,14 +77,21 @@ bool SessionStore::FindById(const std::string& id, Session* out) {
   return true;
 }
 
+bool SessionStore::FindByToken(const std::string& token, Session* out) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return Use(LookupToken(token), out);
+}
+
+bool SessionStore::FindById(const std::string& id, Session* out) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return Use(LookupId(id), out);
+}
+
 void SessionStore::Remove(const std::string& id_or_token) {
   std::lock_guard<std::mutex> lock(mutex_);
-  auto t = id_by_token_.find(id_or_token);
-  std::string id = t != id_by_token_.end() ? t->second : id_or_token;
-  auto it = by_id_.find(id);
-  if (it == by_id_.end()) return;
-  id_by_token_.erase(it->second.token);
-  by_id_.erase(it);
+  auto it = LookupToken(id_or_token);
+  if (it == by_id_.end()) it = LookupId(id_or_token);
+  if (it != by_id_.end()) Erase(it);
 }
 
 size_t SessionStore::Size() {
@@ -72,12 +102,9 @@ size_t SessionStore::Size() {
 
 void SessionStore::DropExpired(Clock::time_point now) {
   for (auto it = by_id_.begin(); it != by_id_.end();) {
-    if (Alive(it->second, now)) {
-      ++it;
-    } else {
-      id_by_token_.erase(it->second.token);
-      it = by_id_.erase(it);
-    }
+    auto next = std::next(it);
+    if (!Alive(it->second, now)) Erase(it);
+    it = next;
   }
 }
 

@@ -8,6 +8,10 @@
 // without use. At most `max_sessions` live at once; beyond that the least
 // recently used one is dropped.
 //
+// Secrets are looked up by their first 16 hex digits and then compared in
+// full in constant time, so the time an answer takes tells nothing about how
+// much of a guessed secret was right beyond that public prefix.
+//
 // Thread-safety: all methods may be called from any thread.
 #ifndef TAVO_SERVER_SESSIONS_H_
 #define TAVO_SERVER_SESSIONS_H_
@@ -47,11 +51,20 @@ class SessionStore {
   bool Alive(const Session& s, Clock::time_point now) const { return now - s.last_used <= idle_; }
   void DropExpired(Clock::time_point now);  // mutex_ held
 
+  // The session whose id is `id`, or by_id_.end(); mutex_ held.
+  std::map<std::string, Session>::iterator LookupId(const std::string& id);
+  // The session whose token is `token`, or by_id_.end(); mutex_ held.
+  std::map<std::string, Session>::iterator LookupToken(const std::string& token);
+  void Erase(std::map<std::string, Session>::iterator it);  // mutex_ held
+  // Refreshes and copies out a live session, drops an expired one; false for
+  // end() or expired. mutex_ held.
+  bool Use(std::map<std::string, Session>::iterator it, Session* out);
+
   const std::chrono::seconds idle_;
   const size_t max_sessions_;
   std::mutex mutex_;
-  std::map<std::string, Session> by_id_;
-  std::map<std::string, std::string> id_by_token_;
+  std::map<std::string, Session> by_id_;               // key: the id's prefix
+  std::map<std::string, std::string> id_by_token_;     // token's prefix -> id's prefix
 };
 
 }  // namespace tavo_server

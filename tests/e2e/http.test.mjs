@@ -7,6 +7,7 @@ import { mkdirSync, writeFileSync, symlinkSync } from 'node:fs';
 import { join } from 'node:path';
 import {
   scratch, initRoot, moduleFolder, startServer, login, post, GROUP_MODULE, USER_PASSWORD,
+  ADMIN_PASSWORD,
 } from './helpers.mjs';
 
 let tmp, server, token;
@@ -40,6 +41,8 @@ test('login hands out a cookie and a token; only the token opens the API', async
   assert.equal(r.status, 200);
   assert.equal(r.body.success, true);
   assert.equal(r.body.data.account, 'admin');
+  // Names match ignoring case; the session carries the account's own spelling.
+  assert.equal((await login(server.url, 'ADMIN')).body.data.account, 'admin');
   assert.match(r.body.data.token, /^[0-9a-f]{64}$/);
   assert.match(r.cookie, /^tavo_session=[0-9a-f]{64}$/);
 
@@ -86,8 +89,19 @@ test('wrong passwords get 401, a valid non-administrator 403, a disabled account
   const alice = await login(server.url, 'alice', USER_PASSWORD);
   assert.equal(alice.status, 403);
   assert.equal(alice.cookie, '');
-  const bad = await fetch(`${server.url}/api/auth/login`, { method: 'POST', body: '{"account": 1}' });
+  const bad = await fetch(`${server.url}/api/auth/login`, {
+    method: 'POST', headers: { 'Content-Type': 'application/json' }, body: '{"account": 1}',
+  });
   assert.equal(bad.status, 400);
+  // A form of another site can post plain text without asking: not a login.
+  const form = await fetch(`${server.url}/api/auth/login`, {
+    method: 'POST', headers: { 'Content-Type': 'text/plain' },
+    body: JSON.stringify({ account: 'admin', password: ADMIN_PASSWORD }),
+  });
+  assert.equal(form.status, 400);
+  // A NUL would end the name early below the throttle, which counts the whole text.
+  assert.equal((await login(server.url, 'admin\u0000x', 'wrong')).status, 400);
+  assert.equal((await login(server.url, 'admin', `${ADMIN_PASSWORD}\u0000x`)).status, 400);
 });
 
 test('repeated failed logins are refused with 429 for that account', async () => {
@@ -96,8 +110,10 @@ test('repeated failed logins are refused with 429 for that account', async () =>
   assert.equal(last.status, 429);
   assert.match(last.body.error, /too many failed logins/);
   // Even the right password waits now; other accounts from this address do not.
-  const right = await login(server.url, 'bob', USER_PASSWORD);
-  assert.equal(right.status, 429);
+  for (const variant of ['bob', 'BOB']) {
+    const right = await login(server.url, variant, USER_PASSWORD);
+    assert.equal(right.status, 429, variant);
+  }
   assert.equal((await login(server.url)).status, 200);
 });
 
@@ -151,6 +167,25 @@ test('a body over the limit gets 413 and the server carries on', async () => {
   assert.equal((await post(server.url, token, LIST)).status, 200);
 });
 
+test('a request line that never ends is cut off, and the server carries on', async () => {
+  const { hostname, port } = new URL(server.url);
+  const sock = net.connect(Number(port), hostname);
+  await new Promise((resolve) => sock.on('connect', resolve));
+  const closed = new Promise((resolve) => { sock.on('error', resolve); sock.on('close', resolve); });
+  let sent = 0;
+  let open = true;
+  closed.then(() => { open = false; });
+  sock.write('GET /');
+  const chunk = 'a'.repeat(65536);
+  while (open && sent < 64 * 1024 * 1024) {
+    if (!sock.write(chunk)) await Promise.race([new Promise((r) => sock.once('drain', r)), closed]);
+    sent += chunk.length;
+  }
+  sock.destroy();
+  assert.ok(sent < 16 * 1024 * 1024, `the server read ${sent} bytes of one request line`);
+  assert.equal((await post(server.url, token, LIST)).status, 200);
+});
+
 // Sends a raw request, as a browser would never do, and returns the status.
 function raw(url, request) {
   const { hostname, port } = new URL(url);
@@ -167,6 +202,16 @@ test('the admin page is served, and nothing outside its folder', async () => {
   const index = await fetch(`${server.url}/`);
   assert.equal(index.status, 200);
   assert.match(index.headers.get('content-type'), /^text\/html/);
+  assert.match(index.headers.get('content-security-policy'), /default-src 'self'.*frame-ancestors 'none'/);
+  assert.equal(index.headers.get('x-content-type-options'), 'nosniff');
+  const apiRes = await fetch(`${server.url}/api/info`, { headers: { 'X-Tavo-Token': token } });
+  assert.equal(apiRes.headers.get('content-type'), 'application/json; charset=utf-8');
+  assert.equal(apiRes.headers.get('cache-control'), 'no-store');
+  for (const method of ['PUT', 'DELETE', 'PATCH', 'OPTIONS']) {
+    const r = await fetch(`${server.url}/api`, { method, headers: { 'X-Tavo-Token': token }, body: '{}' });
+    assert.equal(r.status, 405, method);
+    assert.equal(r.headers.get('allow'), 'GET, HEAD, POST');
+  }
   const css = await fetch(`${server.url}/css/site.css`);
   assert.match(css.headers.get('content-type'), /^text\/css/);
   for (const path of ['/../secret.txt', '/css/../../secret.txt', '/%2e%2e/secret.txt',

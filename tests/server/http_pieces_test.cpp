@@ -48,6 +48,27 @@ TEST(EnvelopeTest, AcceptsWellTypedCallsOnly) {
   EXPECT_FALSE(ParseJson(std::string(100000, '['), &v));  // too deep, no crash
 }
 
+TEST(EnvelopeTest, StringsMustBeUtf8WithoutNul) {
+  std::string error;
+  EXPECT_TRUE(CheckText(Parse(R"({"n":["gr\u00fcn","\ud83d\ude00",1,{"k":"v"}]})"), &error));
+  const std::string bad[] = {
+      std::string("a\0b", 3), "\xff", "\xc3", "\xc0\xaf" /* overlong / */,
+      "\xed\xa0\x80" /* surrogate */, "\xf4\x90\x80\x80" /* above U+10FFFF */};
+  for (const std::string& b : bad) {
+    Json::Value nested(Json::objectValue);
+    nested["p"]["list"].append(b);
+    EXPECT_FALSE(CheckText(nested, &error)) << b;
+    Json::Value keyed(Json::objectValue);
+    keyed[b] = 1;
+    EXPECT_FALSE(CheckText(keyed, &error)) << b;
+  }
+  ApiCall call;
+  EXPECT_FALSE(CallFromJson(Parse(R"({"api":"A","method":"m","params":{"name":"x\u0000y"}})"),
+                            &call, &error));
+  EXPECT_FALSE(CallFromJson(Parse(R"({"api":"A","method":"m","params":{"name":"\udc00"}})"),
+                            &call, &error));
+}
+
 TEST(EnvelopeTest, ValuesAreJsonWhenTheyParse) {
   EXPECT_EQ(ValueFromText("5"), Json::Value(5));
   EXPECT_EQ(ValueFromText("true"), Json::Value(true));
@@ -102,6 +123,13 @@ TEST(SessionStoreTest, TokensIdsExpiryAndEviction) {
   ASSERT_TRUE(store.FindByToken(a.token, &found));
   EXPECT_EQ(found.account, "admin");
   EXPECT_FALSE(store.FindByToken(a.id, &found));  // the cookie id is no token
+  for (std::string near : {a.token, a.id}) {        // the right prefix is not enough
+    near.back() = near.back() == '0' ? '1' : '0';
+    EXPECT_FALSE(store.FindByToken(near, &found));
+    EXPECT_FALSE(store.FindById(near, &found));
+  }
+  EXPECT_FALSE(store.FindByToken(a.token + "0", &found));
+  EXPECT_FALSE(store.FindByToken(a.token.substr(0, 16), &found));
   ASSERT_TRUE(store.FindById(a.id, &found));
   ASSERT_TRUE(store.Create("b", &b));
   ASSERT_TRUE(store.FindByToken(a.token, &found));  // a is now the most recent
@@ -124,8 +152,10 @@ TEST(LoginThrottleTest, RefusesAfterRepeatedFailuresPerAccountAndAddress) {
     EXPECT_EQ(t.RetryAfter("Admin", "10.0.0.1"), 0);
     t.RecordFailure("Admin", "10.0.0.1");
   }
-  EXPECT_GT(t.RetryAfter("admin", "10.0.0.2"), 0);  // same account, any case
-  EXPECT_EQ(t.RetryAfter("bob", "10.0.0.1"), 0);    // the address may try others
+  EXPECT_GT(t.RetryAfter("admin", "10.0.0.2"), 0);         // same account, any case
+  EXPECT_GT(t.RetryAfter("ADM\xc4\xb1N", "10.0.0.3"), 0);  // dotless i: "admin" too
+  EXPECT_EQ(&t.AccountLock("ADMIN"), &t.AccountLock("adm\xc4\xb1n"));
+  EXPECT_EQ(t.RetryAfter("bob", "10.0.0.1"), 0);  // the address may try others
   for (const char* other : {"bob", "carol", "dave", "erin", "frank", "grace"}) {
     EXPECT_EQ(t.RetryAfter(other, "10.0.0.1"), 0) << other;
     t.RecordFailure(other, "10.0.0.1");
