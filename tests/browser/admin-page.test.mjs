@@ -3,53 +3,28 @@
 // directory kinds, recent changes, session expiry and the narrow layout.
 
 import assert from 'node:assert/strict';
-import { execFileSync } from 'node:child_process';
-import { after, before, describe, test } from 'node:test';
+import { before, describe, test } from 'node:test';
 import {
-  ADMIN_PASSWORD, eventually, launchBrowser, login, makeRoot, openPage, screenshot, startServer, tavoBin,
-  waitForText,
+  ADMIN_PASSWORD, eventually, login, region, screenshot, summary, tavoCall, waitForText, withAppliance,
 } from './harness.mjs';
 
-// What the appliance itself says, independent of the page.
-function tavoCall(root, api, method, params) {
-  try {
-    const out = execFileSync(tavoBin, ['call', '--root', root, api, method, '--params', JSON.stringify(params)],
-      { stdio: 'pipe' });
-    return JSON.parse(out.toString());
-  } catch (err) {
-    return JSON.parse(err.stdout.toString());
-  }
-}
-
-function memberNames(root, group) {
-  const answer = tavoCall(root, 'TAVO.Core.Group.Member', 'list', { group });
-  return answer.success ? answer.data.users.map((u) => u.name).sort() : null;
-}
-
 describe('admin page', () => {
-  let fixture;
-  let server;
-  let browser;
+  const env = withAppliance();
   let page;
-  let pageErrors;
+  before(() => { ({ page } = env); });
 
-  before(async () => {
-    fixture = makeRoot();
-    server = await startServer(fixture.root);
-    browser = await launchBrowser();
-    ({ page, pageErrors } = await openPage(browser, server.url));
-  });
-
-  after(async () => {
-    if (browser) await browser.close();
-    if (server) await server.stop();
-    if (fixture) fixture.remove();
-  });
-
-  const alert = () => page.locator('#alert');
   const notice = () => page.locator('#notice');
+  const dialog = () => page.getByRole('dialog');
   const groupRow = (name) => page.locator('table.groups tbody tr')
     .filter({ has: page.locator('.group-name', { hasText: new RegExp(`^${name}$`) }) });
+  const memberNames = (group) =>
+    tavoCall(env.root, 'TAVO.Core.Group.Member', 'list', { group }).data.users.map((u) => u.name).sort();
+  // Opens the group dialog with `opener`, fills the labelled fields and presses `submit`.
+  const groupDialog = async (opener, fields, submit) => {
+    await page.getByRole('button', { name: opener }).click();
+    for (const [label, value] of Object.entries(fields)) await dialog().getByLabel(label).fill(value);
+    await dialog().getByRole('button', { name: submit }).click();
+  };
 
   test('login refuses a wrong password, then lets the administrator in', async () => {
     await page.getByLabel('Account').waitFor();
@@ -63,91 +38,78 @@ describe('admin page', () => {
     await groupRow('staff').waitFor();
     assert.equal(await groupRow('administrators').locator('.badge.admin').count(), 1);
     assert.equal(await groupRow('staff').locator('.badge.admin').count(), 0);
-    await waitForText(page.locator('.pager-summary'), 'of 10 groups');
+    await waitForText(summary(page), 'of 10 groups');
     await screenshot(page, 'groups-list');
   });
 
   test('a group is created, renamed, filled, emptied and deleted', async () => {
-    await page.getByRole('button', { name: 'New group' }).click();
-    const dialog = page.getByRole('dialog');
-    await dialog.getByLabel('Group name').fill('web-team');
-    await dialog.getByLabel('Description (optional)').fill('Builds the web page');
-    await dialog.getByRole('button', { name: 'Create group' }).click();
+    await groupDialog('New group', { 'Group name': 'web-team', 'Description (optional)': 'Builds the web page' },
+      'Create group');
     await waitForText(notice(), 'The group "web-team" was created.');
-    await groupRow('web-team').waitFor();
-
-    await page.getByRole('button', { name: 'Edit group web-team' }).click();
-    await dialog.getByLabel('Group name').fill('web-crew');
-    await dialog.getByLabel('Description').fill('Front-end crew');
-    await dialog.getByRole('button', { name: 'Save changes' }).click();
+    await groupDialog('Edit group web-team', { 'Group name': 'web-crew', Description: 'Front-end crew' },
+      'Save changes');
     await waitForText(notice(), 'The group "web-team" was renamed to "web-crew".');
     await waitForText(groupRow('web-crew'), 'Front-end crew');
     assert.equal(await groupRow('web-team').count(), 0);
 
     await page.getByRole('link', { name: 'Members of web-crew' }).click();
-    const members = page.getByRole('region', { name: 'Members', exact: true });
-    const others = page.getByRole('region', { name: 'Not members' });
+    const members = region(page, 'Members');
+    const others = region(page, 'Not members');
     await waitForText(members, 'This group has no members.');
     await others.getByLabel('Select alice').check();
     await others.getByLabel('Select bob').check();
     await waitForText(others, '2 selected');
     await others.getByRole('button', { name: 'Add selected' }).click();
     await waitForText(notice(), 'Added to "web-crew": "alice", "bob".');
-    await waitForText(members.locator('.pager-summary'), '1–2 of 2 members');
-    assert.deepEqual(memberNames(fixture.root, 'web-crew'), ['alice', 'bob']);
+    await waitForText(summary(members), '1–2 of 2 members');
+    assert.deepEqual(memberNames('web-crew'), ['alice', 'bob']);
     await screenshot(page, 'members-view');
 
     await members.getByLabel('Select bob').check();
     await members.getByRole('button', { name: 'Remove selected' }).click();
     await waitForText(notice(), 'Removed from "web-crew": "bob".');
-    await waitForText(members.locator('.pager-summary'), '1–1 of 1 member (page 1 of 1)');
-    assert.deepEqual(memberNames(fixture.root, 'web-crew'), ['alice']);
+    await waitForText(summary(members), '1–1 of 1 member (page 1 of 1)');
+    assert.deepEqual(memberNames('web-crew'), ['alice']);
 
     await page.getByRole('link', { name: '‹ All groups' }).click();
     await page.getByLabel('Select group web-crew').check();
-    await page.getByRole('button', { name: 'Delete selected' }).click();
-    await dialog.getByRole('button', { name: 'Delete group' }).click();
+    await groupDialog('Delete selected', {}, 'Delete group');
     await waitForText(notice(), 'The group "web-crew" was deleted.');
     await eventually(async () => (await groupRow('web-crew').count()) === 0, 'the deleted row to go');
-    assert.equal(tavoCall(fixture.root, 'TAVO.Core.Group', 'get', { name: 'web-crew' }).data.groups.length, 0);
+    assert.equal(tavoCall(env.root, 'TAVO.Core.Group', 'get', { name: 'web-crew' }).data.groups.length, 0);
   });
 
   test('refusals are explained and the dialog keeps focus management', async () => {
-    const newGroup = page.getByRole('button', { name: 'New group' });
-    await newGroup.click();
-    const dialog = page.getByRole('dialog');
-    await dialog.getByLabel('Group name').fill('STAFF');
-    await dialog.getByRole('button', { name: 'Create group' }).click();
-    await waitForText(dialog.locator('[role=alert]'), 'a group with this name already exists');
-    assert.equal(await dialog.getByLabel('Group name').evaluate((el) => el === document.activeElement), true);
+    const focused = (locator) => locator.evaluate((el) => el === document.activeElement);
+    await groupDialog('New group', { 'Group name': 'STAFF' }, 'Create group');
+    await waitForText(dialog().locator('[role=alert]'), 'a group with this name already exists');
+    assert.equal(await focused(dialog().getByLabel('Group name')), true);
     await page.keyboard.press('Escape');
-    await dialog.waitFor({ state: 'detached' });
-    assert.equal(await newGroup.evaluate((el) => el === document.activeElement), true);
+    await dialog().waitFor({ state: 'detached' });
+    assert.equal(await focused(page.getByRole('button', { name: 'New group' })), true);
 
-    await page.getByRole('button', { name: 'Edit group finance' }).click();
-    await dialog.getByLabel('Group name').fill('Users');
-    await dialog.getByRole('button', { name: 'Save changes' }).click();
-    await waitForText(dialog.locator('[role=alert]'), 'The name "users" and the names of system groups are reserved.');
-    await dialog.getByRole('button', { name: 'Cancel' }).click();
-    await dialog.waitFor({ state: 'detached' });
+    await groupDialog('Edit group finance', { 'Group name': 'Users' }, 'Save changes');
+    await waitForText(dialog().locator('[role=alert]'),
+      'The name "users" and the names of system groups are reserved.');
+    await dialog().getByRole('button', { name: 'Cancel' }).click();
+    await dialog().waitFor({ state: 'detached' });
 
     // A built-in keeps its name, but its description can be changed.
     await page.getByRole('button', { name: 'Edit group users' }).click();
-    assert.equal(await dialog.getByLabel('Group name').getAttribute('readonly'), '');
-    await dialog.getByLabel('Description').fill('Every local user');
-    await dialog.getByRole('button', { name: 'Save changes' }).click();
+    assert.equal(await dialog().getByLabel('Group name').getAttribute('readonly'), '');
+    await dialog().getByLabel('Description').fill('Every local user');
+    await dialog().getByRole('button', { name: 'Save changes' }).click();
     await waitForText(notice(), 'The group "users" was saved.');
     await waitForText(groupRow('users'), 'Every local user');
 
     // Deleting a built-in next to an ordinary group: the one that remains is named.
     await page.getByLabel('Select group users').check();
     await page.getByLabel('Select group hr').check();
-    await page.getByRole('button', { name: 'Delete selected' }).click();
-    await dialog.getByRole('button', { name: 'Delete 2 groups' }).click();
-    await waitForText(alert(), 'The group "users" was not deleted.');
-    assert.match(await alert().textContent(), /The group "hr" was deleted\./);
-    await groupRow('users').waitFor();
+    await groupDialog('Delete selected', {}, 'Delete 2 groups');
+    await waitForText(page.locator('#alert'), 'The group "users" was not deleted.');
+    assert.match(await page.locator('#alert').textContent(), /The group "hr" was deleted\./);
     await eventually(async () => (await groupRow('hr').count()) === 0, 'hr to go');
+    await groupRow('users').waitFor();
   });
 
   test('every control has a name that assistive technology can read', async () => {
@@ -160,53 +122,48 @@ describe('admin page', () => {
     });
     assert.deepEqual(await unnamed(), []);
     await page.getByRole('link', { name: 'Members of staff' }).click();
-    await waitForText(page.getByRole('region', { name: 'Members', exact: true }), 'alice');
+    await waitForText(region(page, 'Members'), 'alice');
     assert.deepEqual(await unnamed(), []);
     await page.getByRole('link', { name: '‹ All groups' }).click();
     await page.getByRole('button', { name: 'Edit group staff' }).click();
     assert.deepEqual(await unnamed(), []);
     await page.keyboard.press('Escape');
-    await page.getByRole('dialog').waitFor({ state: 'detached' });
+    await dialog().waitFor({ state: 'detached' });
   });
 
   test('directory kinds that are not set up are explained in place of the list', async () => {
-    await page.locator('label', { hasText: 'Windows domain groups' }).click();
-    await waitForText(page.locator('.unavailable'), 'has not joined a Windows domain');
-    assert.equal(await page.locator('table.groups').isVisible(), false);
-    await page.locator('label', { hasText: 'LDAP groups' }).click();
-    await waitForText(page.locator('.unavailable'), 'not bound to an LDAP directory');
+    for (const [kind, text] of [['Windows domain groups', 'has not joined a Windows domain'],
+      ['LDAP groups', 'not bound to an LDAP directory']]) {
+      await page.locator('label', { hasText: kind }).click();
+      await waitForText(page.locator('.unavailable'), text);
+      assert.equal(await page.locator('table.groups').isVisible(), false);
+    }
     await page.locator('label', { hasText: 'Local groups' }).click();
     await groupRow('staff').waitFor();
   });
 
   test('descriptions and names are shown as text, never as markup', async () => {
     const payload = '<img src=x onerror="window.__injected=1"><b>bold</b>';
-    await page.getByRole('button', { name: 'New group' }).click();
-    const dialog = page.getByRole('dialog');
-    await dialog.getByLabel('Group name').fill('quoted');
-    await dialog.getByLabel('Description (optional)').fill(payload);
-    await dialog.getByRole('button', { name: 'Create group' }).click();
+    await groupDialog('New group', { 'Group name': 'quoted', 'Description (optional)': payload }, 'Create group');
     await waitForText(groupRow('quoted'), payload);
     assert.equal(await page.locator('table.groups img, table.groups b').count(), 0);
     assert.equal(await page.evaluate(() => window.__injected), undefined);
   });
 
-  test('the search box filters the groups as one types', async () => {
-    await page.getByLabel('Search groups').fill('IN');
-    await waitForText(page.locator('.pager-summary'), 'of 4 groups');
-    const names = await page.locator('table.groups .group-name').allTextContents();
-    assert.deepEqual(names, ['administrators', 'engineering', 'finance', 'marketing']);
-    // The search outlives a visit to a members view, and can be cleared after it.
+  test('the search box filters the groups, and outlives a visit to a members view', async () => {
+    const search = page.getByLabel('Search groups');
+    await search.fill('IN');
+    await waitForText(summary(page), 'of 4 groups');
+    assert.deepEqual(await page.locator('table.groups .group-name').allTextContents(),
+      ['administrators', 'engineering', 'finance', 'marketing']);
     await page.getByRole('link', { name: 'Members of finance' }).click();
     await page.getByRole('link', { name: '‹ All groups' }).click();
-    assert.equal(await page.getByLabel('Search groups').inputValue(), 'IN');
-    await waitForText(page.locator('.pager-summary'), 'of 4 groups');
-    await page.getByLabel('Search groups').fill('');
-    await waitForText(page.locator('.pager-summary'), 'of 10 groups');
-    await page.getByLabel('Search groups').fill('no-such-group');
+    assert.equal(await search.inputValue(), 'IN');
+    await waitForText(summary(page), 'of 4 groups');
+    await search.fill('no-such-group');
     await waitForText(page.locator('table.groups'), 'No group name contains "no-such-group".');
-    await page.getByLabel('Search groups').fill('');
-    await waitForText(page.locator('.pager-summary'), 'of 10 groups');
+    await search.fill('');
+    await waitForText(summary(page), 'of 10 groups');
   });
 
   test('recent changes lists the changes, newest first', async () => {
@@ -233,16 +190,15 @@ describe('admin page', () => {
 
   test('a narrow window stacks the layout without sideways scrolling', async () => {
     await page.setViewportSize({ width: 400, height: 800 });
-    await page.goto(`${server.url}/#/groups`);
-    await groupRow('staff').waitFor();
-    const overflow = await page.evaluate(() => document.documentElement.scrollWidth);
-    assert.ok(overflow <= 400, `page is ${overflow} px wide`);
-    await screenshot(page, 'narrow-groups');
-    await page.goto(`${server.url}/#/members/staff`);
-    await waitForText(page.getByRole('region', { name: 'Members', exact: true }), 'alice');
-    assert.ok(await page.evaluate(() => document.documentElement.scrollWidth) <= 400);
-    await screenshot(page, 'narrow-members');
+    for (const [view, ready, shot] of [['groups', () => groupRow('staff').waitFor(), 'narrow-groups'],
+      ['members/staff', () => waitForText(region(page, 'Members'), 'alice'), 'narrow-members']]) {
+      await page.goto(`${env.server.url}/#/${view}`);
+      await ready();
+      const width = await page.evaluate(() => document.documentElement.scrollWidth);
+      assert.ok(width <= 400, `${view} is ${width} px wide`);
+      await screenshot(page, shot);
+    }
     await page.setViewportSize({ width: 1280, height: 800 });
-    assert.deepEqual(pageErrors.map(String), []);
+    assert.deepEqual(env.pageErrors.map(String), []);
   });
 });

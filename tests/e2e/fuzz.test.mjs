@@ -3,37 +3,18 @@
 // answer must be a well-formed envelope or a documented HTTP error, the
 // server must still answer afterwards, and the account files must stay valid
 // for the system's own tools. Set TAVO_FUZZ_SEED to replay a run.
-import { test, before, after } from 'node:test';
+import { test } from 'node:test';
 import assert from 'node:assert/strict';
 import { readFileSync } from 'node:fs';
 import { spawnSync } from 'node:child_process';
 import { join } from 'node:path';
-import {
-  scratch, initRoot, moduleFolder, startServer, login, call, GROUP_MODULE,
-} from './helpers.mjs';
+import { withServer, call } from './helpers.mjs';
 
 const SEED = Number(process.env.TAVO_FUZZ_SEED || 20261122);
 const REQUESTS = 2000;
 const MAX_BODY = 16384;
-let tmp, root, server, token, methods;
-
-before(async () => {
-  tmp = scratch();
-  root = initRoot(tmp.dir);
-  server = await startServer({
-    root, modules: moduleFolder(tmp.dir, [GROUP_MODULE]), extra: ['--max-body', String(MAX_BODY)],
-  });
-  token = (await login(server.url)).body.data.token;
-  const info = await fetch(`${server.url}/api/info`, { headers: { 'X-Tavo-Token': token } });
-  methods = (await info.json()).data.apis
-    .filter((a) => a.api.startsWith('TAVO.Core.Group'))
-    .flatMap((a) => a.methods.map((m) => [a.api, m]));
-});
-
-after(async () => {
-  await server?.stop();
-  tmp?.cleanup();
-});
+const env = withServer({ extra: ['--max-body', String(MAX_BODY)] });
+let methods;
 
 // mulberry32: small, seedable, good enough to pick cases.
 function rng(seed) {
@@ -134,6 +115,9 @@ function checkAnswer(req, status, text) {
 }
 
 test('hostile requests get envelopes or HTTP errors and leave valid account files', async () => {
+  const info = await fetch(`${env.url}/api/info`, { headers: { 'X-Tavo-Token': env.token } });
+  methods = (await info.json()).data.apis.filter((a) => a.api.startsWith('TAVO.Core.Group'))
+    .flatMap((a) => a.methods.map((m) => [a.api, m]));
   const rand = rng(SEED);
   const requests = Array.from({ length: REQUESTS }, () => fuzzer(rand));
   const seen = new Map();
@@ -141,9 +125,9 @@ test('hostile requests get envelopes or HTTP errors and leave valid account file
   const worker = async () => {
     while (next < requests.length) {
       const req = requests[next++];
-      const res = await fetch(`${server.url}${req.path}`, {
+      const res = await fetch(`${env.url}${req.path}`, {
         method: req.method,
-        headers: { 'X-Tavo-Token': token, 'Content-Type': 'application/json' },
+        headers: { 'X-Tavo-Token': env.token, 'Content-Type': 'application/json' },
         body: req.body,
       });
       assert.match(res.headers.get('content-type'), /^application\/json; charset=utf-8$/);
@@ -157,11 +141,10 @@ test('hostile requests get envelopes or HTTP errors and leave valid account file
   // The barrage reached the methods, not only the envelope checks.
   for (const key of ['ok', 'code', 400]) assert.ok(seen.get(key) > 20, JSON.stringify([...seen]));
 
-  assert.ok(server.alive());
-  assert.equal((await call(server.url, token, 'TAVO.Core.Group', 'list', {})).success, true);
-  const grpck = spawnSync('grpck', ['-r', '-R', root], { encoding: 'utf8' });
+  assert.equal((await call(env.url, env.token, 'TAVO.Core.Group', 'list', {})).success, true);
+  const grpck = spawnSync('grpck', ['-r', '-R', env.root], { encoding: 'utf8' });
   assert.equal(grpck.status, 0, `grpck: ${grpck.stdout}${grpck.stderr}`);
-  const group = readFileSync(join(root, 'etc/group'), 'utf8');
+  const group = readFileSync(join(env.root, 'etc/group'), 'utf8');
   assert.ok(group.endsWith('\n'));
   for (const line of group.slice(0, -1).split('\n')) {
     assert.equal(line.split(':').length, 4, `etc/group line: ${JSON.stringify(line)}`);

@@ -1,15 +1,16 @@
-// Shared helpers of the HTTP end-to-end tests: a temporary root made by
-// `tavo init --demo`, a `tavo serve` on a free loopback port, and small
-// clients for the login and the API.
+// Shared by the HTTP end-to-end and the browser tests: a temporary root made
+// by `tavo init --demo`, a `tavo serve` on a free loopback port, and small
+// clients for the login, the API and the command line.
 import { spawn, spawnSync } from 'node:child_process';
+import { after, before } from 'node:test';
 import { mkdtempSync, rmSync, mkdirSync, symlinkSync, existsSync } from 'node:fs';
 import { tmpdir } from 'node:os';
 import { dirname, join, resolve } from 'node:path';
 import { fileURLToPath } from 'node:url';
 
-const repo = resolve(dirname(fileURLToPath(import.meta.url)), '../..');
-export const TAVO_BIN = process.env.TAVO_BIN || join(repo, 'build/bin/tavo');
-export const BUILD_DIR = resolve(dirname(TAVO_BIN), '..');
+export const REPO = resolve(dirname(fileURLToPath(import.meta.url)), '../..');
+export const TAVO_BIN = process.env.TAVO_BIN || join(REPO, 'build/bin/tavo');
+const BUILD_DIR = resolve(dirname(TAVO_BIN), '..');
 export const GROUP_MODULE = join(BUILD_DIR, 'modules/TAVO.Core.Group.so');
 export const TEST_MODULE_DIR = join(BUILD_DIR, 'testmodules');
 export const ADMIN_PASSWORD = 'e2e-Admin-pw-1';
@@ -27,6 +28,11 @@ export function runTavo(args, env = {}) {
     env: { ...process.env, TAVO_ROOT: '', ...env },
     timeout: 30000,
   });
+}
+
+// What the appliance itself answers, whatever the exit code of `tavo call`.
+export function tavoCall(root, api, method, params = {}) {
+  return JSON.parse(runTavo(['call', '--root', root, api, method, '--params', JSON.stringify(params)]).stdout);
 }
 
 // Creates a demo root at DIR/root and returns its path.
@@ -56,38 +62,63 @@ export function startServer({ root, modules, web, extra = [] }) {
   const args = ['serve', '--root', root, '--listen', '127.0.0.1:0'];
   if (modules) args.push('--modules', modules);
   if (web) args.push('--web', web);
-  args.push(...extra);
-  const child = spawn(TAVO_BIN, args, {
+  const child = spawn(TAVO_BIN, [...args, ...extra], {
     env: { ...process.env, TAVO_LOCK_TIMEOUT_MS: '20000' },
     stdio: ['ignore', 'pipe', 'pipe'],
   });
   let err = '';
   let out = '';
   child.stderr.on('data', (d) => { err += d; });
-  const exited = new Promise((res) => child.on('exit', (code, signal) => res({ code, signal })));
+  const exited = new Promise((res) => child.on('exit', res));
+  const alive = () => child.exitCode === null && child.signalCode === null;
+  const stop = async () => {
+    if (alive()) child.kill('SIGTERM');
+    const kill = setTimeout(() => child.kill('SIGKILL'), 5000);
+    await exited;
+    clearTimeout(kill);
+  };
   return new Promise((resolveStart, rejectStart) => {
-    const timer = setTimeout(() => rejectStart(new Error(`server did not start: ${err}`)), 15000);
+    const timer = setTimeout(() => {
+      child.kill('SIGKILL');
+      rejectStart(new Error(`server did not start: ${err}`));
+    }, 15000);
     child.stdout.on('data', (d) => {
       out += d;
       const m = out.match(/^tavo: listening on (http:\/\/\S+)$/m);
-      if (m) {
-        clearTimeout(timer);
-        resolveStart({
-          url: m[1],
-          stderr: () => err,
-          alive: () => child.exitCode === null && child.signalCode === null,
-          stop: async () => {
-            if (child.exitCode === null && child.signalCode === null) child.kill('SIGTERM');
-            return exited;
-          },
-        });
-      }
+      if (!m) return;
+      clearTimeout(timer);
+      resolveStart({ url: m[1], stop, stderr: () => err });
     });
-    exited.then(({ code }) => {
+    exited.then((code) => {
       clearTimeout(timer);
       rejectStart(new Error(`server exited with ${code} before listening: ${err}`));
     });
   });
+}
+
+// For one test file or describe block: a demo root (`prepare(root, dir)` may
+// add files first and return more server options), a server on it with the
+// group module, and an administrator's token; all removed afterwards. One
+// hook only: node 20 starts the before hooks of the top level together, so a
+// test file that needs more set-up does it in its test.
+export function withServer({ prepare, modules = [GROUP_MODULE], ...options } = {}) {
+  const env = {};
+  let tmp;
+  before(async () => {
+    tmp = scratch();
+    env.root = initRoot(tmp.dir);
+    const more = prepare?.(env.root, tmp.dir);
+    env.server = await startServer({
+      root: env.root, modules: modules && moduleFolder(tmp.dir, modules), ...options, ...more,
+    });
+    env.url = env.server.url;
+    env.token = (await login(env.url)).body.data?.token;
+  });
+  after(async () => {
+    await env.server?.stop();
+    tmp?.cleanup();
+  });
+  return env;
 }
 
 export async function login(url, account = 'admin', password = ADMIN_PASSWORD) {
@@ -101,10 +132,10 @@ export async function login(url, account = 'admin', password = ADMIN_PASSWORD) {
 }
 
 // POSTs an envelope with the token; resolves {status, body}.
-export async function post(url, token, envelope, headers = {}) {
+export async function post(url, token, envelope) {
   const res = await fetch(`${url}/api`, {
     method: 'POST',
-    headers: { 'Content-Type': 'application/json', 'X-Tavo-Token': token, ...headers },
+    headers: { 'Content-Type': 'application/json', 'X-Tavo-Token': token },
     body: typeof envelope === 'string' ? envelope : JSON.stringify(envelope),
   });
   return { status: res.status, body: await res.json() };
