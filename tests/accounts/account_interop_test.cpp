@@ -1,7 +1,8 @@
 // Working beside the system's account tools and other writers: tools' changes
 // are seen at once, our files pass grpck and glibc reads them, concurrent
-// writers (threads, processes, gpasswd) lose no update, locks time out.
+// writer processes and gpasswd lose no update, locks time out.
 #include <fcntl.h>
+#include <signal.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -9,7 +10,6 @@
 #include <algorithm>
 #include <cstdlib>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "tavo/error.h"
@@ -18,33 +18,30 @@
 
 namespace {
 
+using tavo_test::GroupPtr;
+using tavo_test::MembersOf;
 using tavo_test::TempRoot;
 
-std::vector<std::string> MembersOf(const std::string& group) {
-  SDK::Group* g = SDK::Group::LoadGroup(group);
-  if (!g) return {};
-  std::vector<std::string> m = g->GetMembers();
-  SDK::Group::Release(g);
-  std::sort(m.begin(), m.end());
-  return m;
-}
-
 bool AddAndSave(const std::string& group, const std::string& user) {
-  SDK::Group* g = SDK::Group::LoadGroup(group);
-  if (!g) return false;
-  bool ok = g->AddMember(user) && g->Save();
-  SDK::Group::Release(g);
-  return ok;
+  return tavo_test::ChangeMembers(group, {user});
 }
 
-class ScopedEnv {
- public:
-  ScopedEnv(const char* name, const char* value) : name_(name) { setenv(name, value, 1); }
-  ~ScopedEnv() { unsetenv(name_); }
+// Forks a process that adds `prefix`0 .. `prefix`<count-1> to "shared", one
+// save each.
+pid_t ForkAdder(const std::string& prefix, int count) {
+  pid_t pid = fork();
+  if (pid == 0) {
+    bool ok = true;
+    for (int k = 0; k < count; ++k) ok = AddAndSave("shared", prefix + std::to_string(k)) && ok;
+    _exit(ok ? 0 : 1);
+  }
+  return pid;
+}
 
- private:
-  const char* name_;
-};
+bool ExitedCleanly(pid_t pid) {
+  int status = 0;
+  return pid > 0 && waitpid(pid, &status, 0) == pid && WIFEXITED(status) && !WEXITSTATUS(status);
+}
 
 TEST(Interop, ToolsAndPlatformReadEachOthersWrites) {
   TempRoot root;
@@ -53,19 +50,16 @@ TEST(Interop, ToolsAndPlatformReadEachOthersWrites) {
   ASSERT_EQ(0, TempRoot::Run("gpasswd -Q " + R + " -a admin Toolgroup >/dev/null"));
   EXPECT_EQ(std::vector<std::string>{"admin"}, MembersOf("toolgroup"));
 
-  SDK::Group* g = SDK::Group::CreateGroup("ours");
+  GroupPtr g(SDK::Group::CreateGroup("ours"));
   ASSERT_NE(nullptr, g);
-  ASSERT_TRUE(g->AddMember("guest"));
-  ASSERT_TRUE(g->SetDesc("made here"));
-  ASSERT_TRUE(g->Save());
-  const unsigned gid = g->GetGID();
-  SDK::Group::Release(g);
+  ASSERT_TRUE(g->AddMember("guest") && g->SetDesc("made here") && g->Save());
+  const std::string gid = std::to_string(g->GetGID());
   ASSERT_TRUE(AddAndSave("toolgroup", "guest"));
-  EXPECT_EQ(0, TempRoot::Run("grpck -r -R " + R + " >/dev/null 2>&1"));
+  EXPECT_EQ(0, root.Grpck());
 
   std::string getent = "NSS_WRAPPER_PASSWD=" + R + "/etc/passwd NSS_WRAPPER_GROUP=" + R +
                        "/etc/group LD_PRELOAD=libnss_wrapper.so getent group ";
-  EXPECT_EQ(0, TempRoot::Run(getent + "ours | grep -qx 'ours:x:" + std::to_string(gid) + ":guest'"));
+  EXPECT_EQ(0, TempRoot::Run(getent + "ours | grep -qx 'ours:x:" + gid + ":guest'"));
   EXPECT_EQ(0, TempRoot::Run(getent + "Toolgroup | grep -q ':admin,guest$'"));
 
   ASSERT_EQ(0, TempRoot::Run("groupmod -P " + R + " -n Renamed ours"));
@@ -76,40 +70,7 @@ TEST(Interop, ToolsAndPlatformReadEachOthersWrites) {
 
   const char* names[] = {"toolgroup"};
   EXPECT_EQ(1, TAVOGroupDelete(names, 1));
-  EXPECT_EQ(0, TempRoot::Run("grpck -r -R " + R + " >/dev/null 2>&1"));
-}
-
-TEST(Interop, ThreadsAddingMembersLoseNoUpdate) {
-  TempRoot root;
-  root.AddGroup("shared", 1500);
-  for (int t = 0; t < 8; ++t)
-    for (int k = 0; k < 5; ++k) root.AddUser("u" + std::to_string(t) + "_" + std::to_string(k), 2000 + t * 10 + k);
-  std::vector<std::thread> threads;
-  std::vector<int> failures(8, 0);
-  for (int t = 0; t < 8; ++t) {
-    threads.emplace_back([t, &failures] {
-      for (int k = 0; k < 5; ++k)
-        if (!AddAndSave("shared", "u" + std::to_string(t) + "_" + std::to_string(k))) ++failures[t];
-    });
-  }
-  // Readers meanwhile always see a whole file: the member count never drops.
-  bool reader_ok = true;
-  std::thread reader([&reader_ok] {
-    int last = 0;
-    for (int k = 0; k < 200; ++k) {
-      TAVO_GROUP* g = nullptr;
-      if (TAVOGroupGet("shared", &g) != 0) { reader_ok = false; return; }
-      if (g->member_count < last) reader_ok = false;
-      last = g->member_count;
-      TAVOGroupFree(g);
-    }
-  });
-  for (auto& th : threads) th.join();
-  reader.join();
-  EXPECT_TRUE(reader_ok);
-  for (int f : failures) EXPECT_EQ(0, f);
-  EXPECT_EQ(40u, MembersOf("shared").size());
-  EXPECT_EQ(0, TempRoot::Run("grpck -r -R " + root.dir() + " >/dev/null 2>&1"));
+  EXPECT_EQ(0, root.Grpck());
 }
 
 TEST(Interop, ProcessesAndGpasswdLoseNoUpdate) {
@@ -119,114 +80,77 @@ TEST(Interop, ProcessesAndGpasswdLoseNoUpdate) {
   for (int k = 0; k < 15; ++k) root.AddUser("p" + std::to_string(k / 5) + "_" + std::to_string(k % 5), 1200 + k);
   for (int k = 0; k < 10; ++k) root.AddUser("q" + std::to_string(k), 1300 + k);
   // A change by the account tools between our load and our save is kept.
-  SDK::Group* g = SDK::Group::LoadGroup("shared");
+  GroupPtr g(SDK::Group::LoadGroup("shared"));
   ASSERT_NE(nullptr, g);
   ASSERT_EQ(0, TempRoot::Run("gpasswd -Q " + root.dir() + " -a admin shared >/dev/null"));
-  ASSERT_TRUE(g->AddMember("guest"));
-  ASSERT_TRUE(g->Save());
-  SDK::Group::Release(g);
+  ASSERT_TRUE(g->AddMember("guest") && g->Save());
   EXPECT_EQ((std::vector<std::string>{"admin", "guest"}), MembersOf("shared"));
 
   std::vector<pid_t> kids;
-  for (int p = 0; p < 3; ++p) {
-    pid_t pid = fork();
-    ASSERT_GE(pid, 0);
-    if (pid == 0) {
-      bool ok = true;
-      for (int k = 0; k < 5; ++k) ok = AddAndSave("shared", "p" + std::to_string(p) + "_" + std::to_string(k)) && ok;
-      _exit(ok ? 0 : 1);
-    }
-    kids.push_back(pid);
-  }
-  for (pid_t pid : kids) {
-    int status = 0;
-    ASSERT_EQ(pid, waitpid(pid, &status, 0));
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-  }
+  for (int p = 0; p < 3; ++p) kids.push_back(ForkAdder("p" + std::to_string(p) + "_", 5));
+  for (pid_t pid : kids) EXPECT_TRUE(ExitedCleanly(pid));
   EXPECT_EQ(17u, MembersOf("shared").size()) << root.Read("/etc/group");
 
   // gpasswd running while other processes save: gpasswd takes the locks only
   // after it has read the group, so it may overwrite what was saved in that
   // window; what gpasswd writes must never be lost by our saves.
-  pid_t pid = fork();
-  ASSERT_GE(pid, 0);
-  if (pid == 0) {
-    bool ok = true;
-    for (int k = 0; k < 10; ++k) ok = AddAndSave("shared", "q" + std::to_string(k)) && ok;
-    _exit(ok ? 0 : 1);
-  }
+  pid_t pid = ForkAdder("q", 10);
   for (int k = 0; k < 5; ++k)
     EXPECT_EQ(0, TempRoot::Run("gpasswd -Q " + root.dir() + " -a tool" + std::to_string(k) +
                                " shared >/dev/null"));
-  int status = 0;
-  ASSERT_EQ(pid, waitpid(pid, &status, 0));
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  EXPECT_TRUE(ExitedCleanly(pid));
   std::vector<std::string> members = MembersOf("shared");
   for (int k = 0; k < 5; ++k)
     EXPECT_TRUE(std::count(members.begin(), members.end(), "tool" + std::to_string(k))) << k;
-  EXPECT_EQ(0, TempRoot::Run("grpck -r -R " + root.dir() + " >/dev/null 2>&1"));
+  EXPECT_EQ(0, root.Grpck());
 }
 
-// Runs `hold` in a child that keeps a lock until the pipe closes.
-pid_t HoldInChild(const std::string& what, const std::string& path, int* release_fd) {
-  int ready[2], release[2];
-  if (pipe(ready) != 0 || pipe(release) != 0) return -1;
+// Holds a lock in a child process until the child is killed: an fcntl lock on
+// `path` ("pwd"), or the lock file `path` holding the child's pid ("group").
+pid_t HoldInChild(const std::string& what, const std::string& path) {
+  int ready[2];
+  if (pipe(ready) != 0) return -1;
   pid_t pid = fork();
   if (pid == 0) {
-    close(ready[0]);
-    close(release[1]);
-    if (what == "pwd") {
-      int fd = open(path.c_str(), O_RDWR | O_CREAT, 0600);
-      struct flock fl = {};
-      fl.l_type = F_WRLCK;
-      fl.l_whence = SEEK_SET;
-      if (fd < 0 || fcntl(fd, F_SETLK, &fl) != 0) _exit(1);
-    } else {
-      int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL, 0600);
-      std::string pid_text = std::to_string(getpid());
-      if (fd < 0 || write(fd, pid_text.data(), pid_text.size()) < 0) _exit(1);
-      close(fd);
-    }
-    char c = 1;
-    if (write(ready[1], &c, 1) != 1) _exit(1);
-    (void)!read(release[0], &c, 1);
-    if (what != "pwd") unlink(path.c_str());
+    const bool pwd = what == "pwd";
+    int fd = open(path.c_str(), pwd ? O_RDWR | O_CREAT : O_WRONLY | O_CREAT | O_EXCL, 0600);
+    struct flock fl = {};
+    fl.l_type = F_WRLCK;
+    const std::string pid_text = std::to_string(getpid());
+    bool held = fd >= 0 && (pwd ? fcntl(fd, F_SETLK, &fl) == 0
+                                : write(fd, pid_text.data(), pid_text.size()) > 0);
+    if (!held || write(ready[1], "1", 1) != 1) _exit(1);
+    pause();
     _exit(0);
   }
   close(ready[1]);
-  close(release[0]);
   char c;
   if (read(ready[0], &c, 1) != 1) pid = -1;
   close(ready[0]);
-  *release_fd = release[1];
   return pid;
 }
 
+// A held lock fails a save after the bounded wait. Once its holder is gone (the
+// kernel drops an fcntl lock; a lock file still names the gone process) the
+// same save succeeds, and the stale lock file is cleared.
 TEST(Interop, HeldLocksTimeOutAndStaleLocksAreCleared) {
   TempRoot root;
   root.AddGroup("team", 1500);
-  ScopedEnv env("TAVO_LOCK_TIMEOUT_MS", "300");
+  setenv("TAVO_LOCK_TIMEOUT_MS", "300", 1);
   for (const char* what : {"pwd", "group"}) {
     std::string path = root.Path(std::string(what) == "pwd" ? "/etc/.pwd.lock" : "/etc/group.lock");
-    int release_fd = -1;
-    pid_t pid = HoldInChild(what, path, &release_fd);
+    pid_t pid = HoldInChild(what, path);
     ASSERT_GT(pid, 0);
-    SDK::Group* g = SDK::Group::LoadGroup("team");
+    GroupPtr g(SDK::Group::LoadGroup("team"));
     ASSERT_TRUE(g->AddMember("admin"));
     EXPECT_FALSE(g->Save()) << what;
     EXPECT_EQ(TAVO_ERR_LOCK, TLIBCErrGet()) << what;
-    close(release_fd);
+    kill(pid, SIGKILL);
     waitpid(pid, nullptr, 0);
     EXPECT_TRUE(g->Save()) << what;
-    SDK::Group::Release(g);
   }
-  // A lock file left by a process that is gone does not block.
-  pid_t dead = fork();
-  if (dead == 0) _exit(0);
-  waitpid(dead, nullptr, 0);
-  root.Write("/etc/group.lock", std::to_string(dead));
-  EXPECT_TRUE(AddAndSave("team", "guest"));
-  EXPECT_EQ(0, access(root.Path("/etc/group.lock").c_str(), F_OK) == 0 ? 1 : 0);
+  unsetenv("TAVO_LOCK_TIMEOUT_MS");
+  EXPECT_NE(0, access(root.Path("/etc/group.lock").c_str(), F_OK));
 }
 
 }  // namespace

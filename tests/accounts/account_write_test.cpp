@@ -13,6 +13,7 @@
 
 namespace {
 
+using tavo_test::GroupPtr;
 using tavo_test::TempRoot;
 
 bool Contains(const std::string& text, const std::string& piece) {
@@ -20,13 +21,14 @@ bool Contains(const std::string& text, const std::string& piece) {
 }
 
 unsigned CreateSaved(const std::string& name, const std::string& desc = "") {
-  SDK::Group* g = SDK::Group::CreateGroup(name);
-  if (!g) return 0;
-  g->SetDesc(desc);
-  bool ok = g->Save();
-  unsigned gid = g->GetGID();
-  SDK::Group::Release(g);
-  return ok ? gid : 0;
+  GroupPtr g(SDK::Group::CreateGroup(name));
+  return g && g->SetDesc(desc) && g->Save() ? g->GetGID() : 0;
+}
+
+// Loads `group`, renames it to `name`, and saves.
+bool RenameSaved(const std::string& group, std::string name) {
+  GroupPtr g(SDK::Group::LoadGroup(group));
+  return g && g->SetName(name) && g->Save();
 }
 
 TEST(GroupWrite, CreateAllocatesGidsLikeTheAccountTools) {
@@ -39,11 +41,8 @@ TEST(GroupWrite, CreateAllocatesGidsLikeTheAccountTools) {
   // Past GID_MAX the lowest free GID is used; with none left, LIMIT.
   root.Write("/etc/login.defs", "GID_MIN 1200\nGID_MAX 1202\n");
   EXPECT_EQ(1202u, CreateSaved("two"));
-  SDK::Group* g = SDK::Group::CreateGroup("three");
-  ASSERT_NE(nullptr, g);
-  EXPECT_FALSE(g->Save());
+  EXPECT_EQ(0u, CreateSaved("three"));
   EXPECT_EQ(TAVO_ERR_LIMIT, TLIBCErrGet());
-  SDK::Group::Release(g);
   EXPECT_FALSE(SDK::Group::IsGroupExist("three"));
 }
 
@@ -51,31 +50,24 @@ TEST(GroupWrite, RenameMovesDescriptionAndKeepsGshadowInStep) {
   TempRoot root;
   root.AddGroup("staff", 1500, {"admin"});
   root.SetDescription("staff", "old text");
-  SDK::Group* g = SDK::Group::LoadGroup("STAFF");
+  GroupPtr g(SDK::Group::LoadGroup("STAFF"));
   ASSERT_NE(nullptr, g);
   EXPECT_EQ("old text", g->GetDesc());
   std::string name = "Personal";
   EXPECT_TRUE(g->SetName(name));
   EXPECT_TRUE(g->AddMember("guest"));
   ASSERT_TRUE(g->Save());
-  SDK::Group::Release(g);
   EXPECT_TRUE(Contains(root.Read("/etc/group"), "\nPersonal:x:1500:admin,guest\n"));
   EXPECT_TRUE(Contains(root.Read("/etc/gshadow"), "\nPersonal:!::admin,guest\n"));
   EXPECT_EQ("Personal:old text\n", root.Read("/etc/tavo/group_desc"));
   EXPECT_FALSE(SDK::Group::IsGroupExist("staff"));
   // A change of case alone is a rename of its own.
-  g = SDK::Group::LoadGroup("personal");
-  name = "PERSONAL";
-  ASSERT_TRUE(g->SetName(name));
-  ASSERT_TRUE(g->Save());
-  SDK::Group::Release(g);
+  ASSERT_TRUE(RenameSaved("personal", "PERSONAL"));
   EXPECT_TRUE(Contains(root.Read("/etc/group"), "\nPERSONAL:x:1500:admin,guest\n"));
   EXPECT_EQ("PERSONAL:old text\n", root.Read("/etc/tavo/group_desc"));
   // Clearing the description removes its line; backups are kept.
-  g = SDK::Group::LoadGroup("personal");
-  ASSERT_TRUE(g->SetDesc(""));
-  ASSERT_TRUE(g->Save());
-  SDK::Group::Release(g);
+  g.reset(SDK::Group::LoadGroup("personal"));
+  ASSERT_TRUE(g->SetDesc("") && g->Save());
   EXPECT_EQ("", root.Read("/etc/tavo/group_desc"));
   EXPECT_TRUE(Contains(root.Read("/etc/group-"), "\nPersonal:x:1500:admin,guest\n"));
 }
@@ -83,7 +75,7 @@ TEST(GroupWrite, RenameMovesDescriptionAndKeepsGshadowInStep) {
 TEST(GroupWrite, SaveKeepsOtherWritersChangesAndNoticesDeletion) {
   TempRoot root;
   root.AddGroup("team", 1500, {"admin"});
-  SDK::Group* g = SDK::Group::LoadGroup("team");
+  GroupPtr g(SDK::Group::LoadGroup("team"));
   ASSERT_NE(nullptr, g);
   // Meanwhile another program adds "guest" to the same group.
   root.Write("/etc/group", root.Read("/etc/group") + "other:x:1501:\n");
@@ -99,7 +91,6 @@ TEST(GroupWrite, SaveKeepsOtherWritersChangesAndNoticesDeletion) {
   EXPECT_TRUE(g->AddMember("admin"));
   EXPECT_FALSE(g->Save());
   EXPECT_EQ(TAVO_ERR_NO_GROUP, TLIBCErrGet());
-  SDK::Group::Release(g);
 }
 
 TEST(GroupWrite, DeletionRefusesBuiltinsSystemAndPrimaryGroups) {
@@ -143,64 +134,68 @@ TEST(GroupWrite, RefusedNamesNeverReachTheFiles) {
     TLIBCErrClear();
     EXPECT_EQ(nullptr, SDK::Group::CreateGroup(c.name)) << c.name;
     EXPECT_EQ(c.create_error, TLIBCErrGet()) << c.name;
-    SDK::Group* g = SDK::Group::LoadGroup("victim");
+    GroupPtr g(SDK::Group::LoadGroup("victim"));
     ASSERT_NE(nullptr, g);
     std::string name = c.name;
     EXPECT_FALSE(g->SetName(name)) << c.name;
     EXPECT_FALSE(g->Save()) << c.name;
     EXPECT_EQ(c.create_error, TLIBCErrGet()) << c.name;
-    SDK::Group::Release(g);
   }
   // The built-ins keep their names; only the letter case may change.
   for (const char* builtin : {"administrators", "users"}) {
-    SDK::Group* g = SDK::Group::LoadGroup(builtin);
-    ASSERT_NE(nullptr, g);
-    std::string name = "renamed";
-    EXPECT_FALSE(g->SetName(name)) << builtin;
-    EXPECT_FALSE(g->Save()) << builtin;
+    EXPECT_FALSE(RenameSaved(builtin, "renamed")) << builtin;
     EXPECT_EQ(TAVO_ERR_RESERVED, TLIBCErrGet()) << builtin;
-    SDK::Group::Release(g);
   }
   EXPECT_EQ(before, root.Read("/etc/group"));
   EXPECT_NE(0u, CreateSaved(std::string(32, 'b')));
   // Descriptions with control characters or too long are refused as well.
-  SDK::Group* g = SDK::Group::LoadGroup("victim");
+  GroupPtr g(SDK::Group::LoadGroup("victim"));
   EXPECT_FALSE(g->SetDesc("two\nlines"));
   EXPECT_FALSE(g->Save());
   EXPECT_EQ(TAVO_ERR_BAD_VALUE, TLIBCErrGet());
-  SDK::Group::Release(g);
-  g = SDK::Group::LoadGroup("victim");
+  g.reset(SDK::Group::LoadGroup("victim"));
   EXPECT_FALSE(g->SetDesc(std::string(257, 'd')));
   EXPECT_TRUE(g->SetDesc(std::string(256, 'd')));
-  SDK::Group::Release(g);
 }
 
+// A failed change of several files (at a fault point, or at the third file,
+// whose folder cannot be made) puts every file back in place; backups never
+// hold the change that failed, and no temporary or lock file is left.
 TEST(GroupWrite, FailedWritesLeaveTheOldFilesIntact) {
-  TempRoot root;
-  root.AddGroup("team", 1500, {"admin"});
-  const std::string group = root.Read("/etc/group");
-  const std::string gshadow = root.Read("/etc/gshadow");
-  struct stat before;
-  ASSERT_EQ(0, stat(root.Path("/etc/group").c_str(), &before));
-  for (const char* point : {"file.rename", "file.write"}) {
-    SDK::Group* g = SDK::Group::LoadGroup("team");
-    ASSERT_NE(nullptr, g);
+  for (const char* point : {"file.rename", "file.write", "no desc folder"}) {
+    TempRoot root;
+    root.AddGroup("team", 1500, {"admin"});
+    const std::string group = root.Read("/etc/group"), gshadow = root.Read("/etc/gshadow");
+    struct stat before, after;
+    ASSERT_EQ(0, stat(root.Path("/etc/group").c_str(), &before));
+    GroupPtr g(SDK::Group::LoadGroup("team"));
     std::string name = "renamed";
-    ASSERT_TRUE(g->SetName(name));
-    ASSERT_TRUE(g->SetDesc("text"));
-    tavo::testing::FailNext(point, TAVO_ERR_IO);
+    ASSERT_TRUE(g && g->SetName(name) && g->SetDesc("text"));
+    const bool fault = std::string(point).compare(0, 5, "file.") == 0;
+    const std::string desc_dir = root.Path("/etc/tavo");
+    if (fault) {
+      tavo::testing::FailNext(point, TAVO_ERR_IO);
+    } else {  // a file where the description's folder belongs
+      ASSERT_EQ(0, TempRoot::Run("rm -rf " + desc_dir + " && touch " + desc_dir));
+    }
     EXPECT_FALSE(g->Save()) << point;
-    EXPECT_EQ(TAVO_ERR_IO, TLIBCErrGet());
-    SDK::Group::Release(g);
+    ASSERT_EQ(0, stat(root.Path("/etc/group").c_str(), &after));
+    if (fault) {
+      EXPECT_EQ(TAVO_ERR_IO, TLIBCErrGet()) << point;
+      EXPECT_EQ("", root.Read("/etc/tavo/group_desc")) << point;
+      EXPECT_EQ(before.st_ino, after.st_ino) << point;  // never replaced
+    }
     EXPECT_EQ(group, root.Read("/etc/group")) << point;
     EXPECT_EQ(gshadow, root.Read("/etc/gshadow")) << point;
-    EXPECT_EQ("", root.Read("/etc/tavo/group_desc")) << point;
+    // A write that failed early may have made no backup at all.
+    const std::string group_bak = root.Read("/etc/group-"), gshadow_bak = root.Read("/etc/gshadow-");
+    EXPECT_TRUE(group_bak == group || (fault && group_bak.empty())) << point;
+    EXPECT_TRUE(gshadow_bak == gshadow || (fault && gshadow_bak.empty())) << point;
+    EXPECT_EQ(std::vector<std::string>{"<missing>"}, tavo_test::MembersOf("renamed")) << point;
+    EXPECT_NE(0, TempRoot::Run("ls -A " + root.Path("/etc") +
+                               " | grep -v '^\\.pwd\\.lock$' | grep -q '\\.tavo\\|\\.lock$'"))
+        << point;
   }
-  // No temporary files are left behind.
-  EXPECT_NE(0, TempRoot::Run("ls -A " + root.Path("/etc") + " | grep -q '\\.tavo\\.'"));
-  struct stat after;
-  ASSERT_EQ(0, stat(root.Path("/etc/group").c_str(), &after));
-  EXPECT_EQ(before.st_ino, after.st_ino);
 }
 
 }  // namespace

@@ -10,6 +10,7 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "tavo/group.h"
 #include "tavo/root.h"
 
 namespace tavo_test {
@@ -86,6 +87,27 @@ void TempRoot::Append(const std::string& abs_path, const std::string& content) c
 int TempRoot::Run(const std::string& command) {
   int status = std::system(command.c_str());
   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+int TempRoot::Grpck() const { return Run("grpck -r -R " + dir_ + " >/dev/null 2>&1"); }
+
+void GroupRelease::operator()(SDK::Group* group) const { SDK::Group::Release(group); }
+
+std::vector<std::string> MembersOf(const std::string& group) {
+  TAVO_GROUP* g = nullptr;
+  if (TAVOGroupGet(group.c_str(), &g) != 0) return {"<missing>"};
+  std::vector<std::string> members(g->members, g->members + g->member_count);
+  TAVOGroupFree(g);
+  return members;
+}
+
+bool ChangeMembers(const std::string& group, const std::vector<std::string>& add,
+                   const std::vector<std::string>& remove) {
+  GroupPtr g(SDK::Group::LoadGroup(group));
+  bool ok = g != nullptr;
+  for (const std::string& name : add) ok = ok && g->AddMember(name);
+  for (const std::string& name : remove) ok = ok && g->RemoveMember(name);
+  return ok && g->Save();
 }
 
 }  // namespace tavo_test

@@ -12,8 +12,13 @@
 #ifndef TAVO_TESTS_TEMP_ROOT_H_
 #define TAVO_TESTS_TEMP_ROOT_H_
 
+#include <memory>
 #include <string>
 #include <vector>
+
+namespace SDK {
+class Group;
+}
 
 namespace tavo_test {
 
@@ -46,10 +51,25 @@ class TempRoot {
   void Append(const std::string& abs_path, const std::string& content) const;
   // Runs a shell command; returns its exit status.
   static int Run(const std::string& command);
+  // Runs the account tools' "grpck -r -R ROOT" quietly; 0 when the files are consistent.
+  int Grpck() const;
 
  private:
   std::string dir_;
 };
+
+// Helpers that go through the platform, as the module does.
+struct GroupRelease {
+  void operator()(SDK::Group* group) const;
+};
+// Owns a group from SDK::Group::LoadGroup or CreateGroup (may hold nullptr).
+using GroupPtr = std::unique_ptr<SDK::Group, GroupRelease>;
+// Members of `group` in stored order (TAVOGroupGet), or {"<missing>"} when it
+// cannot be read.
+std::vector<std::string> MembersOf(const std::string& group);
+// Loads `group`, adds `add`, removes `remove` and saves; false on any failure.
+bool ChangeMembers(const std::string& group, const std::vector<std::string>& add,
+                   const std::vector<std::string>& remove = {});
 
 }  // namespace tavo_test
 

@@ -1,7 +1,5 @@
 // TAVO.Core.Group create, set and delete: answers, account files, event log,
 // reload hooks and log lines.
-#include <unistd.h>
-
 #include "module_harness.h"
 #include "tavo/handler.h"
 #include "tavo/testing.h"
@@ -125,21 +123,6 @@ TEST_F(GroupChangeTest, DeleteWithNothingDeleted) {
   EXPECT_NE(GroupLine("staff"), "");
   EXPECT_TRUE(Events().empty());
   EXPECT_TRUE(Reloads().empty());
-}
-
-// Files written by the system's own tools are read, changed compatibly, and
-// stay consistent for them.
-TEST_F(GroupChangeTest, WorksWithTheSystemAccountTools) {
-  if (geteuid() != 0) GTEST_SKIP() << "the account tools' -P/-Q/-R options need root";
-  const std::string dir = root_->dir();
-  ASSERT_EQ(TempRoot::Run("groupadd -P " + dir + " -g 1500 fromtool"), 0);
-  Answer a = CallGroup("set", "{\"name\": \"FromTool\", \"new_name\": \"tooled\"}");
-  EXPECT_TRUE(JsonEq(a.data, Parse("{\"name\": \"tooled\", \"gid\": 1500}")));
-  ASSERT_TRUE(CallMember("add", "{\"group\": \"tooled\", \"name\": \"alice\"}").success);
-  ASSERT_EQ(TempRoot::Run("gpasswd -Q " + dir + " -a guest tooled >/dev/null"), 0);
-  a = CallMember("list", "{\"gid\": 1500}");
-  EXPECT_EQ(a.data["total"], 2);
-  EXPECT_EQ(TempRoot::Run("grpck -r -R " + dir), 0);
 }
 
 // A writer waits for the handler lock on /tmp/grouplock, then gives up.

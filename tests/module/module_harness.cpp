@@ -87,18 +87,10 @@ Answer ModuleTest::Call(const std::string& method, const Json::Value& params, bo
   return answer;
 }
 
-bool ModuleTest::Logged(int priority, const std::string& text) const {
-  for (const LogLine& line : CapturedLog()) {
-    if (line.priority == priority && line.text == text) return true;
-  }
-  return false;
-}
-
-bool ModuleTest::LoggedPrefix(int priority, const std::string& prefix) const {
-  for (const LogLine& line : CapturedLog()) {
-    if (line.priority == priority && line.text.compare(0, prefix.size(), prefix) == 0) return true;
-  }
-  return false;
+std::vector<std::string> ModuleTest::Names(const Json::Value& list) {
+  std::vector<std::string> names;
+  for (const Json::Value& entry : list) names.push_back(entry["name"].asString());
+  return names;
 }
 
 std::vector<std::string> ModuleTest::Events() const {

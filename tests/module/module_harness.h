@@ -1,6 +1,6 @@
 // ModuleTest: loads TAVO.Core.Group.so like the server does and calls its
 // methods against a fresh temporary root, with helpers to read the answer,
-// the captured system-log lines, the event log and the reload-hook runs.
+// the event log and the reload-hook runs (log lines: log_capture.h).
 #ifndef TAVO_TESTS_MODULE_HARNESS_H_
 #define TAVO_TESTS_MODULE_HARNESS_H_
 
@@ -12,19 +12,11 @@
 #include <utility>
 #include <vector>
 
+#include "log_capture.h"
 #include "tavo/api.h"
 #include "temp_root.h"
 
 namespace tavo_test {
-
-// One line the code under test sent to the system log.
-struct LogLine {
-  int priority;
-  std::string text;
-};
-// Captured lines since the last ClearLog (syslog_capture.cpp).
-std::vector<LogLine> CapturedLog();
-void ClearLog();
 
 // Equality of two JSON values as a client sees them (their compact text), so
 // that an unsigned 5 equals a parsed 5.
@@ -56,12 +48,8 @@ class ModuleTest : public ::testing::Test {
   }
   static Json::Value Parse(const std::string& json);
 
-  // True when exactly this line (e.g. "src/Group.cpp:235 Bad parameter ...")
-  // was logged with this priority.
-  bool Logged(int priority, const std::string& text) const;
-  // True when a line starting with `prefix` was logged with this priority
-  // (for platform-error lines whose file and line belong to the platform).
-  bool LoggedPrefix(int priority, const std::string& prefix) const;
+  // The "name" of each entry of an answer's list.
+  static std::vector<std::string> Names(const Json::Value& list);
   // Event-log rows oldest first as "0xEVENT arg1 arg2" (empty args dropped).
   std::vector<std::string> Events() const;
   // Arguments the reload hook was run with, one per run.

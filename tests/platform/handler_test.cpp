@@ -59,19 +59,14 @@ TEST_F(HandlerLockTest, ExclusiveKeepsOtherThreadsOutUntilTimeout) {
   EXPECT_EQ(TryFromOtherThread(true), std::make_pair(false, int{TAVO_ERR_LOCK}));
 }
 
-TEST_F(HandlerLockTest, SharedLocksCoexistButKeepWritersOut) {
-  ServerFormHandler reader("/tmp/grouplock");
-  ASSERT_TRUE(reader.ShLock());
-  EXPECT_TRUE(TryFromOtherThread(false).first);
-  EXPECT_FALSE(TryFromOtherThread(true).first);
-}
-
+// Shared locks coexist but keep writers out; calling again converts the lock.
 TEST_F(HandlerLockTest, CallingAgainConvertsAndDestructorReleases) {
   {
     ServerFormHandler holder("/tmp/grouplock");
     ASSERT_TRUE(holder.ExLock());
     ASSERT_TRUE(holder.ShLock());
     EXPECT_TRUE(TryFromOtherThread(false).first);
+    EXPECT_FALSE(TryFromOtherThread(true).first);
     ASSERT_TRUE(holder.ExLock());
     EXPECT_FALSE(TryFromOtherThread(false).first);
   }

@@ -1,10 +1,8 @@
 // Envelope parsing, static file confinement, sessions and login throttling.
 #include <gtest/gtest.h>
-#include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <fstream>
 #include <string>
 
 #include "dispatch.h"
@@ -12,6 +10,7 @@
 #include "login.h"
 #include "sessions.h"
 #include "static_files.h"
+#include "temp_root.h"
 
 namespace tavo_server {
 namespace {
@@ -79,26 +78,16 @@ TEST(EnvelopeTest, ValuesAreJsonWhenTheyParse) {
   EXPECT_EQ(ValueFromText(""), Json::Value(""));
 }
 
-class StaticFilesTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    char tmpl[] = "/tmp/tavo-web-XXXXXX";
-    ASSERT_NE(mkdtemp(tmpl), nullptr);
-    top_ = tmpl;
-    mkdir((top_ + "/web").c_str(), 0755);
-    mkdir((top_ + "/web/css").c_str(), 0755);
-    std::ofstream(top_ + "/web/index.html") << "<p>hi</p>";
-    std::ofstream(top_ + "/web/css/site.css") << "p{}";
-    std::ofstream(top_ + "/secret.txt") << "secret";
-    ASSERT_EQ(symlink((top_ + "/secret.txt").c_str(), (top_ + "/web/leak.txt").c_str()), 0);
-    ASSERT_EQ(symlink(top_.c_str(), (top_ + "/web/up").c_str()), 0);
-  }
-  void TearDown() override { system(("rm -rf '" + top_ + "'").c_str()); }
-  std::string top_;
-};
-
-TEST_F(StaticFilesTest, ServesInsideAndNothingOutside) {
-  StaticFiles files(top_ + "/web");
+TEST(StaticFilesTest, ServesInsideAndNothingOutside) {
+  tavo_test::TempRoot top;
+  mkdir(top.Path("/web").c_str(), 0755);
+  mkdir(top.Path("/web/css").c_str(), 0755);
+  top.Write("/web/index.html", "<p>hi</p>");
+  top.Write("/web/css/site.css", "p{}");
+  top.Write("/secret.txt", "secret");
+  ASSERT_EQ(symlink(top.Path("/secret.txt").c_str(), top.Path("/web/leak.txt").c_str()), 0);
+  ASSERT_EQ(symlink(top.dir().c_str(), top.Path("/web/up").c_str()), 0);
+  StaticFiles files(top.Path("/web"));
   std::string file;
   ASSERT_EQ(files.Resolve("/", &file), StaticFiles::Result::kFound);
   EXPECT_EQ(file, files.root() + "/index.html");

@@ -1,6 +1,6 @@
 // Module loading refusals and dispatch through loaded modules.
 #include <gtest/gtest.h>
-#include <stdlib.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <string>
@@ -8,6 +8,7 @@
 #include "dispatch.h"
 #include "eventlog_api.h"
 #include "module_loader.h"
+#include "temp_root.h"
 
 namespace tavo_server {
 namespace {
@@ -54,9 +55,9 @@ TEST(ModuleLoaderTest, RefusesAMethodAnotherModuleClaims) {
 }
 
 TEST(ModuleLoaderTest, FolderLoadFailsWholeOnOneBadModule) {
-  char tmpl[] = "/tmp/tavo-mods-XXXXXX";
-  ASSERT_NE(mkdtemp(tmpl), nullptr);
-  const std::string dir = tmpl;
+  tavo_test::TempRoot root;
+  const std::string dir = root.Path("/modules");
+  ASSERT_EQ(mkdir(dir.c_str(), 0755), 0);
   ModuleSet empty;
   int loaded = -1;
   ASSERT_TRUE(empty.LoadFolder(dir, &loaded).ok());
@@ -72,8 +73,7 @@ TEST(ModuleLoaderTest, FolderLoadFailsWholeOnOneBadModule) {
   ModuleSet good;
   EXPECT_TRUE(good.LoadFolder(dir, &loaded).ok());
   EXPECT_EQ(loaded, 1);
-  unlink((dir + "/a.so").c_str());
-  rmdir(dir.c_str());
+  ASSERT_EQ(0, tavo_test::TempRoot::Run("rm -r " + dir));
   EXPECT_FALSE(good.LoadFolder(dir, &loaded).ok());
 }
 
