@@ -1,5 +1,7 @@
 // TAVO.Core.Group create, set and delete: answers, account files, event log,
 // reload hooks and log lines.
+#include <unistd.h>
+
 #include "module_harness.h"
 #include "tavo/handler.h"
 #include "tavo/testing.h"
@@ -133,6 +135,20 @@ TEST_F(GroupChangeTest, HeldGroupLockRefusesWriters) {
   EXPECT_EQ(CallGroup("list", "{}").code, 3202);
   ServerFormHandler::UnlockFile(fd);
   EXPECT_TRUE(CallGroup("create", "{\"name\": \"late\"}").success);
+}
+
+// A group made by groupadd is renamed and filled through the module while
+// gpasswd changes it too; the files stay clean for the tools.
+TEST_F(GroupChangeTest, WorksWithTheSystemAccountTools) {
+  if (geteuid() != 0) GTEST_SKIP() << "the account tools' -P/-Q/-R options need root";
+  const std::string dir = root_->dir();
+  ASSERT_EQ(TempRoot::Run("groupadd -P " + dir + " -g 1500 fromtool"), 0);
+  Answer a = CallGroup("set", "{\"name\": \"FromTool\", \"new_name\": \"tooled\"}");
+  EXPECT_TRUE(JsonEq(a.data, Parse("{\"name\": \"tooled\", \"gid\": 1500}")));
+  ASSERT_TRUE(CallMember("add", "{\"group\": \"tooled\", \"name\": \"alice\"}").success);
+  ASSERT_EQ(TempRoot::Run("gpasswd -Q " + dir + " -a guest tooled >/dev/null"), 0);
+  EXPECT_EQ(CallMember("list", "{\"gid\": 1500}").data["total"], 2);
+  EXPECT_EQ(root_->Grpck(), 0);
 }
 
 }  // namespace
