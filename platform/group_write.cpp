@@ -90,8 +90,9 @@ void ApplyMembers(std::vector<std::string>* members, const std::vector<std::stri
 
 // TAVO_ERR_NONE, or why `name` may not be stored for the group at line `self`
 // (-1 for a new group).
-int CheckNewName(const std::vector<GroupLine>& parsed, const std::vector<bool>& valid,
-                 const LoginDefs& defs, int self, const std::string& name) {
+int CheckNewName(const std::vector<std::string>& lines, const std::vector<GroupLine>& parsed,
+                 const std::vector<bool>& valid, const LoginDefs& defs, int self,
+                 const std::string& name) {
   int syntax = CheckGroupNameSyntax(name);
   if (syntax != TAVO_ERR_NONE) return syntax;
   std::string folded = FoldCase(name);
@@ -99,7 +100,13 @@ int CheckNewName(const std::vector<GroupLine>& parsed, const std::vector<bool>& 
   if (IsBuiltinGroupName(name) && !self_builtin) return TAVO_ERR_RESERVED;
   if (self_builtin && FoldCase(parsed[self].name) != folded) return TAVO_ERR_RESERVED;
   for (size_t i = 0; i < parsed.size(); ++i) {
-    if (!valid[i] || static_cast<int>(i) == self || FoldCase(parsed[i].name) != folded) continue;
+    if (static_cast<int>(i) == self) continue;
+    if (!valid[i]) {
+      // A line that does not parse still holds its name for the account tools.
+      if (FoldCase(LineName(lines[i])) == folded) return TAVO_ERR_EXISTS;
+      continue;
+    }
+    if (FoldCase(parsed[i].name) != folded) continue;
     return IsReachable(parsed[i], defs) ? TAVO_ERR_EXISTS : TAVO_ERR_RESERVED;
   }
   return TAVO_ERR_NONE;
@@ -164,7 +171,7 @@ bool ApplyGroupChange(GroupChange* c) {
   }
   if (!c->create && self < 0) return ACCT_ERR(TAVO_ERR_NO_GROUP), false;
   if (c->create || renaming) {
-    int why = CheckNewName(parsed, valid, *defs, self, c->new_name);
+    int why = CheckNewName(f.group_lines, parsed, valid, *defs, self, c->new_name);
     if (why != TAVO_ERR_NONE) return TAVO_ERR_SET(why), false;
   }
 

@@ -138,6 +138,12 @@ TEST(Foreign, WritesKeepEveryForeignLine) {
   const std::string gs = root.Read("/etc/gshadow");
   EXPECT_NE(std::string::npos, gs.find("\norphan:!:admin:guest\n"));
   EXPECT_EQ(gs.find("\norphan:"), gs.rfind("\norphan:"));
+
+  // The name of a line that does not parse stays taken.
+  GroupPtr created(SDK::Group::CreateGroup("SHORT"));
+  ASSERT_TRUE(created);
+  EXPECT_FALSE(created->Save());
+  EXPECT_EQ(TAVO_ERR_EXISTS, TLIBCErrGet());
 }
 
 // Another program rewrites a file in place with the same size at once, many
