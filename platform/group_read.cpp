@@ -180,7 +180,7 @@ int TAVOGroupTotalNum(int kind) {
 
 int TAVOGroupIsAdminGroup(const char* name) {
   if (!name) return TAVO_ERR_SET(TAVO_ERR_ARGUMENT);
-  return Guarded(-1, [&] { return FoldCase(name) == "ADMINISTRATORS" ? 1 : 0; });
+  return Guarded(-1, [&] { return FoldCase(name) == "administrators" ? 1 : 0; });
 }
 
 int TLIBGroupInfoEnumBySubstr(int kind, const char* domain_name, int offset, int limit,

@@ -1,10 +1,11 @@
-// Name rules and Unicode case folding of the account store.
+// Name rules and case folding of the account store.
 #include "names.h"
 
 #include <locale.h>
 #include <wctype.h>
 
 #include "acct_error.h"
+#include "unicode_fold.h"
 
 namespace tavo {
 namespace acct {
@@ -70,7 +71,7 @@ std::string FoldCase(const std::string& s) {
   for (size_t i = 0; i < s.size();) {
     unsigned char c = static_cast<unsigned char>(s[i]);
     if (c < 0x80) {  // fast path for ASCII
-      out.push_back(static_cast<char>(c >= 'a' && c <= 'z' ? c - 32 : c));
+      out.push_back(static_cast<char>(c >= 'A' && c <= 'Z' ? c + 32 : c));
       ++i;
       continue;
     }
@@ -81,7 +82,7 @@ std::string FoldCase(const std::string& s) {
       ++i;
       continue;
     }
-    Encode(static_cast<unsigned>(towupper_l(static_cast<wint_t>(cp), Utf8Locale())), &out);
+    Encode(FoldCodePoint(cp), &out);
     i += len;
   }
   return out;
@@ -150,7 +151,7 @@ int CheckDescription(const std::string& desc) {
 
 bool IsBuiltinGroupName(const std::string& name) {
   std::string f = FoldCase(name);
-  return f == "ADMINISTRATORS" || f == "USERS";
+  return f == "administrators" || f == "users";
 }
 
 }  // namespace acct

@@ -1,9 +1,10 @@
 // Name and text rules of the account store, and Unicode case folding.
 //
-// FoldCase maps every code point of a UTF-8 string to its upper-case form
-// (simple case mapping of the C.UTF-8 locale); invalid bytes are kept as they
-// are. Two names are "equal ignoring case" when their folded forms are equal,
-// and listings are ordered by the folded form (byte order, which is code-point
+// FoldCase maps every code point of a UTF-8 string to its case-folded form
+// (tavo::FoldCodePoint: lower(upper(c)) of the C.UTF-8 locale, the Turkish
+// dotted and dotless I kept apart); invalid bytes are kept as they are. Two
+// names are "equal ignoring case" when their folded forms are equal, and
+// listings are ordered by the folded form (byte order, which is code-point
 // order for UTF-8).
 //
 // Thread-safety: every function may be called from any thread.

@@ -8,6 +8,8 @@
 #include "tavo/error.h"
 #include "tavo/testing.h"
 #include "tavo/util.h"
+#include "names.h"
+#include "unicode_fold.h"
 
 namespace {
 
@@ -92,15 +94,25 @@ unsigned ToLower(unsigned cp) {
   return (cp >= 'A' && cp <= 'Z') ? cp - 'A' + 'a' : cp;
 }
 
-// The case-folded bytes of one unit: lower(upper(cp)) for a code point, so
-// that all spellings of a letter meet ("ς", "σ" and "Σ" fold alike); an
-// invalid byte stands for itself. Returns the number of bytes in `out`.
+}  // namespace
+
+// lower(upper(cp)), so that all spellings of a letter meet ("ς", "σ" and "Σ"
+// fold alike), except the Turkish dotted and dotless I, which stay apart.
+unsigned tavo::FoldCodePoint(unsigned cp) {
+  if (cp == 0x130 || cp == 0x131) return cp;
+  return ToLower(ToUpper(cp));
+}
+
+namespace {
+
+// The case-folded bytes of one unit; an invalid byte stands for itself.
+// Returns the number of bytes in `out`.
 int FoldUnit(const Unit& u, unsigned char* out) {
   if (!u.valid) {
     out[0] = static_cast<unsigned char>(u.value);
     return 1;
   }
-  return Encode(ToLower(ToUpper(u.value)), out);
+  return Encode(tavo::FoldCodePoint(u.value), out);
 }
 
 }  // namespace
@@ -167,3 +179,9 @@ int TLIBCUnicodeUTF8StrUpper(const char* in, char* out, int out_size) {
 }
 
 }  // extern "C"
+
+namespace tavo {
+
+std::string CaseFoldKey(const std::string& text) { return acct::FoldCase(text); }
+
+}  // namespace tavo

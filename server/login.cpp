@@ -1,8 +1,6 @@
 #include "login.h"
 
 #include <crypt.h>
-#include <locale.h>
-#include <wctype.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -10,50 +8,15 @@
 #include <memory>
 
 #include "tavo/user.h"
+#include "tavo/util.h"
 
 namespace tavo_server {
 namespace {
 
-void AppendUtf8(unsigned cp, std::string* out) {
-  if (cp < 0x80) {
-    *out += static_cast<char>(cp);
-  } else if (cp < 0x800) {
-    *out += static_cast<char>(0xC0 | (cp >> 6));
-    *out += static_cast<char>(0x80 | (cp & 0x3F));
-  } else if (cp < 0x10000) {
-    *out += static_cast<char>(0xE0 | (cp >> 12));
-    *out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
-    *out += static_cast<char>(0x80 | (cp & 0x3F));
-  } else {
-    *out += static_cast<char>(0xF0 | (cp >> 18));
-    *out += static_cast<char>(0x80 | ((cp >> 12) & 0x3F));
-    *out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
-    *out += static_cast<char>(0x80 | (cp & 0x3F));
-  }
+// Spellings that name one account share one key, as in the account files.
+std::string AccountKey(const std::string& account) {
+  return "account:" + tavo::CaseFoldKey(account);
 }
-
-// Every character of UTF-8 `text` in its upper-case form (C.UTF-8); bytes
-// that are not UTF-8 are kept as they are.
-std::string UpperCase(const std::string& text) {
-  static const locale_t utf8 = newlocale(LC_CTYPE_MASK, "C.UTF-8", static_cast<locale_t>(0));
-  std::string out;
-  for (size_t i = 0; i < text.size();) {
-    const unsigned char c = static_cast<unsigned char>(text[i]);
-    const size_t n = c >= 0xF0 ? 4 : c >= 0xE0 ? 3 : c >= 0xC0 ? 2 : 1;
-    if (n == 1 || i + n > text.size() || utf8 == static_cast<locale_t>(0)) {
-      out += static_cast<char>(c >= 'a' && c <= 'z' ? c - 32 : c);
-      ++i;
-      continue;
-    }
-    unsigned cp = c & (0x7F >> n);
-    for (size_t k = 1; k < n; ++k) cp = (cp << 6) | (static_cast<unsigned char>(text[i + k]) & 0x3F);
-    AppendUtf8(static_cast<unsigned>(towupper_l(static_cast<wint_t>(cp), utf8)), &out);
-    i += n;
-  }
-  return out;
-}
-
-std::string AccountKey(const std::string& account) { return "account:" + UpperCase(account); }
 
 std::string AddressKey(const std::string& address) { return "address:" + address; }
 

@@ -21,6 +21,13 @@ TEST(UnicodeCaseCmpTest, LettersBeyondAsciiMatchIgnoringCase) {
   EXPECT_EQ(TLIBCUnicodeUTF8StrCaseCmp("λόγος", "ΛΌΓΟΣ"), 0);
   EXPECT_EQ(TLIBCUnicodeUTF8StrCaseCmp("Привет", "пРИВЕТ"), 0);
   EXPECT_NE(TLIBCUnicodeUTF8StrCaseCmp("ärzte", "arzte"), 0);
+  // The Turkish dotless and dotted I are other letters, never a spelling of "i".
+  EXPECT_NE(TLIBCUnicodeUTF8StrCaseCmp("admın", "admin"), 0);
+  EXPECT_NE(TLIBCUnicodeUTF8StrCaseCmp("İnfo", "info"), 0);
+  // The name store's keys follow the same rule.
+  EXPECT_EQ(tavo::CaseFoldKey("Straße"), tavo::CaseFoldKey("STRAẞE"));
+  EXPECT_EQ(tavo::CaseFoldKey("λόγος"), tavo::CaseFoldKey("ΛΌΓΟΣ"));
+  EXPECT_NE(tavo::CaseFoldKey("admın"), tavo::CaseFoldKey("ADMIN"));
 }
 
 TEST(UnicodeCaseCmpTest, OrdersLikeStrcmpOfFoldedNames) {

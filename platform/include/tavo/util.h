@@ -9,7 +9,8 @@ extern "C" {
 // Compares two UTF-8 strings ignoring case (Unicode simple case mapping, so
 // "ärzte" equals "ÄRZTE"). <0, 0 or >0 like strcmp of the case-folded strings
 // (each character folded to lower(upper(c)), so the order of letters is that
-// of their lower-case code points). Invalid UTF-8 bytes compare as themselves
+// of their lower-case code points; the Turkish dotted and dotless I, U+0130
+// and U+0131, fold to themselves and never equal "i"). Invalid UTF-8 bytes compare as themselves
 // (a stray byte never equals a character). A null string sorts before any other.
 int TLIBCUnicodeUTF8StrCaseCmp(const char* a, const char* b);
 // Writes the upper-case form of `in` into `out` (NUL-terminated, at most
@@ -30,5 +31,18 @@ int TLIBCReadPidFile(const char* path);
 int TLIBCFileExist(const char* path);
 
 }  // extern "C"
+
+#include <string>
+
+namespace tavo {
+
+// The key under which the platform matches names ignoring case: every
+// character of UTF-8 `text` case-folded (so "Staff", "STAFF" and "staff" share
+// one key, as do "ß" and "ẞ"); the dotted and dotless I of Turkish (U+0130,
+// U+0131) are kept apart from "i", so "admın" never stands for "admin". Bytes
+// that are not UTF-8 are kept. Only equality of keys is meaningful.
+std::string CaseFoldKey(const std::string& text);
+
+}  // namespace tavo
 
 #endif  // TAVO_UTIL_H_
