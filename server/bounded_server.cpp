@@ -37,16 +37,23 @@ struct ReadBuffer {
   size_t begin = 0, end = 0;
 };
 
-// One request's view of a connection: receives at most `budget` bytes.
+// One request's view of a connection: receives at most `budget` bytes, and
+// all of them within `read_ms` of the request's start, so that a client
+// trickling a byte at a time cannot hold a worker for longer than that.
 class BoundedStream : public httplib::Stream {
  public:
   BoundedStream(socket_t sock, ReadBuffer* buf, size_t budget, int read_ms, int write_ms)
-      : sock_(sock), buf_(*buf), budget_(budget), read_ms_(read_ms), write_ms_(write_ms) {}
+      : sock_(sock),
+        buf_(*buf),
+        budget_(budget),
+        write_ms_(write_ms),
+        deadline_(std::chrono::steady_clock::now() + std::chrono::milliseconds(read_ms)) {}
 
+  // True once the request ran out of bytes or time; the connection then ends.
   bool exhausted() const { return exhausted_; }
 
   bool is_readable() const override {
-    return buf_.begin < buf_.end || WaitFor(sock_, POLLIN, read_ms_) > 0;
+    return buf_.begin < buf_.end || WaitFor(sock_, POLLIN, LeftMs()) > 0;
   }
   bool is_writable() const override { return WaitFor(sock_, POLLOUT, write_ms_) > 0; }
 
@@ -56,7 +63,12 @@ class BoundedStream : public httplib::Stream {
         exhausted_ = true;
         return -1;
       }
-      if (WaitFor(sock_, POLLIN, read_ms_) <= 0) return -1;
+      const int left = LeftMs();
+      const int ready = left > 0 ? WaitFor(sock_, POLLIN, left) : 0;
+      if (ready <= 0) {
+        exhausted_ = exhausted_ || ready == 0;  // out of time: close after the answer
+        return -1;
+      }
       ssize_t n;
       do {
         n = recv(sock_, buf_.data, std::min(sizeof(buf_.data), budget_ - used_), 0);
@@ -90,6 +102,13 @@ class BoundedStream : public httplib::Stream {
   socket_t socket() const override { return sock_; }
 
  private:
+  // Time left to receive this request (0 once it has run out).
+  int LeftMs() const {
+    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+        deadline_ - std::chrono::steady_clock::now());
+    return static_cast<int>(std::max<std::chrono::milliseconds::rep>(0, left.count()));
+  }
+
   void Address(int (*get)(int, sockaddr*, socklen_t*), std::string& ip, int& port) const {
     sockaddr_storage addr{};
     socklen_t len = sizeof(addr);
@@ -105,7 +124,8 @@ class BoundedStream : public httplib::Stream {
   const socket_t sock_;
   ReadBuffer& buf_;
   const size_t budget_;
-  const int read_ms_, write_ms_;
+  const int write_ms_;
+  const std::chrono::steady_clock::time_point deadline_;
   size_t used_ = 0;
   bool exhausted_ = false;
 };

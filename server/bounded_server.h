@@ -8,7 +8,9 @@
 // serves each connection itself (the same keep-alive loop and timeouts as
 // the library) through a stream that refuses to read more than
 // `request_budget` bytes for one request; the request then fails as
-// malformed (HTTP 400) and the connection is closed.
+// malformed (HTTP 400) and the connection is closed. The read timeout bounds
+// the receiving of a whole request, not each receive, so a client trickling
+// bytes cannot hold a worker past it either.
 //
 // Thread-safety: as httplib::Server; set_request_budget before serving.
 #ifndef TAVO_SERVER_BOUNDED_SERVER_H_

@@ -9,7 +9,7 @@ import { join } from 'node:path';
 import { withServer, login, post, USER_PASSWORD, ADMIN_PASSWORD } from './helpers.mjs';
 
 const env = withServer({
-  extra: ['--max-body', '4096'],
+  extra: ['--max-body', '4096', '--read-timeout', '2'],
   // A web folder with a symlink out of it, next to a secret.
   prepare: (root, dir) => {
     const web = join(dir, 'web');
@@ -137,6 +137,24 @@ test('a request line that never ends is cut off, and the server carries on', asy
   sock.destroy();
   assert.ok(sent < 16 * 1024 * 1024, `the server read ${sent} bytes of one request line`);
   assert.equal((await post(env.url, env.token, LIST)).status, 200);
+});
+
+test('a request trickled a line at a time is cut off when the read time runs out', async () => {
+  const { hostname, port } = new URL(env.url);
+  const sock = net.connect(Number(port), hostname);
+  await new Promise((resolve) => sock.on('connect', resolve));
+  const closed = new Promise((resolve) => { sock.on('error', resolve); sock.on('close', resolve); });
+  let open = true;
+  closed.then(() => { open = false; });
+  sock.resume();  // read (and drop) the refusal, so that the end of the connection is seen
+  const start = Date.now();
+  sock.write('GET / HTTP/1.1\r\nHost: x\r\n');
+  while (open && Date.now() - start < 8000) {
+    sock.write('X-Slow: 1\r\n');
+    await Promise.race([new Promise((r) => setTimeout(r, 250)), closed]);
+  }
+  sock.destroy();
+  assert.ok(Date.now() - start < 5000, `the connection stayed open ${Date.now() - start} ms`);
 });
 
 // Sends a raw request, as a browser would never do, and returns the status.
