@@ -1,5 +1,6 @@
 // SDK::Group: a group loaded or created in memory, and its Save.
 #include <algorithm>
+#include <unordered_map>
 
 #include "group_internal.h"
 #include "names.h"
@@ -10,6 +11,47 @@ namespace SDK {
 
 using namespace tavo::acct;
 
+namespace {
+
+// Finds members by exact spelling, else ignoring case, through hash indexes
+// built on first use, so that testing every user of a large root against a
+// large group stays linear. Appends keep the indexes; removals drop them.
+class MemberIndex {
+ public:
+  int Find(const std::vector<std::string>& members, const std::string& user) {
+    if (!built_) Build(members);
+    auto it = exact_.find(user);
+    if (it != exact_.end()) return it->second;
+    it = folded_.find(FoldCase(user));
+    return it == folded_.end() ? -1 : it->second;
+  }
+  void Appended(const std::vector<std::string>& members) {
+    if (!built_) return;
+    const int i = static_cast<int>(members.size()) - 1;
+    exact_.emplace(members[i], i);
+    folded_.emplace(FoldCase(members[i]), i);
+  }
+  void Forget() {
+    built_ = false;
+    exact_.clear();
+    folded_.clear();
+  }
+
+ private:
+  void Build(const std::vector<std::string>& members) {
+    for (int i = 0; i < static_cast<int>(members.size()); ++i) {
+      exact_.emplace(members[i], i);  // the first entry of a spelling wins
+      folded_.emplace(FoldCase(members[i]), i);
+    }
+    built_ = true;
+  }
+
+  bool built_ = false;
+  std::unordered_map<std::string, int> exact_, folded_;
+};
+
+}  // namespace
+
 struct Group::Rep {
   int kind = TAVO_GROUP_LOCAL;
   bool created = false;
@@ -17,6 +59,7 @@ struct Group::Rep {
   std::string name;
   unsigned gid = 0;
   std::vector<std::string> members;
+  MemberIndex member_index;  // over `members`
   std::string desc;
   bool desc_changed = false;
   std::vector<std::string> added, removed;
@@ -44,14 +87,6 @@ int NewNameProblem(const std::string& name, const std::string& self) {
     return IsReachable(g, *defs) ? TAVO_ERR_EXISTS : TAVO_ERR_RESERVED;
   }
   return TAVO_ERR_NONE;
-}
-
-int FindMember(const std::vector<std::string>& members, const std::string& user) {
-  auto it = std::find(members.begin(), members.end(), user);
-  if (it == members.end())
-    it = std::find_if(members.begin(), members.end(),
-                      [&](const std::string& m) { return EqualIgnoringCase(m, user); });
-  return it == members.end() ? -1 : static_cast<int>(it - members.begin());
 }
 
 void Erase(std::vector<std::string>* v, const std::string& s) {
@@ -106,15 +141,16 @@ unsigned int Group::GetGID() const { return rep_->gid; }
 std::vector<std::string> Group::GetMembers() const { return rep_->members; }
 
 bool Group::IsMember(const std::string& user) const {
-  return Guarded(false, [&] { return FindMember(rep_->members, user) >= 0; });
+  return Guarded(false, [&] { return rep_->member_index.Find(rep_->members, user) >= 0; });
 }
 
 bool Group::AddMember(const std::string& user) {
   return Guarded(false, [&] {
     int why = CheckMemberName(user);
     if (why != TAVO_ERR_NONE) return TAVO_ERR_SET(why), false;
-    if (FindMember(rep_->members, user) >= 0) return true;
+    if (rep_->member_index.Find(rep_->members, user) >= 0) return true;
     rep_->members.push_back(user);
+    rep_->member_index.Appended(rep_->members);
     if (std::find(rep_->removed.begin(), rep_->removed.end(), user) != rep_->removed.end())
       Erase(&rep_->removed, user);
     else
@@ -125,10 +161,11 @@ bool Group::AddMember(const std::string& user) {
 
 bool Group::RemoveMember(const std::string& user) {
   return Guarded(false, [&] {
-    int i = FindMember(rep_->members, user);
+    int i = rep_->member_index.Find(rep_->members, user);
     if (i < 0) return ACCT_ERR(TAVO_ERR_NO_USER), false;
     std::string stored = rep_->members[i];
     Erase(&rep_->members, stored);  // also a second entry of the same name
+    rep_->member_index.Forget();
     if (std::find(rep_->added.begin(), rep_->added.end(), stored) != rep_->added.end())
       Erase(&rep_->added, stored);
     else

@@ -46,6 +46,24 @@ TEST(GroupWrite, CreateAllocatesGidsLikeTheAccountTools) {
   EXPECT_FALSE(SDK::Group::IsGroupExist("three"));
 }
 
+// Member lookups stay right while the object's member list changes.
+TEST(GroupWrite, MemberLookupsFollowChangesInMemory) {
+  TempRoot root;
+  root.AddGroup("team", 1400, {"xa", "Yb", "zc"});
+  GroupPtr g(SDK::Group::LoadGroup("team"));
+  ASSERT_TRUE(g);
+  EXPECT_TRUE(g->IsMember("yb"));
+  EXPECT_FALSE(g->IsMember("y"));
+  ASSERT_TRUE(g->RemoveMember("XA"));
+  EXPECT_FALSE(g->IsMember("xa"));
+  EXPECT_TRUE(g->IsMember("ZC"));
+  ASSERT_TRUE(g->AddMember("wd"));
+  EXPECT_TRUE(g->IsMember("WD"));
+  ASSERT_TRUE(g->RemoveMember("yb"));
+  EXPECT_FALSE(g->RemoveMember("yb"));
+  EXPECT_EQ((std::vector<std::string>{"zc", "wd"}), g->GetMembers());
+}
+
 TEST(GroupWrite, RenameMovesDescriptionAndKeepsGshadowInStep) {
   TempRoot root;
   root.AddGroup("staff", 1500, {"admin"});
