@@ -7,8 +7,16 @@
 namespace tavo_server {
 namespace {
 
-void Serve(const ModuleSet& modules, const ApiCall& call, const std::string& account,
+// Checks the envelope {"api", "version", "method", "params"} (400 when it is
+// not one) and runs the call for `account`.
+void Serve(const ModuleSet& modules, const Json::Value& envelope, const std::string& account,
            httplib::Response& res) {
+  ApiCall call;
+  std::string error;
+  if (!CallFromJson(envelope, &call, &error)) {
+    SendError(res, 400, error);
+    return;
+  }
   access_log::SetCall(call.api, call.version, call.method);
   CallResult result = Dispatch(modules, call, account);
   if (result.lookup != ModuleSet::Lookup::kFound) {
@@ -38,13 +46,7 @@ void HttpServer::Impl::ApiPost(const httplib::Request& req, httplib::Response& r
     SendError(res, 400, "the request body is not JSON");
     return;
   }
-  ApiCall call;
-  std::string error;
-  if (!CallFromJson(body, &call, &error)) {
-    SendError(res, 400, error);
-    return;
-  }
-  Serve(modules, call, s.account, res);
+  Serve(modules, body, s.account, res);
 }
 
 void HttpServer::Impl::ApiGet(const httplib::Request& req, httplib::Response& res) {
@@ -64,13 +66,7 @@ void HttpServer::Impl::ApiGet(const httplib::Request& req, httplib::Response& re
     }
   }
   body["params"] = params;
-  ApiCall call;
-  std::string error;
-  if (!CallFromJson(body, &call, &error)) {
-    SendError(res, 400, error);
-    return;
-  }
-  Serve(modules, call, s.account, res);
+  Serve(modules, body, s.account, res);
 }
 
 }  // namespace tavo_server
