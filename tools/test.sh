@@ -9,6 +9,13 @@ set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
 cd "$top"
 
+# The account-tool tests run groupadd -P, gpasswd -Q and grpck -R, which
+# chroot into temporary roots: that needs root, as in CI.
+if [ "$(id -u)" -ne 0 ]; then
+  echo "test.sh: the tests need root (the account tools chroot into test roots); re-running with sudo"
+  exec sudo --preserve-env=TAVO_SKIP_BROWSER,TAVO_SKIP_ASAN,CI "$0" "$@"
+fi
+
 "$top/tools/install-deps.sh" --browser
 
 echo "== build"
