@@ -4,6 +4,8 @@
 #include <crypt.h>
 
 #include <algorithm>
+#include <cstdio>
+#include <functional>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -18,16 +20,39 @@ namespace tavo {
 namespace acct {
 namespace {
 
-// The index of the local user named `name` (exact spelling first), or -1.
-int FindLocalUser(const UserDb& users, const LoginDefs& defs, const std::string& name) {
-  int i = users.Find(name);
-  if (i >= 0 && IsLocalUser(users.users[i], defs)) return i;
-  // A system account may share the exact spelling; look for a local variant.
+constexpr int kUnknown = -1;
+constexpr int kAmbiguous = -2;
+
+// The one passwd entry that `name` stands for: the entry spelt exactly so,
+// else the only entry whose name equals it ignoring case. kUnknown when there
+// is none, kAmbiguous when several case variants match and none exactly (a
+// name never stands for two accounts, so nothing is guessed).
+int ResolveUser(const UserDb& users, const std::string& name) {
+  auto ex = users.by_name.find(name);
+  if (ex != users.by_name.end()) return ex->second;
   auto it = users.by_fold.find(FoldCase(name));
-  if (it == users.by_fold.end()) return -1;
+  if (it == users.by_fold.end() || it->second.empty()) return kUnknown;
+  const int first = it->second.front();
   for (int k : it->second)
-    if (IsLocalUser(users.users[k], defs)) return k;
-  return -1;
+    if (users.users[k].name != users.users[first].name) return kAmbiguous;
+  return first;
+}
+
+// The index of the local user that `name` stands for, or -1 (unknown,
+// ambiguous or a system account).
+int FindLocalUser(const UserDb& users, const LoginDefs& defs, const std::string& name) {
+  int i = ResolveUser(users, name);
+  return i >= 0 && IsLocalUser(users.users[i], defs) ? i : -1;
+}
+
+bool UsableHash(const std::string& hash) {
+  return !hash.empty() && hash[0] != '!' && hash[0] != '*' && hash != "x";
+}
+
+// The stored password hash of entry `u` (shadow first, else passwd).
+std::string HashOf(const PasswdLine& u, const ShadowDb& shadow) {
+  auto it = shadow.find(u.name);
+  return it != shadow.end() ? it->second.hash : u.password;
 }
 
 // Calls `visit` for each local user ordered by name ignoring case whose name
@@ -128,9 +153,14 @@ int TLIBGroupIsAdminGroupMem(const char* user, int flag) {
   if (!user || flag != 0) return TAVO_ERR_SET(TAVO_ERR_ARGUMENT);
   return Guarded(-1, [&] {
     std::vector<std::string> members;
-    if (!AdminMembers(&members)) return -1;
+    auto users = Passwd();
+    if (!users || !AdminMembers(&members)) return -1;
+    // A listed name counts for the account it stands for, so "Admin" is not a
+    // member because "admin" is listed, unless both name one account.
+    const int who = ResolveUser(*users, user);
+    if (who < 0) return 0;
     for (const std::string& m : members)
-      if (EqualIgnoringCase(m, user)) return 1;
+      if (ResolveUser(*users, m) == who) return 1;
     return 0;
   });
 }
@@ -163,12 +193,10 @@ int TAVOUserCheckPassword(const char* name, const char* password) {
     auto users = Passwd();
     auto shadow = Shadow();
     if (!users || !shadow) return -1;
-    int i = users->Find(name);
+    int i = ResolveUser(*users, name);
     if (i < 0) return 0;
-    const PasswdLine& u = users->users[i];
-    auto it = shadow->find(u.name);
-    std::string hash = it != shadow->end() ? it->second.hash : u.password;
-    if (hash.empty() || hash[0] == '!' || hash[0] == '*' || hash == "x") return 0;
+    const std::string hash = HashOf(users->users[i], *shadow);
+    if (!UsableHash(hash)) return 0;
     auto data = std::make_unique<crypt_data>();
     std::memset(data.get(), 0, sizeof(crypt_data));
     const char* out = crypt_r(password, hash.c_str(), data.get());
@@ -200,6 +228,32 @@ int TLIBUserInfoEnumBySubstr(int type, int flag, int offset, int limit, const ch
 }
 
 }  // extern "C"
+
+namespace tavo {
+
+UserMatch ResolveUserName(const std::string& name, UserIdentity* out) {
+  return Guarded(UserMatch::kFailed, [&] {
+    auto users = Passwd();
+    auto defs = Defs();
+    auto shadow = Shadow();
+    if (!users || !defs || !shadow) return UserMatch::kFailed;
+    const int i = ResolveUser(*users, name);
+    if (i == kAmbiguous) return UserMatch::kAmbiguous;
+    if (i < 0) return UserMatch::kUnknown;
+    const PasswdLine& u = users->users[i];
+    const std::string hash = HashOf(u, *shadow);
+    out->name = u.name;
+    out->local = IsLocalUser(u, *defs);
+    out->expired = !out->local || IsExpired(u, *shadow);
+    out->password_set = UsableHash(hash);
+    char stamp[17];
+    snprintf(stamp, sizeof(stamp), "%016zx", std::hash<std::string>()(hash));
+    out->stamp = stamp;
+    return UserMatch::kFound;
+  });
+}
+
+}  // namespace tavo
 
 namespace SDK {
 

@@ -80,13 +80,20 @@ bool HttpServer::Impl::Authorize(const httplib::Request& req, httplib::Response&
     return false;
   }
   access_log::SetAccount(s->account);
-  // Membership may have been withdrawn since the login.
-  if (TLIBGroupIsAdminGroupMem(s->account.c_str(), 0) != 1 ||
-      TAVOUserCheckExpired(s->account.c_str()) != 0) {
-    SendError(res, 403, "the account " + s->account + " is no longer a valid administrator");
-    return false;
+  // Membership may have been withdrawn, or the password changed, since the login.
+  switch (RecheckLogin(LoginIdentity{s->account, s->stamp})) {
+    case LoginResult::kOk:
+      return true;
+    case LoginResult::kUnavailable:
+      SendError(res, 500, "the account files cannot be read");
+      return false;
+    case LoginResult::kDenied:
+      break;
   }
-  return true;
+  sessions.Remove(token);
+  SendError(res, 401, "the session has ended: the account " + s->account +
+                          " is no longer a valid administrator or its password changed");
+  return false;
 }
 
 void HttpServer::Impl::Login(const httplib::Request& req, httplib::Response& res) {
@@ -106,40 +113,27 @@ void HttpServer::Impl::Login(const httplib::Request& req, httplib::Response& res
     SendError(res, 400, "account and password: " + text_error);
     return;
   }
-  const std::string account = body["account"].asString();
-  const std::string password = body["password"].asString();
-  access_log::SetAccount(account);
-  std::lock_guard<std::mutex> one_at_a_time(throttle.AccountLock(account));
-  int wait = throttle.RetryAfter(account, req.remote_addr);
-  if (wait > 0) {
-    res.set_header("Retry-After", std::to_string(wait));
-    SendError(res, 429, "too many failed logins; try again in " + std::to_string(wait) + " s");
+  LoginGate::Attempt attempt{body["account"].asString(), body["password"].asString(),
+                             req.remote_addr, CookieValue(req, kDeviceCookie)};
+  access_log::SetAccount(attempt.account);
+  LoginGate::Outcome outcome = logins.Try(attempt);
+  if (outcome.status != 200) {
+    if (outcome.retry_after > 0) res.set_header("Retry-After", std::to_string(outcome.retry_after));
+    SendError(res, outcome.status, outcome.error);
     return;
   }
-  std::string name;
-  switch (CheckLogin(account, password, &name)) {
-    case LoginResult::kOk:
-      break;
-    case LoginResult::kBadCredentials:
-      throttle.RecordFailure(account, req.remote_addr);
-      SendError(res, 401, "wrong account or password");
-      return;
-    case LoginResult::kNotAdministrator:
-      throttle.RecordFailure(account, req.remote_addr);
-      SendError(res, 403, "only valid members of administrators may log in");
-      return;
-    case LoginResult::kUnavailable:
-      SendError(res, 500, "the account files cannot be read");
-      return;
-  }
-  throttle.RecordSuccess(account);
-  access_log::SetAccount(name);
+  access_log::SetAccount(outcome.who.name);
   SessionStore::Session s;
-  if (!sessions.Create(name, &s)) {
+  if (!sessions.Create(outcome.who.name, outcome.who.stamp, &s)) {
     SendError(res, 500, "no session could be started");
     return;
   }
   res.set_header("Set-Cookie", SessionCookie(s.id, -1));
+  if (!outcome.device_cookie.empty()) {
+    res.set_header("Set-Cookie", std::string(kDeviceCookie) + "=" + outcome.device_cookie +
+                                     "; Path=/api/auth; HttpOnly; SameSite=Strict; Max-Age=" +
+                                     std::to_string(logins.devices().lifetime().count()));
+  }
   SendJson(res, SessionData(s, options.session_idle));
 }
 

@@ -2,7 +2,7 @@
 // helpers they use. Not part of the server's interface.
 //
 // Thread-safety: handlers run on the worker threads at once; SessionStore and
-// LoginThrottle lock themselves, everything else is read-only while serving.
+// LoginGate lock themselves, everything else is read-only while serving.
 #ifndef TAVO_SERVER_HTTP_IMPL_H_
 #define TAVO_SERVER_HTTP_IMPL_H_
 
@@ -12,13 +12,14 @@
 
 #include "bounded_server.h"
 #include "http_server.h"
-#include "login.h"
+#include "login_gate.h"
 #include "sessions.h"
 #include "static_files.h"
 
 namespace tavo_server {
 
 constexpr const char kSessionCookie[] = "tavo_session";
+constexpr const char kDeviceCookie[] = "tavo_device";
 
 struct HttpServer::Impl {
   Impl(const ServeOptions& o, const ModuleSet& m);
@@ -27,7 +28,7 @@ struct HttpServer::Impl {
   const ModuleSet& modules;
   BoundedServer http;
   SessionStore sessions;
-  LoginThrottle throttle;
+  LoginGate logins;
   StaticFiles files;
 
   // Route handlers (http_auth.cpp, http_api.cpp, http_server.cpp).

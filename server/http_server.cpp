@@ -7,6 +7,7 @@
 
 #include "access_log.h"
 #include "http_impl.h"
+#include "random.h"
 #include "json_util.h"
 
 namespace tavo_server {
@@ -38,6 +39,14 @@ const char* Reason(int status) {
   }
 }
 
+ThrottleLimits LoginLimits(const ServeOptions& o) {
+  ThrottleLimits l;
+  l.per_pair = l.per_device = l.free_per_account = o.login_max_failures;
+  l.per_address = 4 * o.login_max_failures;
+  l.window = std::chrono::seconds(o.login_window);
+  return l;
+}
+
 }  // namespace
 
 void SendError(httplib::Response& res, int status, const std::string& message) {
@@ -55,8 +64,9 @@ void SendJson(httplib::Response& res, const Json::Value& body) {
 HttpServer::Impl::Impl(const ServeOptions& o, const ModuleSet& m)
     : options(o),
       modules(m),
-      sessions(std::chrono::seconds(o.session_idle), static_cast<size_t>(o.max_sessions)),
-      throttle(o.login_max_failures, std::chrono::seconds(o.login_window)),
+      sessions(std::chrono::seconds(o.session_idle), std::chrono::seconds(o.session_lifetime),
+               static_cast<size_t>(o.max_sessions)),
+      logins(LoginLimits(o), RandomHex(32), std::chrono::hours(24 * 30)),
       files(o.web_dir) {
   const int workers = o.workers;
   http.new_task_queue = [workers] { return new httplib::ThreadPool(static_cast<size_t>(workers)); };

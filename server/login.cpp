@@ -2,97 +2,122 @@
 
 #include <crypt.h>
 
-#include <algorithm>
 #include <cstdlib>
-#include <functional>
+#include <fstream>
+#include <map>
 #include <memory>
+#include <mutex>
+#include <sstream>
 
+#include "tavo/root.h"
 #include "tavo/user.h"
-#include "tavo/util.h"
 
 namespace tavo_server {
 namespace {
 
-// Spellings that name one account share one key, as in the account files.
-std::string AccountKey(const std::string& account) {
-  return "account:" + tavo::CaseFoldKey(account);
+// The value of `key` in login.defs text ("" when absent).
+std::string DefsValue(const std::string& text, const std::string& key) {
+  std::istringstream in(text);
+  std::string line, value;
+  while (std::getline(in, line)) {
+    std::istringstream words(line);
+    std::string k, v;
+    if (words >> k >> v && k == key) value = v;
+  }
+  return value;
 }
 
-std::string AddressKey(const std::string& address) { return "address:" + address; }
+long DefsNumber(const std::string& text, const std::string& key, long fallback) {
+  const std::string v = DefsValue(text, key);
+  char* end = nullptr;
+  long n = v.empty() ? 0 : strtol(v.c_str(), &end, 10);
+  return !v.empty() && end && *end == '\0' && n > 0 ? n : fallback;
+}
 
-// Spends about the time of checking a password against a real hash.
-void CheckAgainstDummyHash(const std::string& password) {
-  static const std::string dummy = [] {
-    std::unique_ptr<char, decltype(&free)> salt(crypt_gensalt_ra("$y$", 0, nullptr, 0), &free);
-    auto data = std::make_unique<crypt_data>();
-    const char* h = salt ? crypt_r("dummy password", salt.get(), data.get()) : nullptr;
-    return std::string(h != nullptr && h[0] != '*' ? h : "");
-  }();
-  if (dummy.empty()) return;
+std::string ReadLoginDefs() {
+  std::ifstream in(tavo::TavoRootPath("/etc/login.defs"));
+  std::stringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+// A hash of `setting`'s scheme and cost, made once per setting kind.
+std::string DummyHash(const std::string& setting) {
+  static std::mutex mu;
+  static std::map<std::string, std::string> made;  // scheme and cost -> hash
+  const std::string kind = setting.substr(0, setting.rfind('$'));
+  std::lock_guard<std::mutex> lock(mu);
+  auto it = made.find(kind);
+  if (it != made.end()) return it->second;
   auto data = std::make_unique<crypt_data>();
-  crypt_r(password.c_str(), dummy.c_str(), data.get());
+  const char* h = crypt_r("not a password", setting.c_str(), data.get());
+  return made[kind] = (h != nullptr && h[0] != '*') ? h : "";
+}
+
+// Spends the time of checking `password` against a hash of the scheme in use.
+void CheckAgainstDummyHash(const std::string& password) {
+  const std::string hash = DummyHash(HashSettingFor(ReadLoginDefs()));
+  if (hash.empty()) return;
+  auto data = std::make_unique<crypt_data>();
+  crypt_r(password.c_str(), hash.c_str(), data.get());
 }
 
 }  // namespace
 
-LoginResult CheckLogin(const std::string& account, const std::string& password, std::string* name) {
-  if (account.empty() || account.size() > 256 || password.size() > 4096)
-    return LoginResult::kBadCredentials;
-  int ok = TAVOUserCheckPassword(account.c_str(), password.c_str());
-  if (ok < 0) return LoginResult::kUnavailable;
-  if (ok != 1) {
-    // Unknown, locked and expired accounts skip the hash check below.
-    if (TAVOUserCheckExpired(account.c_str()) != 0) CheckAgainstDummyHash(password);
-    return LoginResult::kBadCredentials;
+std::string HashSettingFor(const std::string& login_defs) {
+  std::string method = DefsValue(login_defs, "ENCRYPT_METHOD");
+  for (char& c : method) c = static_cast<char>(toupper(static_cast<unsigned char>(c)));
+  std::string prefix = "$y$";
+  unsigned long count = static_cast<unsigned long>(DefsNumber(login_defs, "YESCRYPT_COST_FACTOR", 5));
+  if (method == "SHA512" || method == "SHA256") {
+    prefix = method == "SHA512" ? "$6$" : "$5$";
+    // Passwords get a round count between the minimum and the maximum.
+    long lo = DefsNumber(login_defs, "SHA_CRYPT_MIN_ROUNDS", 0);
+    long hi = DefsNumber(login_defs, "SHA_CRYPT_MAX_ROUNDS", 0);
+    count = static_cast<unsigned long>(lo && hi ? (lo + hi) / 2 : lo ? lo : hi ? hi : 5000);
+  } else if (method == "MD5") {
+    prefix = "$1$";
+    count = 0;
+  } else if (method == "BCRYPT") {
+    prefix = "$2b$";
+    count = static_cast<unsigned long>(DefsNumber(login_defs, "BCRYPT_MIN_ROUNDS", 13));
+  } else if (method == "DES") {
+    prefix = "";
+    count = 0;
   }
-  if (TLIBGroupIsAdminGroupMem(account.c_str(), 0) != 1) return LoginResult::kNotAdministrator;
-  if (TAVOUserCheckExpired(account.c_str()) != 0) return LoginResult::kNotAdministrator;
-  SDK::User* user = SDK::User::LoadUser(account);
-  *name = user != nullptr ? user->GetName() : account;
-  SDK::User::Release(user);
+  std::unique_ptr<char, decltype(&free)> setting(
+      crypt_gensalt_ra(prefix.empty() ? nullptr : prefix.c_str(), count, nullptr, 0), &free);
+  return setting ? setting.get() : "";
+}
+
+LoginResult CheckLogin(const std::string& account, const std::string& password, LoginIdentity* who) {
+  if (account.empty() || account.size() > 256 || password.size() > 4096) return LoginResult::kDenied;
+  tavo::UserIdentity id;
+  const tavo::UserMatch match = tavo::ResolveUserName(account, &id);
+  if (match == tavo::UserMatch::kFailed) return LoginResult::kUnavailable;
+  if (match != tavo::UserMatch::kFound || !id.password_set) {
+    CheckAgainstDummyHash(password);
+    return LoginResult::kDenied;
+  }
+  const int ok = TAVOUserCheckPassword(id.name.c_str(), password.c_str());
+  if (ok < 0) return LoginResult::kUnavailable;
+  if (ok != 1 || !id.local || id.expired) return LoginResult::kDenied;
+  if (TLIBGroupIsAdminGroupMem(id.name.c_str(), 0) != 1) return LoginResult::kDenied;
+  who->name = id.name;
+  who->stamp = id.stamp;
   return LoginResult::kOk;
 }
 
-std::mutex& LoginThrottle::AccountLock(const std::string& account) {
-  const size_t n = sizeof(account_locks_) / sizeof(account_locks_[0]);
-  return account_locks_[std::hash<std::string>()(AccountKey(account)) % n];
-}
-
-int LoginThrottle::RetryAfter(const std::string& account, const std::string& address) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  Clock::time_point now = Clock::now();
-  Prune(now);
-  return std::max(WaitFor(AccountKey(account), max_failures_, now),
-                  WaitFor(AddressKey(address), 4 * max_failures_, now));
-}
-
-void LoginThrottle::RecordFailure(const std::string& account, const std::string& address) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  Clock::time_point now = Clock::now();
-  failures_[AccountKey(account)].push_back(now);
-  failures_[AddressKey(address)].push_back(now);
-}
-
-void LoginThrottle::RecordSuccess(const std::string& account) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  failures_.erase(AccountKey(account));
-}
-
-int LoginThrottle::WaitFor(const std::string& key, int limit, Clock::time_point now) {
-  auto it = failures_.find(key);
-  if (it == failures_.end() || static_cast<int>(it->second.size()) < limit) return 0;
-  // The try is allowed again once enough failures have left the window.
-  Clock::time_point free_at = it->second[it->second.size() - limit] + window_;
-  auto wait = std::chrono::duration_cast<std::chrono::seconds>(free_at - now).count() + 1;
-  return static_cast<int>(std::max<long long>(wait, 1));
-}
-
-void LoginThrottle::Prune(Clock::time_point now) {
-  for (auto it = failures_.begin(); it != failures_.end();) {
-    auto& times = it->second;
-    while (!times.empty() && now - times.front() > window_) times.pop_front();
-    it = times.empty() ? failures_.erase(it) : std::next(it);
-  }
+LoginResult RecheckLogin(const LoginIdentity& who) {
+  tavo::UserIdentity id;
+  const tavo::UserMatch match = tavo::ResolveUserName(who.name, &id);
+  if (match == tavo::UserMatch::kFailed) return LoginResult::kUnavailable;
+  // The stored name must still stand for the same spelling: a case variant
+  // added since would make it ambiguous, and a rename would move it.
+  if (match != tavo::UserMatch::kFound || id.name != who.name || id.expired ||
+      id.stamp != who.stamp)
+    return LoginResult::kDenied;
+  return TLIBGroupIsAdminGroupMem(id.name.c_str(), 0) == 1 ? LoginResult::kOk : LoginResult::kDenied;
 }
 
 }  // namespace tavo_server

@@ -57,6 +57,7 @@ Status ParseServeOptions(const std::vector<std::string>& args, ServeOptions* out
       {"--keepalive-timeout", &o.keepalive_timeout, 0, 3600},
       {"--keepalive-max", &o.keepalive_max, 1, 100000},
       {"--session-idle", &o.session_idle, 1, 7 * 24 * 3600},
+      {"--session-lifetime", &o.session_lifetime, 1, 30 * 24 * 3600},
       {"--max-sessions", &o.max_sessions, 1, 100000},
   };
   for (size_t i = 0; i < args.size(); ++i) {
@@ -117,14 +118,18 @@ std::string ServeUsage() {
     << "  --keepalive-timeout S  idle time a connection is kept open [" << d.keepalive_timeout << "]\n"
     << "  --keepalive-max N      requests served on one connection [" << d.keepalive_max << "]\n"
     << "  --session-idle S       a session ends after this long unused [" << d.session_idle << "]\n"
+    << "  --session-lifetime S   a session ends this long after the login ["
+    << d.session_lifetime << "]\n"
     << "  --max-sessions N       sessions alive at once; the least recently used goes ["
     << d.max_sessions << "]\n"
     << "  fixed: request line and each header line at most 8192 bytes, at most 100 headers\n"
     << "         (HTTP 400 or 431); one request (head and body) at most 816 KiB over --max-body\n"
     << "         (else HTTP 400 and the connection is closed);\n"
-    << "         " << d.login_max_failures << " failed logins for one account, or "
-    << 4 * d.login_max_failures << " from one client address,\n"
-    << "         within " << d.login_window << " s make further tries answer HTTP 429 until the window has passed.\n";
+    << "         " << d.login_max_failures << " failed logins for one account from one client address, or "
+    << 4 * d.login_max_failures << " from one address,\n"
+    << "         within " << d.login_window << " s make further tries from there answer HTTP 429 until the\n"
+    << "         window has passed; more failures of one account from anywhere delay its tries\n"
+    << "         (up to 4 s), except from a browser that logged in to it before (device cookie).\n";
   return s.str();
 }
 

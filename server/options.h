@@ -27,8 +27,9 @@ struct ServeOptions {
   int keepalive_timeout = 2;       // --keepalive-timeout SECONDS idle between requests
   int keepalive_max = 100;         // --keepalive-max requests per connection
   int session_idle = 15 * 60;      // --session-idle SECONDS
+  int session_lifetime = 8 * 3600;  // --session-lifetime SECONDS, however busy
   int max_sessions = 256;          // --max-sessions
-  int login_max_failures = 5;      // failed logins per account or address ...
+  int login_max_failures = 5;      // failed logins per account and address ...
   int login_window = 60;           // ... within this many seconds before 429
   bool help = false;
 };

@@ -20,9 +20,10 @@ bool SecretEquals(const std::string& a, const std::string& b) {
 
 }  // namespace
 
-bool SessionStore::Create(const std::string& account, Session* out) {
+bool SessionStore::Create(const std::string& account, const std::string& stamp, Session* out) {
   Session s;
   s.account = account;
+  s.stamp = stamp;
   std::lock_guard<std::mutex> lock(mutex_);
   // A prefix already in use (a 2^-64 chance) is drawn again.
   do {
@@ -30,7 +31,7 @@ bool SessionStore::Create(const std::string& account, Session* out) {
     s.token = RandomHex(kSecretBytes);
     if (s.id.empty() || s.token.empty()) return false;
   } while (by_id_.count(Prefix(s.id)) != 0 || id_by_token_.count(Prefix(s.token)) != 0);
-  s.last_used = Clock::now();
+  s.created = s.last_used = Clock::now();
   DropExpired(s.last_used);
   while (!by_id_.empty() && by_id_.size() >= max_sessions_) {
     auto oldest = by_id_.begin();

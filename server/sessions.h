@@ -4,8 +4,10 @@
 // an HttpOnly cookie, and the token, which the page keeps in memory and sends
 // back in the X-Tavo-Token header (scripts: Authorization: Bearer TOKEN). API
 // calls are authorised by the token alone; the cookie only lets a reloaded
-// page ask for its token again. A session ends at logout or after `idle`
-// without use. At most `max_sessions` live at once; beyond that the least
+// page ask for its token again. A session ends at logout, after `idle`
+// without use, or `lifetime` after it began, however busy; the caller also
+// ends it when the account's password hash changes (the session keeps the
+// stamp of the hash it was opened with). At most `max_sessions` live at once; beyond that the least
 // recently used one is dropped.
 //
 // Secrets are looked up by their first 16 hex digits and then compared in
@@ -31,14 +33,16 @@ class SessionStore {
     std::string id;
     std::string token;
     std::string account;
+    std::string stamp;  // of the account's password hash at login
+    Clock::time_point created;
     Clock::time_point last_used;
   };
 
-  SessionStore(std::chrono::seconds idle, size_t max_sessions)
-      : idle_(idle), max_sessions_(max_sessions) {}
+  SessionStore(std::chrono::seconds idle, std::chrono::seconds lifetime, size_t max_sessions)
+      : idle_(idle), lifetime_(lifetime), max_sessions_(max_sessions) {}
 
   // Starts a session for `account`; false when no random id could be made.
-  bool Create(const std::string& account, Session* out);
+  bool Create(const std::string& account, const std::string& stamp, Session* out);
   // The live session whose token is `token`; refreshes its idle timer.
   bool FindByToken(const std::string& token, Session* out);
   // The live session whose id is `id`; refreshes its idle timer.
@@ -48,7 +52,9 @@ class SessionStore {
   size_t Size();
 
  private:
-  bool Alive(const Session& s, Clock::time_point now) const { return now - s.last_used <= idle_; }
+  bool Alive(const Session& s, Clock::time_point now) const {
+    return now - s.last_used <= idle_ && now - s.created <= lifetime_;
+  }
   void DropExpired(Clock::time_point now);  // mutex_ held
 
   // The session whose id is `id`, or by_id_.end(); mutex_ held.
@@ -61,6 +67,7 @@ class SessionStore {
   bool Use(std::map<std::string, Session>::iterator it, Session* out);
 
   const std::chrono::seconds idle_;
+  const std::chrono::seconds lifetime_;
   const size_t max_sessions_;
   std::mutex mutex_;
   std::map<std::string, Session> by_id_;               // key: the id's prefix

@@ -92,8 +92,8 @@ function takeSession(data) {
   account = typeof data.account === 'string' ? data.account : '';
 }
 
-// Logs in. Rejects with kind "http" (401 wrong account or password, 403 not an
-// administrator, 429 too many failed tries) or another ApiError.
+// Logs in. Rejects with kind "http" (401 for any failed check, 429 too many
+// failed tries) or another ApiError.
 export async function login(name, password) {
   const answer = await post('/api/auth/login', { account: name, password });
   takeSession(dataOf(answer));

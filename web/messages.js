@@ -63,8 +63,7 @@ const HTTP = {
 
 const LOGIN_HTTP = {
   400: 'Please enter an account name and a password.',
-  401: 'The account name or the password is wrong.',
-  403: 'This account is not a member of "administrators" and may not log in here.',
+  401: 'The account name or the password is wrong, or this account may not log in here.',
   429: 'Too many failed logins. Please wait a minute before trying again.',
 };
 

@@ -32,7 +32,7 @@ describe('admin page', () => {
     await page.getByLabel('Account').fill('admin');
     await page.getByLabel('Password').fill('not-the-password');
     await page.getByRole('button', { name: 'Log in' }).click();
-    await waitForText(page.locator('form.login [role=alert]'), 'The account name or the password is wrong.');
+    await waitForText(page.locator('form.login [role=alert]'), 'The account name or the password is wrong');
     await login(page, 'admin', ADMIN_PASSWORD);
     await waitForText(page.locator('#who'), 'admin');
     await groupRow('staff').waitFor();

@@ -1,4 +1,4 @@
-// Envelope parsing, static file confinement, sessions and login throttling.
+// Envelope parsing, static file confinement and sessions.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -7,7 +7,6 @@
 
 #include "dispatch.h"
 #include "json_util.h"
-#include "login.h"
 #include "sessions.h"
 #include "static_files.h"
 #include "temp_root.h"
@@ -104,13 +103,14 @@ TEST(StaticFilesTest, ServesInsideAndNothingOutside) {
 }
 
 TEST(SessionStoreTest, TokensIdsExpiryAndEviction) {
-  SessionStore store(std::chrono::seconds(60), 2);
+  SessionStore store(std::chrono::seconds(60), std::chrono::seconds(3600), 2);
   SessionStore::Session a, b, c, found;
-  ASSERT_TRUE(store.Create("admin", &a));
+  ASSERT_TRUE(store.Create("admin", "s1", &a));
   EXPECT_EQ(a.token.size(), 64u);
   EXPECT_NE(a.token, a.id);
   ASSERT_TRUE(store.FindByToken(a.token, &found));
   EXPECT_EQ(found.account, "admin");
+  EXPECT_EQ(found.stamp, "s1");
   EXPECT_FALSE(store.FindByToken(a.id, &found));  // the cookie id is no token
   for (std::string near : {a.token, a.id}) {        // the right prefix is not enough
     near.back() = near.back() == '0' ? '1' : '0';
@@ -120,44 +120,23 @@ TEST(SessionStoreTest, TokensIdsExpiryAndEviction) {
   EXPECT_FALSE(store.FindByToken(a.token + "0", &found));
   EXPECT_FALSE(store.FindByToken(a.token.substr(0, 16), &found));
   ASSERT_TRUE(store.FindById(a.id, &found));
-  ASSERT_TRUE(store.Create("b", &b));
+  ASSERT_TRUE(store.Create("b", "s2", &b));
   ASSERT_TRUE(store.FindByToken(a.token, &found));  // a is now the most recent
-  ASSERT_TRUE(store.Create("c", &c));               // evicts b
+  ASSERT_TRUE(store.Create("c", "s3", &c));               // evicts b
   EXPECT_FALSE(store.FindByToken(b.token, &found));
   EXPECT_TRUE(store.FindByToken(a.token, &found));
   store.Remove(a.token);
   EXPECT_FALSE(store.FindById(a.id, &found));
   EXPECT_EQ(store.Size(), 1u);
 
-  SessionStore idle(std::chrono::seconds(0), 10);
-  ASSERT_TRUE(idle.Create("admin", &a));
+  // Idle too long, or alive too long however busy.
+  SessionStore idle(std::chrono::seconds(0), std::chrono::seconds(3600), 10);
+  SessionStore busy(std::chrono::seconds(3600), std::chrono::seconds(0), 10);
+  ASSERT_TRUE(idle.Create("admin", "s", &a));
+  ASSERT_TRUE(busy.Create("admin", "s", &b));
   usleep(2000);
   EXPECT_FALSE(idle.FindByToken(a.token, &found));
-}
-
-TEST(LoginThrottleTest, RefusesAfterRepeatedFailuresPerAccountAndAddress) {
-  LoginThrottle t(2, std::chrono::seconds(60));
-  for (int i = 0; i < 2; ++i) {
-    EXPECT_EQ(t.RetryAfter("Admin", "10.0.0.1"), 0);
-    t.RecordFailure("Admin", "10.0.0.1");
-  }
-  EXPECT_GT(t.RetryAfter("admin", "10.0.0.2"), 0);         // same account, any case
-  EXPECT_EQ(t.RetryAfter("ADM\xc4\xb1N", "10.0.0.3"), 0);  // dotless i: another name
-  EXPECT_EQ(&t.AccountLock("ADMIN"), &t.AccountLock("admin"));
-  EXPECT_EQ(t.RetryAfter("bob", "10.0.0.1"), 0);  // the address may try others
-  for (const char* other : {"bob", "carol", "dave", "erin", "frank", "grace"}) {
-    EXPECT_EQ(t.RetryAfter(other, "10.0.0.1"), 0) << other;
-    t.RecordFailure(other, "10.0.0.1");
-  }
-  EXPECT_GT(t.RetryAfter("heidi", "10.0.0.1"), 0);  // 8 = 4 x 2 from one address
-  EXPECT_EQ(t.RetryAfter("heidi", "10.0.0.2"), 0);
-  t.RecordSuccess("admin");
-  EXPECT_EQ(t.RetryAfter("admin", "10.0.0.2"), 0);
-
-  LoginThrottle quick(1, std::chrono::seconds(0));
-  quick.RecordFailure("x", "a");
-  usleep(2000);
-  EXPECT_EQ(quick.RetryAfter("x", "a"), 0);  // the failure has left the window
+  EXPECT_FALSE(busy.FindByToken(b.token, &found));
 }
 
 }  // namespace

@@ -2,8 +2,12 @@
 //
 // Local users are the entries of ROOT/etc/passwd with UID_MIN <= uid <= UID_MAX
 // (ROOT/etc/login.defs, defaults 1000 and 60000), except "nobody". Other
-// accounts are system accounts and are invisible here. Names are matched
-// ignoring case; an exact spelling wins. Expiry comes from ROOT/etc/shadow.
+// accounts are system accounts and are invisible here. A name stands for one
+// passwd entry: the one spelt exactly so, else the only one whose name equals
+// it ignoring case; when several case variants match and none exactly, the
+// name stands for no one. Every function here (membership of
+// "administrators", expiry, the password check, the count of valid
+// administrators) works on that one entry. Expiry comes from ROOT/etc/shadow.
 //
 // Thread-safety: every function may be called from any thread.
 // Errors: failures return -1, false or null and set the error state (error.h).
@@ -30,6 +34,8 @@ extern "C" {
 // valid. An unknown user counts as expired (and sets TAVO_ERR_NO_USER).
 int TAVOUserCheckExpired(const char* name);
 // 1 when `user` is a member of "administrators", 0 when not, -1 on failure.
+// A listed member counts for the passwd entry its name stands for, so a user
+// is a member only when some listed name stands for that user's own entry.
 // `flag` is reserved and must be 0.
 int TLIBGroupIsAdminGroupMem(const char* user, int flag);
 // Checks a password against the user's hash in ROOT/etc/shadow with crypt(3).
@@ -53,6 +59,25 @@ int TLIBUserInfoEnumBySubstr(int type, int flag, int offset, int limit, const ch
                              int match_flag, TLIB_USER_INFO_CB cb, void* ctx);
 
 }  // extern "C"
+
+namespace tavo {
+
+enum class UserMatch { kFound, kUnknown, kAmbiguous, kFailed };
+
+// What a login needs to know about the account a name stands for.
+struct UserIdentity {
+  std::string name;           // the stored spelling
+  bool local = false;         // a local user (UID range, not "nobody")
+  bool expired = true;        // as TAVOUserCheckExpired (always true when not local)
+  bool password_set = false;  // the stored hash can match some password
+  std::string stamp;          // changes whenever the stored hash changes
+};
+
+// Resolves `name` to one passwd entry (any account, system ones included) by
+// the rule above. kFailed when the files cannot be read (error state set).
+UserMatch ResolveUserName(const std::string& name, UserIdentity* out);
+
+}  // namespace tavo
 
 namespace SDK {
 
