@@ -9,6 +9,7 @@
 
 #include <algorithm>
 
+#include "lock_path.h"
 #include "os_util.h"
 #include "tavo/error.h"
 #include "tavo/root.h"
@@ -20,22 +21,8 @@ constexpr long kDefaultLockTimeoutMs = 10000;
 constexpr long kFirstBackoffMs = 2;
 constexpr long kMaxBackoffMs = 20;
 
-// Opens (creating when needed, with missing parent folders) the lock file at
-// the absolute platform path. Returns the descriptor or -1 with errno set.
-int OpenLockFile(const char* abs_path) {
-  std::string path = tavo::TavoRootPath(abs_path);
-  // O_NOFOLLOW: in a world-writable /tmp a planted link must not steer us.
-  const int flags = O_RDWR | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NOFOLLOW;
-  int fd = open(path.c_str(), flags, 0600);
-  if (fd < 0 && errno == ENOENT) {
-    if (!tavo::internal::MakeParentDirs(path, 0755)) return -1;
-    fd = open(path.c_str(), flags, 0600);
-  }
-  // A lock file that we may not write can still carry a lock.
-  if (fd < 0 && (errno == EACCES || errno == EROFS))
-    fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
-  return fd;
-}
+// Opens the lock file named by the platform path (lock_path.h).
+int OpenLockFile(const char* abs_path) { return tavo::internal::OpenLockFile(abs_path); }
 
 // Takes a flock of kind `op` (LOCK_SH or LOCK_EX) on `fd`, retrying without
 // blocking until the platform's lock timeout runs out. On failure sets the

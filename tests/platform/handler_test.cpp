@@ -2,8 +2,12 @@
 // bounded waits, release, and the fault points.
 #include "tavo/handler.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/file.h>
 #include <sys/stat.h>
+#include <syslog.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <cstdlib>
@@ -13,6 +17,7 @@
 
 #include "tavo/error.h"
 #include "tavo/testing.h"
+#include "log_capture.h"
 #include "temp_root.h"
 
 namespace {
@@ -125,6 +130,49 @@ TEST_F(HandlerLockTest, LockFileSharedAndExclusive) {
   EXPECT_FALSE(ServerFormHandler::LockFile(nullptr, false, &c));
   EXPECT_EQ(TLIBCErrGet(), TAVO_ERR_ARGUMENT);
   EXPECT_FALSE(ServerFormHandler::LockFile("/tmp/userlock", false, nullptr));
+}
+
+// Lock files named in /tmp live in ROOT/run/tavo, out of other users' reach.
+TEST_F(HandlerLockTest, LocksLiveInAPrivateFolderAndForeignFilesAreRefused) {
+  // Someone holds a lock on a file planted at ROOT/tmp/grouplock: no matter.
+  const std::string planted = root_.Path("/tmp/grouplock");
+  int squatter = open(planted.c_str(), O_RDWR | O_CREAT, 0666);
+  ASSERT_GE(squatter, 0);
+  ASSERT_EQ(0, flock(squatter, LOCK_EX));
+  {
+    ServerFormHandler h("/tmp/grouplock");
+    EXPECT_TRUE(h.ExLock());
+  }
+  close(squatter);
+  struct stat st;
+  ASSERT_EQ(0, lstat(root_.Path("/run/tavo").c_str(), &st));
+  EXPECT_TRUE(S_ISDIR(st.st_mode));
+  EXPECT_EQ(0700u, st.st_mode & 0777);
+  EXPECT_EQ(geteuid(), st.st_uid);
+  ASSERT_EQ(0, lstat(root_.Path("/run/tavo/grouplock").c_str(), &st));
+
+  // A folder left open is closed again; a link in it is refused and logged.
+  ASSERT_EQ(0, chmod(root_.Path("/run/tavo").c_str(), 0777));
+  ASSERT_EQ(0, symlink(planted.c_str(), root_.Path("/run/tavo/userlock").c_str()));
+  int fd = -1;
+  tavo_test::ClearLog();
+  EXPECT_FALSE(ServerFormHandler::LockFile("/tmp/userlock", false, &fd));
+  EXPECT_EQ(1, tavo_test::LoggedCount(LOG_ERR, "run/tavo/userlock: a symbolic link"));
+  ASSERT_EQ(0, lstat(root_.Path("/run/tavo").c_str(), &st));
+  EXPECT_EQ(0700u, st.st_mode & 0777);
+  ASSERT_EQ(0, unlink(root_.Path("/run/tavo/userlock").c_str()));
+
+  if (geteuid() != 0) GTEST_SKIP() << "files of another user need root";
+  // A lock file, or the whole folder, of another user.
+  ASSERT_TRUE(ServerFormHandler::LockFile("/tmp/userlock", false, &fd));
+  ServerFormHandler::UnlockFile(fd);
+  ASSERT_EQ(0, chown(root_.Path("/run/tavo/userlock").c_str(), 65534, 65534));
+  EXPECT_FALSE(ServerFormHandler::LockFile("/tmp/userlock", false, &fd));
+  EXPECT_EQ(1, tavo_test::LoggedCount(LOG_ERR, "not a regular file of this service (owner uid 65534"));
+  ASSERT_EQ(0, chown(root_.Path("/run/tavo").c_str(), 65534, 65534));
+  ServerFormHandler h("/tmp/grouplock");
+  EXPECT_FALSE(h.ShLock());
+  EXPECT_EQ(1, tavo_test::LoggedCount(LOG_ERR, "the runtime folder belongs to another user"));
 }
 
 }  // namespace
