@@ -10,6 +10,7 @@
 #include "module_loader.h"
 #include "options.h"
 #include "tavo/root.h"
+#include "terminal_text.h"
 
 namespace tavo_server {
 namespace {
@@ -23,7 +24,7 @@ const char kCallUsage[] =
     "Exit status: 0 success, 1 API error, 2 usage error, 3 a module was refused.\n";
 
 int Usage(const std::string& message) {
-  fprintf(stderr, "tavo call: %s\n%s", message.c_str(), kCallUsage);
+  fprintf(stderr, "tavo call: %s\n%s", TerminalSafe(message).c_str(), kCallUsage);
   return kExitUsage;
 }
 
@@ -95,7 +96,7 @@ int CallMain(const std::vector<std::string>& args) {
     return kExitModules;
   CallResult result = Dispatch(modules, call, CallerAccount());
   if (result.lookup != ModuleSet::Lookup::kFound) return Usage(LookupMessage(result.lookup, call));
-  fputs(ToPrettyJson(result.envelope).c_str(), stdout);
+  fputs(TerminalSafeJson(ToPrettyJson(result.envelope)).c_str(), stdout);
   return result.code == 3200 ? kExitOk : kExitFailure;
 }
 

@@ -13,6 +13,7 @@
 
 #include "cli.h"
 #include "random.h"
+#include "terminal_text.h"
 
 namespace tavo_server {
 namespace {
@@ -53,7 +54,7 @@ const DemoGroup kDemoGroups[] = {
 };
 
 int Usage(const std::string& message) {
-  fprintf(stderr, "tavo init: %s\n%s", message.c_str(), kInitUsage);
+  fprintf(stderr, "tavo init: %s\n%s", TerminalSafe(message).c_str(), kInitUsage);
   return kExitUsage;
 }
 
@@ -135,11 +136,11 @@ int InitMain(const std::vector<std::string>& args) {
   if (!force && stat((dir + "/etc/group").c_str(), &st) == 0)
     return Usage(dir + " already holds a root (etc/group exists); add --force to overwrite it");
   if (mkdir(dir.c_str(), 0755) != 0 && errno != EEXIST) {
-    fprintf(stderr, "tavo init: cannot create %s\n", dir.c_str());
+    fprintf(stderr, "tavo init: cannot create %s\n", TerminalSafe(dir).c_str());
     return kExitFailure;
   }
   if (!MakeDirs(dir, {"/etc/tavo/reload.d", "/tmp", "/var/lib/tavo"})) {
-    fprintf(stderr, "tavo init: cannot create the folders of %s\n", dir.c_str());
+    fprintf(stderr, "tavo init: cannot create the folders of %s\n", TerminalSafe(dir).c_str());
     return kExitFailure;
   }
   chmod((dir + "/tmp").c_str(), 01777);
@@ -205,20 +206,21 @@ int InitMain(const std::vector<std::string>& args) {
             WriteFile(dir + "/etc/tavo/tavo.conf", "maxgroups = 128\n", 0644) &&
             (!demo || WriteFile(dir + "/etc/tavo/group_desc", desc, 0644));
   if (!ok) {
-    fprintf(stderr, "tavo init: cannot write the files of %s\n", dir.c_str());
+    fprintf(stderr, "tavo init: cannot write the files of %s\n", TerminalSafe(dir).c_str());
     return kExitFailure;
   }
 
-  printf("Created the root %s%s.\n", dir.c_str(), demo ? " with sample users and groups" : "");
+  const std::string shown = TerminalSafe(dir);
+  printf("Created the root %s%s.\n", shown.c_str(), demo ? " with sample users and groups" : "");
   if (with_admin) {
     if (generated) printf("Generated administrator password: %s\n", admin_password.c_str());
     printf("Log in as admin with password %s at http://127.0.0.1:8780/ after `tavo serve --root %s`\n",
-           generated ? admin_password.c_str() : "$TAVO_ADMIN_PASSWORD", dir.c_str());
+           generated ? admin_password.c_str() : "$TAVO_ADMIN_PASSWORD", shown.c_str());
   } else {
     printf("No administrator password is set. To log in, run `tavo init %s --demo --force`, or run\n"
            "init again with TAVO_ADMIN_PASSWORD set (and --force), which creates admin with that "
            "password.\n",
-           dir.c_str());
+           shown.c_str());
   }
   return kExitOk;
 }

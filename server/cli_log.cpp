@@ -7,6 +7,7 @@
 #include "tavo/error.h"
 #include "tavo/eventlog.h"
 #include "tavo/root.h"
+#include "terminal_text.h"
 
 namespace tavo_server {
 namespace {
@@ -17,7 +18,7 @@ const char kLogUsage[] =
     "--limit -1 lists all).\n";
 
 int Usage(const std::string& message) {
-  fprintf(stderr, "tavo log: %s\n%s", message.c_str(), kLogUsage);
+  fprintf(stderr, "tavo log: %s\n%s", TerminalSafe(message).c_str(), kLogUsage);
   return kExitUsage;
 }
 
@@ -60,7 +61,7 @@ int LogMain(const std::vector<std::string>& args) {
     return kExitFailure;
   }
   if (json) {
-    fputs(ToPrettyJson(out).c_str(), stdout);
+    fputs(TerminalSafeJson(ToPrettyJson(out)).c_str(), stdout);
     return kExitOk;
   }
   const Json::Value& entries = out["entries"];
@@ -69,10 +70,12 @@ int LogMain(const std::vector<std::string>& args) {
     return kExitOk;
   }
   for (const Json::Value& e : entries) {
-    std::string account = e["account"].isString() ? e["account"].asString() : "";
-    printf("%s  %-12s  %s\n", e["time"].isString() ? e["time"].asCString() : "-",
-           account.empty() ? "-" : account.c_str(),
-           e["message"].isString() ? e["message"].asCString() : "");
+    // Names in messages come from requests: shown escaped, one entry a line.
+    const std::string account = e["account"].isString() ? e["account"].asString() : "";
+    const std::string time = e["time"].isString() ? e["time"].asString() : "-";
+    const std::string message = e["message"].isString() ? e["message"].asString() : "";
+    printf("%s  %-12s  %s\n", TerminalSafe(time).c_str(),
+           account.empty() ? "-" : TerminalSafe(account).c_str(), TerminalSafe(message).c_str());
   }
   if (out["total"].isIntegral())
     printf("(%u shown of %s)\n", entries.size(), out["total"].asString().c_str());

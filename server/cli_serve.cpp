@@ -13,6 +13,7 @@
 #include "module_loader.h"
 #include "options.h"
 #include "tavo/root.h"
+#include "terminal_text.h"
 
 namespace tavo_server {
 
@@ -21,12 +22,12 @@ bool LoadAllModules(const std::string& dir, ModuleSet* modules, bool warn_if_non
   int loaded = 0;
   if (s.ok()) s = modules->LoadFolder(dir, &loaded);
   if (!s.ok()) {
-    fprintf(stderr, "tavo: %s\n", s.message().c_str());
+    fprintf(stderr, "tavo: %s\n", TerminalSafe(s.message()).c_str());
     return false;
   }
   if (loaded == 0 && warn_if_none)
     fprintf(stderr, "tavo: warning: no module found in %s; only the server's own API is served\n",
-            dir.c_str());
+            TerminalSafe(dir).c_str());
   return true;
 }
 
@@ -34,7 +35,7 @@ int ServeMain(const std::vector<std::string>& args) {
   ServeOptions options;
   Status s = ParseServeOptions(args, &options);
   if (!s.ok()) {
-    fprintf(stderr, "tavo serve: %s\n%s", s.message().c_str(), ServeUsage().c_str());
+    fprintf(stderr, "tavo serve: %s\n%s", TerminalSafe(s.message()).c_str(), ServeUsage().c_str());
     return kExitUsage;
   }
   if (options.help) {
@@ -43,7 +44,7 @@ int ServeMain(const std::vector<std::string>& args) {
   }
   s = ResolveRoot(options.root, &options.root);
   if (!s.ok()) {
-    fprintf(stderr, "tavo serve: %s\n", s.message().c_str());
+    fprintf(stderr, "tavo serve: %s\n", TerminalSafe(s.message()).c_str());
     return kExitUsage;
   }
   tavo::TavoRootSet(options.root);
@@ -66,7 +67,7 @@ int ServeMain(const std::vector<std::string>& args) {
   int port = 0;
   s = server.Bind(&port);
   if (!s.ok()) {
-    fprintf(stderr, "tavo serve: %s\n", s.message().c_str());
+    fprintf(stderr, "tavo serve: %s\n", TerminalSafe(s.message()).c_str());
     return kExitFailure;
   }
   std::string host = options.host.find(':') != std::string::npos ? "[" + options.host + "]" : options.host;
@@ -74,8 +75,9 @@ int ServeMain(const std::vector<std::string>& args) {
   printf("Open http://%s:%d/ in a browser and log in as a member of administrators.\n",
          host.c_str(), port);
   fflush(stdout);
-  fprintf(stderr, "tavo: root %s, modules %s, web %s, %d workers\n", options.root.c_str(),
-          options.modules_dir.c_str(), options.web_dir.c_str(), options.workers);
+  fprintf(stderr, "tavo: root %s, modules %s, web %s, %d workers\n",
+          TerminalSafe(options.root).c_str(), TerminalSafe(options.modules_dir).c_str(),
+          TerminalSafe(options.web_dir).c_str(), options.workers);
 
   std::thread stopper([&server, stop_signals] {
     int sig = 0;

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "cli.h"
+#include "terminal_text.h"
 
 namespace {
 
@@ -33,6 +34,6 @@ int main(int argc, char** argv) {
     fputs(kUsage, stdout);
     return tavo_server::kExitOk;
   }
-  fprintf(stderr, "tavo: unknown command '%s'\n%s", command.c_str(), kUsage);
+  fprintf(stderr, "tavo: unknown command '%s'\n%s", tavo_server::TerminalSafe(command).c_str(), kUsage);
   return tavo_server::kExitUsage;
 }

@@ -101,3 +101,19 @@ test('tavo init refuses an existing root and creates a plain one', () => {
   assert.equal(generated.status, 0);
   assert.match(generated.stdout, /Log in as admin with password [A-Za-z0-9]{16} at http:\/\/127\.0\.0\.1:8780\//);
 });
+
+test('control characters from the event log reach the terminal escaped', () => {
+  // delete logs each listed name that does not exist afterwards, as sent.
+  const fake = '\u001b[2K\r2026-01-01T00:00:00Z  admin  Group \u2066\u202eevil\u2069 was created\nnext\u009b31m';
+  const r = runTavo(['call', '--root', root, 'TAVO.Core.Group', 'delete', '--params', JSON.stringify({ name: [fake] })]);
+  assert.equal(r.status, 0, r.stdout + r.stderr);
+  const log = runTavo(['log', '--root', root, '--limit', '1']);
+  assert.equal(log.status, 0, log.stderr);
+  assert.doesNotMatch(log.stdout, /[\u0000-\u0009\u000b-\u001f\u007f-\u009f\u202a-\u202e\u2066-\u2069]/);
+  assert.equal(log.stdout.split('\n').filter((l) => l.includes('\\u001B[2K\\u000D2026')).length, 1, log.stdout);
+  assert.match(log.stdout, /\\u2066\\u202Eevil\\u2069 was created\\u000Anext\\u009B31m/);
+  // The JSON form stays JSON and gives the text back exactly.
+  const json = runTavo(['log', '--root', root, '--limit', '1', '--json']);
+  assert.doesNotMatch(json.stdout, /[\u0000-\u0009\u000b-\u001f\u007f-\u009f\u202a-\u202e\u2066-\u2069]/);
+  assert.ok(JSON.parse(json.stdout).entries[0].message.includes(fake));
+});
