@@ -8,6 +8,7 @@
 #include "dispatch.h"
 #include "json_util.h"
 #include "sessions.h"
+#include "site_check.h"
 #include "static_files.h"
 #include "temp_root.h"
 
@@ -137,6 +138,29 @@ TEST(SessionStoreTest, TokensIdsExpiryAndEviction) {
   usleep(2000);
   EXPECT_FALSE(idle.FindByToken(a.token, &found));
   EXPECT_FALSE(busy.FindByToken(b.token, &found));
+}
+
+TEST(SitePolicyTest, HostMustNameThisServerAndOriginMustBeItsOwn) {
+  SitePolicy http({"nas.example"}, false);
+  for (const char* ok : {"127.0.0.1:8780", "192.168.1.10", "[::1]:8780", "localhost:8780",
+                         "LOCALHOST", "nas.example:8780", "NAS.Example"})
+    EXPECT_TRUE(http.HostAllowed(ok)) << ok;
+  // Names of other sites (what DNS rebinding sends), tricks and malformed values.
+  for (const char* bad : {"", "evil.example", "evil.example:8780", "nas.example.evil.example",
+                          "127.0.0.1.evil.example", "0x7f.1", "[::1", "[evil]", "localhost:80:80",
+                          "localhost:8x", "nas.example@evil.example", ":8780"})
+    EXPECT_FALSE(http.HostAllowed(bad)) << bad;
+
+  EXPECT_TRUE(http.OriginAllowed("", false, "127.0.0.1:8780"));  // no Origin: a script
+  EXPECT_TRUE(http.OriginAllowed("http://127.0.0.1:8780", true, "127.0.0.1:8780"));
+  EXPECT_TRUE(http.OriginAllowed("http://NAS.example", true, "nas.example"));
+  for (const char* foreign : {"null", "", "http://evil.example", "http://127.0.0.1:9999",
+                              "https://127.0.0.1:8780", "http://127.0.0.1:8780/"})
+    EXPECT_FALSE(http.OriginAllowed(foreign, true, "127.0.0.1:8780")) << foreign;
+  EXPECT_FALSE(http.OriginAllowed("http://evil.example", true, "evil.example"));
+  SitePolicy https({}, true);
+  EXPECT_TRUE(https.OriginAllowed("https://10.0.0.2", true, "10.0.0.2"));
+  EXPECT_FALSE(https.OriginAllowed("http://10.0.0.2", true, "10.0.0.2"));
 }
 
 }  // namespace
