@@ -14,6 +14,7 @@
 #include "cli.h"
 #include "random.h"
 #include "terminal_text.h"
+#include "tls_cert.h"
 
 namespace tavo_server {
 namespace {
@@ -24,7 +25,9 @@ const char kInitUsage[] =
     "  --demo   adds sample users and groups, the administrator admin and a disabled guest;\n"
     "           admin's password is $TAVO_ADMIN_PASSWORD or a generated one (printed).\n"
     "Without --demo, admin is created only when TAVO_ADMIN_PASSWORD is set.\n"
-    "The sample users get the password $TAVO_DEMO_USER_PASSWORD, or an unknown random one.\n";
+    "The sample users get the password $TAVO_DEMO_USER_PASSWORD, or an unknown random one.\n"
+    "A self-signed TLS certificate is made in DIR/etc/tavo/tls (cert.pem, key.pem) unless one\n"
+    "is there; serve HTTPS with it by `tavo serve --tls-cert ... --tls-key ...`.\n";
 
 struct DemoUser {
   const char* name;
@@ -208,6 +211,19 @@ int InitMain(const std::vector<std::string>& args) {
   if (!ok) {
     fprintf(stderr, "tavo init: cannot write the files of %s\n", TerminalSafe(dir).c_str());
     return kExitFailure;
+  }
+  const std::string cert = dir + "/etc/tavo/tls/cert.pem", key = dir + "/etc/tavo/tls/key.pem";
+  if (stat(cert.c_str(), &st) != 0) {
+    std::string cert_pem, key_pem;
+    char host[256] = "localhost";
+    gethostname(host, sizeof(host) - 1);
+    Status made = MakeSelfSignedCertificate(host, &cert_pem, &key_pem);
+    if (!made.ok() || !MakeDirs(dir, {"/etc/tavo/tls"}) || !WriteFile(key, key_pem, 0600) ||
+        !WriteFile(cert, cert_pem, 0644)) {
+      fprintf(stderr, "tavo init: cannot make the TLS certificate in %s/etc/tavo/tls: %s\n",
+              TerminalSafe(dir).c_str(), made.ok() ? "cannot write" : made.message().c_str());
+      return kExitFailure;
+    }
   }
 
   const std::string shown = TerminalSafe(dir);
