@@ -19,6 +19,12 @@ const CatalogueEntry kCatalogue[] = {
     {0x11800603, "The description of group '%1' was changed to '%2'."},
     {0x11800800, "User '%2' was added to group '%1'."},
     {0x11800801, "User '%2' was removed from group '%1'."},
+    {0x11800900, "The appliance was bound to LDAP directory '%1' through %2."},
+    {0x11800901, "The appliance was unbound from LDAP directory '%1'."},
+    {0x11800902, "The appliance joined Windows domain '%1' through %2."},
+    {0x11800903, "The appliance left Windows domain '%1'."},
+    {0x11800904, "The groups of %1 were synchronised: %2 groups from %3 in %4 ms."},
+    {0x11800905, "The synchronisation of the groups of %1 failed: %2"},
 };
 
 }  // namespace

@@ -8,10 +8,12 @@
 #include <thread>
 
 #include "cli.h"
+#include "directory_api.h"
 #include "eventlog_api.h"
 #include "http_server.h"
 #include "module_loader.h"
 #include "options.h"
+#include "periodic_sync.h"
 #include "tavo/root.h"
 #include "terminal_text.h"
 
@@ -19,6 +21,7 @@ namespace tavo_server {
 
 bool LoadAllModules(const std::string& dir, ModuleSet* modules, bool warn_if_none) {
   Status s = RegisterEventLogApi(modules);
+  if (s.ok()) s = RegisterDirectoryApi(modules);
   int loaded = 0;
   if (s.ok()) s = modules->LoadFolder(dir, &loaded);
   if (!s.ok()) {
@@ -78,6 +81,9 @@ int ServeMain(const std::vector<std::string>& args) {
   fprintf(stderr, "tavo: root %s, modules %s, web %s, %d workers\n",
           TerminalSafe(options.root).c_str(), TerminalSafe(options.modules_dir).c_str(),
           TerminalSafe(options.web_dir).c_str(), options.workers);
+
+  // Directory group lists: synchronised now and then every interval.
+  tavo_dir::PeriodicSync directory_sync(tavo_dir::PeriodicSync::ConfiguredInterval());
 
   std::thread stopper([&server, stop_signals] {
     int sig = 0;

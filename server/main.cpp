@@ -15,6 +15,7 @@ const char kUsage[] =
     "  call [--root DIR] API METHOD [--version N] [--params JSON] [NAME=VALUE...]\n"
     "  init DIR [--demo] [--force]                                         create a root\n"
     "  log [--root DIR] [--limit N] [--offset N]                            show the event log\n"
+    "  directory [--root DIR] ldap|domain|sync|status ...                   LDAP and domain groups\n"
     "Run `tavo COMMAND --help` for details. See docs/server.md.\n";
 
 }  // namespace
@@ -30,6 +31,7 @@ int main(int argc, char** argv) {
   if (command == "call") return tavo_server::CallMain(args);
   if (command == "init") return tavo_server::InitMain(args);
   if (command == "log") return tavo_server::LogMain(args);
+  if (command == "directory") return tavo_server::DirectoryMain(args);
   if (command == "-h" || command == "--help" || command == "help") {
     fputs(kUsage, stdout);
     return tavo_server::kExitOk;

@@ -23,6 +23,9 @@ done < <(grep -v '^#' "$here/deps.txt")
 if [ ${#missing[@]} -gt 0 ]; then
   echo "install-deps: installing ${missing[*]}"
   export DEBIAN_FRONTEND=noninteractive
+  # slapd is only started by the tests, on their own configuration: no
+  # system-wide directory is configured or started on installation.
+  echo "slapd slapd/no_configuration boolean true" | "${sudo_cmd[@]}" debconf-set-selections
   "${sudo_cmd[@]}" apt-get update -qq
   "${sudo_cmd[@]}" apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
 fi
