@@ -94,6 +94,10 @@ int Binding::GetInt(const std::string& key, int def) const {
   return static_cast<int>(n);
 }
 
+bool MakeFolders(const std::string& path, std::string* error) {
+  return MakeParents(path, 0755, error);
+}
+
 bool ReadWholeFile(const std::string& path, std::string* out) {
   Fd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
   if (fd.get() < 0) return false;

@@ -54,6 +54,8 @@ std::string ReadSecret(Kind kind);
 // `dir_mode` for the last one).
 bool ReplaceFile(const std::string& path, const std::string& content, unsigned mode,
                  std::string* error, unsigned dir_mode = 0755);
+// Creates the missing folders of the real path `path` (0755).
+bool MakeFolders(const std::string& path, std::string* error);
 // Reads a whole file given by its real path; false when it cannot be read.
 bool ReadWholeFile(const std::string& path, std::string* out);
 // Removes a file in the root (absolute platform path); a missing file is fine.

@@ -20,7 +20,8 @@
 //   skipped and counted. Lines are "NAME:x:GID:", ordered by name.
 //
 // One sync per directory at a time across processes (an flock on
-// tmp/directory_KIND.lock); a second one fails at once with "already running".
+// var/lib/tavo/directory/KIND.lock); a second one fails at once with "already
+// running".
 // Thread-safety: may be called from any thread.
 #ifndef TAVO_DIRECTORY_GROUP_SYNC_H_
 #define TAVO_DIRECTORY_GROUP_SYNC_H_
