@@ -12,6 +12,7 @@ import { describeCode } from './messages.js';
 import { createPager } from './pager.js';
 import { report } from './status.js';
 import { openCreateDialog, openDeleteDialog, openEditDialog } from './group-dialogs.js';
+import { createDirectoryPanel } from './directory-status.js';
 
 const KINDS = [
   { type: 'local', label: 'Local groups' },
@@ -70,6 +71,7 @@ export function renderGroups(main) {
     input.addEventListener('change', () => {
       if (!input.checked) return;
       remembered.type = kind.type;
+      kindChanged();
       selected.clear();
       pager.reset();
       load();
@@ -78,6 +80,7 @@ export function renderGroups(main) {
   });
 
   const isLocal = () => remembered.type === 'local';
+  const directory = createDirectoryPanel({ onSynced: () => load() });
 
   function updateSelection() {
     const n = selected.size;
@@ -142,6 +145,10 @@ export function renderGroups(main) {
     clearButton.hidden = !isLocal();
     selectionText.hidden = !isLocal();
     table.classList.toggle('read-only', !isLocal());
+  }
+
+  function kindChanged() {
+    directory.show(remembered.type);
   }
 
   async function load() {
@@ -221,6 +228,7 @@ export function renderGroups(main) {
   replaceChildren(main, h('section', { class: 'view', 'aria-label': 'Groups' },
     h('div', { class: 'view-head' }, heading, createButton),
     h('fieldset', { class: 'kinds' }, h('legend', {}, 'Kind of groups'), kindButtons),
+    directory.element,
     note,
     h('div', { class: 'toolbar' }, search.element,
       h('div', { class: 'selection' }, selectionText, clearButton, deleteButton)),
@@ -228,6 +236,7 @@ export function renderGroups(main) {
     tableWrap,
     pager.element));
   updateSelection();
+  kindChanged();
   load();
   heading.focus();
 }
