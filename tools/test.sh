@@ -4,7 +4,10 @@
 #   2. the same unit tests built with ASan and UBSan in build-asan/
 #   3. the HTTP end-to-end tests (node's test runner) against build/bin/tavo
 #   4. the browser tests (playwright-core driving Debian's chromium)
-# Set TAVO_SKIP_BROWSER=1 to skip step 4, TAVO_SKIP_ASAN=1 to skip step 2.
+#   5. the fuzz targets (clang 14, libFuzzer, ASan and UBSan) in build-fuzz/,
+#      each for TAVO_FUZZ_SECONDS (default 30) from its checked-in corpus
+# Set TAVO_SKIP_BROWSER=1 to skip step 4, TAVO_SKIP_ASAN=1 to skip step 2,
+# TAVO_SKIP_FUZZ=1 to skip step 5.
 set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
 cd "$top"
@@ -13,7 +16,7 @@ cd "$top"
 # chroot into temporary roots: that needs root, as in CI.
 if [ "$(id -u)" -ne 0 ]; then
   echo "test.sh: the tests need root (the account tools chroot into test roots); re-running with sudo"
-  exec sudo --preserve-env=TAVO_SKIP_BROWSER,TAVO_SKIP_ASAN,CI "$0" "$@"
+  exec sudo --preserve-env=TAVO_SKIP_BROWSER,TAVO_SKIP_ASAN,TAVO_SKIP_FUZZ,TAVO_FUZZ_SECONDS,CI "$0" "$@"
 fi
 
 "$top/tools/install-deps.sh" --browser
@@ -36,4 +39,12 @@ TAVO_BIN="$top/build/bin/tavo" node --test "$top"/tests/e2e/*.test.mjs
 if [ "${TAVO_SKIP_BROWSER:-0}" != 1 ]; then
   echo "== browser tests"
   TAVO_BIN="$top/build/bin/tavo" node --test "$top"/tests/browser/*.test.mjs
+fi
+
+if [ "${TAVO_SKIP_FUZZ:-0}" != 1 ]; then
+  echo "== fuzz targets, ${TAVO_FUZZ_SECONDS:-30} s each"
+  CC=clang-14 CXX=clang++-14 cmake -S "$top" -B "$top/build-fuzz" -G Ninja \
+    -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTAVO_FUZZ=ON -DTAVO_BUILD_BENCH=OFF >/dev/null
+  cmake --build "$top/build-fuzz" --target fuzz_all -j 2
+  "$top/tests/fuzz/run.sh" "${TAVO_FUZZ_SECONDS:-30}" "$top/build-fuzz"
 fi
