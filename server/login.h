@@ -31,6 +31,7 @@ enum class LoginResult {
 struct LoginIdentity {
   std::string name;   // the account's stored spelling
   std::string stamp;  // changes when the account's password hash changes
+  std::string grant;  // proof of the login from the side that checked it (privsep/)
 };
 
 LoginResult CheckLogin(const std::string& account, const std::string& password, LoginIdentity* who);

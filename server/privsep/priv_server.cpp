@@ -1,0 +1,144 @@
+#include "privsep/priv_server.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <thread>
+
+#include "privsep/priv_channel.h"
+#include "random.h"
+
+namespace tavo_server {
+namespace {
+
+const char* ResultName(LoginResult r) {
+  return r == LoginResult::kOk ? "ok" : r == LoginResult::kDenied ? "denied" : "unavailable";
+}
+
+}  // namespace
+
+PrivServer::PrivServer(AccountOps& ops, int max_busy, int read_timeout_ms)
+    : ops_(ops), max_busy_(max_busy), read_timeout_ms_(read_timeout_ms) {}
+
+PrivServer::~PrivServer() {
+  Stop();
+  std::unique_lock<std::mutex> lock(mu_);
+  idle_.wait(lock, [this] { return busy_ == 0; });
+  lock.unlock();
+  if (listen_fd_ >= 0) close(listen_fd_);
+  for (int fd : stop_pipe_)
+    if (fd >= 0) close(fd);
+}
+
+Status PrivServer::Listen() {
+  const std::string id = RandomHex(16);
+  if (id.empty() || pipe2(stop_pipe_, O_CLOEXEC) != 0) return Status::Error("no stop pipe");
+  listen_fd_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (listen_fd_ < 0) return Status::Error(std::string("socket: ") + strerror(errno));
+  struct sockaddr_un addr {};
+  addr.sun_family = AF_UNIX;
+  address_ = "tavo-account-" + id;
+  memcpy(addr.sun_path + 1, address_.data(), address_.size());  // abstract: leading NUL
+  const socklen_t len = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + address_.size());
+  if (bind(listen_fd_, reinterpret_cast<sockaddr*>(&addr), len) != 0 || listen(listen_fd_, 64) != 0)
+    return Status::Error(std::string("cannot listen for the front process: ") + strerror(errno));
+  return Status::OK();
+}
+
+void PrivServer::AllowPeer(pid_t pid, uid_t uid) {
+  peer_uid_ = uid;
+  peer_pid_ = pid;
+}
+
+void PrivServer::Stop() {
+  if (stop_pipe_[1] >= 0) {
+    ssize_t ignored = write(stop_pipe_[1], "x", 1);
+    (void)ignored;
+  }
+}
+
+void PrivServer::Run() {
+  for (;;) {
+    struct pollfd p[2] = {{listen_fd_, POLLIN, 0}, {stop_pipe_[0], POLLIN, 0}};
+    int r = poll(p, 2, -1);
+    if (r < 0 && errno == EINTR) continue;
+    if (r < 0 || (p[1].revents & POLLIN)) return;
+    int fd = accept4(listen_fd_, nullptr, nullptr, SOCK_CLOEXEC);
+    if (fd < 0) continue;
+    struct ucred cred {};
+    socklen_t len = sizeof(cred);
+    if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &len) != 0 || cred.pid != peer_pid_ ||
+        cred.uid != peer_uid_) {
+      syslog(LOG_WARNING, "account process: refused a connection from pid %d uid %u (not the front)",
+             static_cast<int>(cred.pid), static_cast<unsigned>(cred.uid));
+      close(fd);
+      continue;
+    }
+    std::unique_lock<std::mutex> lock(mu_);
+    idle_.wait(lock, [this] { return busy_ < max_busy_; });
+    ++busy_;
+    lock.unlock();
+    std::thread([this, fd] {
+      Serve(fd);
+      close(fd);
+      std::lock_guard<std::mutex> done(mu_);
+      --busy_;
+      idle_.notify_all();
+    }).detach();
+  }
+}
+
+void PrivServer::Serve(int fd) {
+  Json::Value request;
+  if (!ReceiveMessage(fd, read_timeout_ms_, &request)) return;
+  Json::Value answer = Answer(request);
+  if (answer.isNull()) {
+    syslog(LOG_WARNING, "account process: refused a malformed request from the front");
+    return;
+  }
+  SendMessage(fd, answer);
+}
+
+Json::Value PrivServer::Answer(const Json::Value& req) {
+  if (!req.isObject() || !req["op"].isString()) return Json::Value();
+  const std::string op = req["op"].asString();
+  Json::Value out(Json::objectValue);
+  LoginIdentity who;
+  if (op == "login") {
+    if (!HasExactKeys(req, {"op", "account", "password"}) || !req["account"].isString() ||
+        !req["password"].isString())
+      return Json::Value();
+    LoginResult r = ops_.CheckLogin(req["account"].asString(), req["password"].asString(), &who);
+    out["result"] = ResultName(r);
+    if (r == LoginResult::kOk) out["who"] = WhoToJson(who);
+  } else if (op == "recheck") {
+    if (!HasExactKeys(req, {"op", "who"}) || !WhoFromJson(req["who"], &who)) return Json::Value();
+    out["result"] = ResultName(ops_.Recheck(who));
+  } else if (op == "call") {
+    ApiCall call;
+    std::string error;
+    if (!HasExactKeys(req, {"op", "who", "call"}) || !WhoFromJson(req["who"], &who) ||
+        !CallFromJson(req["call"], &call, &error))
+      return Json::Value();
+    AccountOps::Answer a = ops_.Call(call, who);
+    out["result"] = a.denied ? "denied" : a.unavailable ? "unavailable" : "ok";
+    out["lookup"] = static_cast<int>(a.result.lookup);
+    out["code"] = a.result.code;
+    out["envelope"] = a.result.envelope;
+  } else if (op == "info") {
+    if (!HasExactKeys(req, {"op"})) return Json::Value();
+    out["result"] = "ok";
+    out["info"] = ops_.Info();
+  } else {
+    return Json::Value();
+  }
+  return out;
+}
+
+}  // namespace tavo_server

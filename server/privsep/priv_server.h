@@ -1,0 +1,65 @@
+// PrivServer: the privileged side of the split server. It holds the account
+// files and the modules (through an AccountOps) and answers the requests of
+// one front process over the channel of priv_channel.h.
+//
+// A connection is served only when its peer, as the kernel reports it
+// (SO_PEERCRED), is the allowed front process: same process id and user id.
+// Any other peer, a malformed request or one that takes longer than the read
+// time to arrive is refused by closing the connection, and a refused peer is
+// logged to syslog (LOG_WARNING) with its process and user id.
+//
+// Ownership: `ops` must outlive the server. Thread-safety: Run on one thread,
+// Stop from any; each connection is served on a thread of its own, at most
+// `max_busy` at once (further connections wait in the listen backlog).
+#ifndef TAVO_SERVER_PRIVSEP_PRIV_SERVER_H_
+#define TAVO_SERVER_PRIVSEP_PRIV_SERVER_H_
+
+#include <sys/types.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <mutex>
+#include <string>
+
+#include "privsep/account_ops.h"
+#include "status.h"
+
+namespace tavo_server {
+
+class PrivServer {
+ public:
+  PrivServer(AccountOps& ops, int max_busy = 32, int read_timeout_ms = 10000);
+  ~PrivServer();  // stops, then waits for the connections under way
+  PrivServer(const PrivServer&) = delete;
+  PrivServer& operator=(const PrivServer&) = delete;
+
+  // Listens on a fresh abstract address (address()).
+  Status Listen();
+  const std::string& address() const { return address_; }
+  void AllowPeer(pid_t pid, uid_t uid);
+  // Serves until Stop.
+  void Run();
+  void Stop();
+
+  // The answer to one request from an allowed peer; null for a malformed one.
+  Json::Value Answer(const Json::Value& request);
+
+ private:
+  void Serve(int fd);
+
+  AccountOps& ops_;
+  const int max_busy_;
+  const int read_timeout_ms_;
+  std::string address_;
+  int listen_fd_ = -1;
+  int stop_pipe_[2] = {-1, -1};
+  std::atomic<pid_t> peer_pid_{-1};
+  std::atomic<uid_t> peer_uid_{static_cast<uid_t>(-1)};
+  std::mutex mu_;
+  std::condition_variable idle_;
+  int busy_ = 0;
+};
+
+}  // namespace tavo_server
+
+#endif  // TAVO_SERVER_PRIVSEP_PRIV_SERVER_H_
