@@ -207,7 +207,15 @@ void GroupHandler::AddMember() {
              "administrators");
       continue;
     }
-    if (!SDK::User::IsUserExist(name)) continue;
+    TLIBCErrClear();
+    if (!SDK::User::IsUserExist(name)) {
+      // An unknown user is skipped; accounts that cannot be read fail the call
+      // rather than answer success for a change that was not made.
+      const int err = TLIBCErrGet();
+      if (err == 0 || err == 0x1800) continue;
+      code_ = TranslateError();
+      goto end;
+    }
     if (group->IsMember(name)) continue;
     group->AddMember(name);
     added.push_back(name);
