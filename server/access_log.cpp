@@ -1,22 +1,9 @@
 #include "access_log.h"
 
-#include <chrono>
-#include <cstdio>
 #include <ctime>
 
 namespace tavo_server {
-namespace access_log {
 namespace {
-
-struct Details {
-  bool started = false;
-  std::chrono::steady_clock::time_point start;
-  std::string account, api, method;
-  int version = 0;
-  int code = 0;
-};
-
-thread_local Details t_details;
 
 std::string Or(const std::string& s) { return s.empty() ? "-" : s; }
 
@@ -31,45 +18,69 @@ std::string Clean(const std::string& s) {
 
 }  // namespace
 
-void Begin() {
-  t_details = Details();
-  t_details.started = true;
-  t_details.start = std::chrono::steady_clock::now();
-}
+AccessLog::AccessLog(FILE* out, size_t max_pending)
+    : out_(out), max_pending_(max_pending), writer_([this] { Run(); }) {}
 
-void SetAccount(const std::string& account) { t_details.account = account; }
-
-void SetCall(const std::string& api, int version, const std::string& method) {
-  t_details.api = api;
-  t_details.version = version;
-  t_details.method = method;
-}
-
-void SetCode(int code) { t_details.code = code; }
-
-void End(const std::string& client, const std::string& http_method, const std::string& path,
-         int status) {
-  const Details& d = t_details;
-  char when[32];
-  std::time_t now = std::time(nullptr);
-  struct tm tm;
-  gmtime_r(&now, &tm);
-  strftime(when, sizeof(when), "%Y-%m-%dT%H:%M:%SZ", &tm);
-  std::string duration = "-";
-  if (d.started) {
-    double ms = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - d.start).count();
-    char buf[32];
-    snprintf(buf, sizeof(buf), "%.1fms", ms);
-    duration = buf;
+AccessLog::~AccessLog() {
+  {
+    std::lock_guard<std::mutex> lock(mu_);
+    stopping_ = true;
   }
-  std::string line = std::string(when) + " " + Or(client) + " " + Clean(Or(d.account)) + " \"" +
-                     Clean(http_method) + " " + Clean(path) + "\" " + std::to_string(status) + " " +
-                     Clean(Or(d.api)) + " " + (d.version ? std::to_string(d.version) : "-") + " " +
-                     Clean(Or(d.method)) + " " + (d.code ? std::to_string(d.code) : "-") + " " +
-                     duration + "\n";
-  fputs(line.c_str(), stderr);
-  t_details = Details();
+  wake_.notify_one();
+  writer_.join();
 }
 
-}  // namespace access_log
+std::string AccessLog::Format(long when, const std::string& client, const std::string& http_method,
+                              const std::string& path, int status, const LogFields& f,
+                              double millis) {
+  char time_text[32];
+  std::time_t t = when;
+  struct tm tm;
+  gmtime_r(&t, &tm);
+  strftime(time_text, sizeof(time_text), "%Y-%m-%dT%H:%M:%SZ", &tm);
+  char duration[32];
+  snprintf(duration, sizeof(duration), "%.1fms", millis);
+  return std::string(time_text) + " " + Clean(Or(client)) + " " + Clean(Or(f.account)) + " \"" +
+         Clean(http_method) + " " + Clean(path) + "\" " + std::to_string(status) + " " +
+         Clean(Or(f.api)) + " " + (f.version ? std::to_string(f.version) : "-") + " " +
+         Clean(Or(f.method)) + " " + (f.code ? std::to_string(f.code) : "-") + " " + duration +
+         "\n";
+}
+
+void AccessLog::Write(const std::string& client, const std::string& http_method,
+                      const std::string& path, int status, const LogFields& fields,
+                      double millis) {
+  std::string line =
+      Format(static_cast<long>(std::time(nullptr)), client, http_method, path, status, fields, millis);
+  {
+    std::lock_guard<std::mutex> lock(mu_);
+    if (pending_.size() + line.size() > max_pending_) {
+      ++dropped_;
+      return;
+    }
+    pending_ += line;
+  }
+  wake_.notify_one();
+}
+
+void AccessLog::Run() {
+  std::unique_lock<std::mutex> lock(mu_);
+  for (;;) {
+    wake_.wait(lock, [this] { return stopping_ || !pending_.empty() || dropped_ > 0; });
+    std::string text;
+    text.swap(pending_);
+    size_t dropped = dropped_;
+    dropped_ = 0;
+    const bool stop = stopping_;
+    lock.unlock();
+    if (dropped > 0) text += "tavo: " + std::to_string(dropped) + " access log lines dropped\n";
+    if (!text.empty()) {
+      fwrite(text.data(), 1, text.size(), out_);
+      fflush(out_);
+    }
+    lock.lock();
+    if (stop && pending_.empty()) return;
+  }
+}
+
 }  // namespace tavo_server

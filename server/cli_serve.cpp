@@ -2,6 +2,8 @@
 // SIGTERM.
 #include <pthread.h>
 #include <signal.h>
+#include <sys/resource.h>
+#include <unistd.h>
 #include <syslog.h>
 
 #include <cstdio>
@@ -65,6 +67,12 @@ int ServeMain(const std::vector<std::string>& args) {
   sigaddset(&stop_signals, SIGTERM);
   pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
   signal(SIGPIPE, SIG_IGN);
+  // Each connection is a descriptor: allow as many as the system lets us.
+  struct rlimit files;
+  if (getrlimit(RLIMIT_NOFILE, &files) == 0 && files.rlim_cur < files.rlim_max) {
+    files.rlim_cur = files.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &files);
+  }
 
   HttpServer server(options, modules);
   int port = 0;
@@ -81,6 +89,7 @@ int ServeMain(const std::vector<std::string>& args) {
   fprintf(stderr, "tavo: root %s, modules %s, web %s, %d workers\n",
           TerminalSafe(options.root).c_str(), TerminalSafe(options.modules_dir).c_str(),
           TerminalSafe(options.web_dir).c_str(), options.workers);
+  fflush(stderr);
 
   // Directory group lists: synchronised now and then every interval.
   tavo_dir::PeriodicSync directory_sync(tavo_dir::PeriodicSync::ConfiguredInterval());
@@ -91,11 +100,18 @@ int ServeMain(const std::vector<std::string>& args) {
     if (sig != 0) fprintf(stderr, "tavo: signal %d, stopping\n", sig);
     server.Stop();
   });
-  bool ok = server.Run();
+  s = server.Run();
   // Wake the signal thread if the server ended on its own.
   pthread_kill(stopper.native_handle(), SIGTERM);
   stopper.join();
-  return ok ? kExitOk : kExitFailure;
+  if (!s.ok()) {
+    // Requests still hold workers and suspended connections: leave without
+    // waiting for them any longer.
+    fprintf(stderr, "tavo serve: %s\n", s.message().c_str());
+    fflush(stderr);
+    _exit(kExitFailure);
+  }
+  return kExitOk;
 }
 
 }  // namespace tavo_server

@@ -1,5 +1,4 @@
 // The API routes of the HTTP server: POST /api, GET /api and GET /api/info.
-#include "access_log.h"
 #include "dispatch.h"
 #include "http_impl.h"
 #include "json_util.h"
@@ -10,26 +9,28 @@ namespace {
 // Checks the envelope {"api", "version", "method", "params"} (400 when it is
 // not one) and runs the call for `account`.
 void Serve(const ModuleSet& modules, const Json::Value& envelope, const std::string& account,
-           httplib::Response& res) {
+           HttpResponse& res) {
   ApiCall call;
   std::string error;
   if (!CallFromJson(envelope, &call, &error)) {
     SendError(res, 400, error);
     return;
   }
-  access_log::SetCall(call.api, call.version, call.method);
+  res.log.api = call.api;
+  res.log.version = call.version;
+  res.log.method = call.method;
   CallResult result = Dispatch(modules, call, account);
   if (result.lookup != ModuleSet::Lookup::kFound) {
     SendError(res, 404, LookupMessage(result.lookup, call));
     return;
   }
-  access_log::SetCode(result.code);
+  res.log.code = result.code;
   SendJson(res, result.envelope);
 }
 
 }  // namespace
 
-void HttpServer::Impl::ApiInfo(const httplib::Request& req, httplib::Response& res) {
+void HttpServer::Impl::ApiInfo(const HttpRequest& req, HttpResponse& res) {
   SessionStore::Session s;
   if (!Authorize(req, res, &s)) return;
   Json::Value out(Json::objectValue);
@@ -38,7 +39,7 @@ void HttpServer::Impl::ApiInfo(const httplib::Request& req, httplib::Response& r
   SendJson(res, out);
 }
 
-void HttpServer::Impl::ApiPost(const httplib::Request& req, httplib::Response& res) {
+void HttpServer::Impl::ApiPost(const HttpRequest& req, HttpResponse& res) {
   SessionStore::Session s;
   if (!Authorize(req, res, &s)) return;
   Json::Value body;
@@ -49,14 +50,14 @@ void HttpServer::Impl::ApiPost(const httplib::Request& req, httplib::Response& r
   Serve(modules, body, s.account, res);
 }
 
-void HttpServer::Impl::ApiGet(const httplib::Request& req, httplib::Response& res) {
+void HttpServer::Impl::ApiGet(const HttpRequest& req, HttpResponse& res) {
   SessionStore::Session s;
   if (!Authorize(req, res, &s)) return;
   // api, version and method name the call; every other query parameter is a
   // parameter of the method, read as JSON when it parses as JSON.
   Json::Value body(Json::objectValue);
   Json::Value params(Json::objectValue);
-  for (const auto& kv : req.params) {
+  for (const auto& kv : req.query) {
     if (kv.first == "api" || kv.first == "method") {
       body[kv.first] = kv.second;
     } else if (kv.first == "version") {

@@ -2,7 +2,6 @@
 #include <json/value.h>
 #include <strings.h>
 
-#include "access_log.h"
 #include "http_impl.h"
 #include "json_util.h"
 #include "tavo/user.h"
@@ -30,8 +29,8 @@ Json::Value SessionData(const SessionStore::Session& s, int idle) {
 // True when the body is declared as JSON. A form of another site can only
 // send form or plain-text bodies without asking first, so this keeps other
 // sites from trying passwords through a visitor's browser.
-bool IsJsonBody(const httplib::Request& req) {
-  std::string type = req.get_header_value("Content-Type");
+bool IsJsonBody(const HttpRequest& req) {
+  std::string type = req.Header("Content-Type");
   type = type.substr(0, type.find(';'));
   while (!type.empty() && type.back() == ' ') type.pop_back();
   return strcasecmp(type.c_str(), "application/json") == 0;
@@ -39,10 +38,8 @@ bool IsJsonBody(const httplib::Request& req) {
 
 }  // namespace
 
-std::string CookieValue(const httplib::Request& req, const std::string& name) {
-  size_t count = req.get_header_value_count("Cookie");
-  for (size_t i = 0; i < count; ++i) {
-    const std::string header = req.get_header_value("Cookie", i);
+std::string CookieValue(const HttpRequest& req, const std::string& name) {
+  for (const std::string& header : req.Headers("Cookie")) {
     size_t pos = 0;
     while (pos < header.size()) {
       size_t end = header.find(';', pos);
@@ -57,17 +54,17 @@ std::string CookieValue(const httplib::Request& req, const std::string& name) {
   return "";
 }
 
-std::string RequestToken(const httplib::Request& req) {
-  std::string token = req.get_header_value("X-Tavo-Token");
+std::string RequestToken(const HttpRequest& req) {
+  std::string token = req.Header("X-Tavo-Token");
   if (!token.empty()) return token;
-  const std::string auth = req.get_header_value("Authorization");
+  const std::string auth = req.Header("Authorization");
   static const std::string kBearer = "Bearer ";
   if (auth.size() > kBearer.size() && strncasecmp(auth.c_str(), kBearer.c_str(), kBearer.size()) == 0)
     return auth.substr(kBearer.size());
   return "";
 }
 
-bool HttpServer::Impl::Authorize(const httplib::Request& req, httplib::Response& res,
+bool HttpServer::Impl::Authorize(const HttpRequest& req, HttpResponse& res,
                                  SessionStore::Session* s) {
   const std::string token = RequestToken(req);
   if (token.empty()) {
@@ -79,7 +76,7 @@ bool HttpServer::Impl::Authorize(const httplib::Request& req, httplib::Response&
     SendError(res, 401, "not logged in: the session has ended; log in again");
     return false;
   }
-  access_log::SetAccount(s->account);
+  res.log.account = s->account;
   // Membership may have been withdrawn, or the password changed, since the login.
   switch (RecheckLogin(LoginIdentity{s->account, s->stamp})) {
     case LoginResult::kOk:
@@ -96,7 +93,7 @@ bool HttpServer::Impl::Authorize(const httplib::Request& req, httplib::Response&
   return false;
 }
 
-void HttpServer::Impl::Login(const httplib::Request& req, httplib::Response& res) {
+void HttpServer::Impl::Login(const HttpRequest& req, HttpResponse& res) {
   Json::Value body;
   if (!IsJsonBody(req)) {
     SendError(res, 400, "send the login with Content-Type: application/json");
@@ -115,40 +112,40 @@ void HttpServer::Impl::Login(const httplib::Request& req, httplib::Response& res
   }
   LoginGate::Attempt attempt{body["account"].asString(), body["password"].asString(),
                              req.remote_addr, CookieValue(req, kDeviceCookie)};
-  access_log::SetAccount(attempt.account);
+  res.log.account = attempt.account;
   LoginGate::Outcome outcome = logins.Try(attempt);
   if (outcome.status != 200) {
-    if (outcome.retry_after > 0) res.set_header("Retry-After", std::to_string(outcome.retry_after));
+    if (outcome.retry_after > 0) res.SetHeader("Retry-After", std::to_string(outcome.retry_after));
     SendError(res, outcome.status, outcome.error);
     return;
   }
-  access_log::SetAccount(outcome.who.name);
+  res.log.account = outcome.who.name;
   SessionStore::Session s;
   if (!sessions.Create(outcome.who.name, outcome.who.stamp, &s)) {
     SendError(res, 500, "no session could be started");
     return;
   }
-  res.set_header("Set-Cookie", SessionCookie(s.id, -1));
+  res.AddHeader("Set-Cookie", SessionCookie(s.id, -1));
   if (!outcome.device_cookie.empty()) {
-    res.set_header("Set-Cookie", std::string(kDeviceCookie) + "=" + outcome.device_cookie +
+    res.AddHeader("Set-Cookie", std::string(kDeviceCookie) + "=" + outcome.device_cookie +
                                      "; Path=/api/auth; HttpOnly; SameSite=Strict; Max-Age=" +
                                      std::to_string(logins.devices().lifetime().count()));
   }
   SendJson(res, SessionData(s, options.session_idle));
 }
 
-void HttpServer::Impl::Logout(const httplib::Request& req, httplib::Response& res) {
+void HttpServer::Impl::Logout(const HttpRequest& req, HttpResponse& res) {
   std::string key = RequestToken(req);
   if (key.empty()) key = CookieValue(req, kSessionCookie);
   if (!key.empty()) sessions.Remove(key);
-  res.set_header("Set-Cookie", SessionCookie("", 0));
+  res.AddHeader("Set-Cookie", SessionCookie("", 0));
   Json::Value out(Json::objectValue);
   out["success"] = true;
   out["data"] = Json::Value(Json::objectValue);
   SendJson(res, out);
 }
 
-void HttpServer::Impl::SessionInfo(const httplib::Request& req, httplib::Response& res) {
+void HttpServer::Impl::SessionInfo(const HttpRequest& req, HttpResponse& res) {
   SessionStore::Session s;
   const std::string token = RequestToken(req);
   bool found = token.empty() ? sessions.FindById(CookieValue(req, kSessionCookie), &s)
@@ -157,7 +154,7 @@ void HttpServer::Impl::SessionInfo(const httplib::Request& req, httplib::Respons
     SendError(res, 401, "not logged in");
     return;
   }
-  access_log::SetAccount(s.account);
+  res.log.account = s.account;
   SendJson(res, SessionData(s, options.session_idle));
 }
 

@@ -1,20 +1,29 @@
-// Internal to the HTTP server: the state its route handlers share and the
-// helpers they use. Not part of the server's interface.
+// Internal to the HTTP server: the state its route handlers and the event
+// glue share, and the helpers they use. Not part of the server's interface.
 //
-// Thread-safety: handlers run on the worker threads at once; SessionStore and
-// LoginGate lock themselves, everything else is read-only while serving.
+// Thread-safety: handlers run on event and worker threads at once;
+// SessionStore, LoginGate, StaticCache and AccessLog lock themselves; the
+// routes and options are read-only while serving.
 #ifndef TAVO_SERVER_HTTP_IMPL_H_
 #define TAVO_SERVER_HTTP_IMPL_H_
 
-#include <httplib.h>
-
+#include <atomic>
+#include <condition_variable>
+#include <memory>
+#include <mutex>
 #include <string>
+#include <vector>
 
-#include "bounded_server.h"
+#include "access_log.h"
+#include "conn_deadlines.h"
 #include "http_server.h"
 #include "login_gate.h"
 #include "sessions.h"
+#include "static_cache.h"
 #include "static_files.h"
+#include "worker_pool.h"
+
+struct MHD_Daemon;
 
 namespace tavo_server {
 
@@ -23,37 +32,65 @@ constexpr const char kDeviceCookie[] = "tavo_device";
 
 struct HttpServer::Impl {
   Impl(const ServeOptions& o, const ModuleSet& m);
+  ~Impl();
+
+  struct Route {
+    std::string method, path;
+    Lane lane;
+    Handler handler;
+  };
 
   const ServeOptions& options;
   const ModuleSet& modules;
-  BoundedServer http;
   SessionStore sessions;
   LoginGate logins;
   StaticFiles files;
+  StaticCache cache;
+  std::vector<Route> routes;
 
-  // Route handlers (http_auth.cpp, http_api.cpp, http_server.cpp).
-  void Login(const httplib::Request& req, httplib::Response& res);
-  void Logout(const httplib::Request& req, httplib::Response& res);
-  void SessionInfo(const httplib::Request& req, httplib::Response& res);
-  void ApiInfo(const httplib::Request& req, httplib::Response& res);
-  void ApiPost(const httplib::Request& req, httplib::Response& res);
-  void ApiGet(const httplib::Request& req, httplib::Response& res);
-  void StaticFile(const httplib::Request& req, httplib::Response& res);
+  // Serving state (http_server.cpp).
+  std::unique_ptr<AccessLog> log;
+  std::unique_ptr<ConnDeadlines> deadlines;
+  std::unique_ptr<Executor> workers;
+  MHD_Daemon* daemon = nullptr;
+  int listen_fd = -1;
+  std::string keep_alive_header;  // "timeout=N"
+  std::atomic<int> connections{0};  // open connections
+  std::atomic<int> in_flight{0};    // requests whose head has arrived, not yet answered
+  std::atomic<bool> stopping{false};
+  std::mutex stop_mu;
+  std::condition_variable stop_cv;
+
+  // The route of a request (HEAD matches GET routes), or null.
+  const Route* Find(const HttpRequest& req) const;
+  // The one place where a parsed request becomes a response: runs the route
+  // (or the static files, or a refusal), then Finish. Runs on the route's lane.
+  void Handle(const Route* route, const HttpRequest& req, HttpResponse& res);
+  // Headers every answer carries, no-store under /api, and gzip when the
+  // client accepts it and the body is large enough.
+  void Finish(const HttpRequest& req, HttpResponse& res);
+
+  // Route handlers (http_auth.cpp, http_api.cpp, http_routes.cpp).
+  void Login(const HttpRequest& req, HttpResponse& res);
+  void Logout(const HttpRequest& req, HttpResponse& res);
+  void SessionInfo(const HttpRequest& req, HttpResponse& res);
+  void ApiInfo(const HttpRequest& req, HttpResponse& res);
+  void ApiPost(const HttpRequest& req, HttpResponse& res);
+  void ApiGet(const HttpRequest& req, HttpResponse& res);
+  void StaticFile(const HttpRequest& req, HttpResponse& res);
 
   // Finds the session of the request's token (X-Tavo-Token or Authorization:
   // Bearer) and checks that its account is still a valid administrator. On
   // failure answers 401 or 403 and returns false.
-  bool Authorize(const httplib::Request& req, httplib::Response& res, SessionStore::Session* s);
+  bool Authorize(const HttpRequest& req, HttpResponse& res, SessionStore::Session* s);
 };
 
-// Answers an HTTP error with the body {"error": message}.
-void SendError(httplib::Response& res, int status, const std::string& message);
-// Answers HTTP 200 with a JSON body.
-void SendJson(httplib::Response& res, const Json::Value& body);
+// A short plain reason for an HTTP status, e.g. "request body too large".
+const char* Reason(int status);
 // The value of cookie `name` in the request's Cookie headers, or "".
-std::string CookieValue(const httplib::Request& req, const std::string& name);
+std::string CookieValue(const HttpRequest& req, const std::string& name);
 // The token of X-Tavo-Token, else of "Authorization: Bearer TOKEN", or "".
-std::string RequestToken(const httplib::Request& req);
+std::string RequestToken(const HttpRequest& req);
 
 }  // namespace tavo_server
 

@@ -1,177 +1,260 @@
+// The event glue: libmicrohttpd's callbacks, the hand-over of blocking routes
+// to the workers, per-connection deadlines, and the graceful stop.
 #include "http_server.h"
 
+#include <microhttpd.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
-#include <fstream>
-#include <sstream>
+#include <algorithm>
+#include <chrono>
+#include <cstdarg>
+#include <cstdlib>
+#include <thread>
 
-#include "access_log.h"
 #include "http_impl.h"
-#include "random.h"
-#include "json_util.h"
 
 namespace tavo_server {
 namespace {
 
-constexpr size_t kMaxHeaders = 100;
-constexpr const char kJsonType[] = "application/json; charset=utf-8";
-// The page loads its scripts, styles and images from this server only, runs
-// no inline code and may not be framed.
-constexpr const char kContentSecurityPolicy[] =
-    "default-src 'self'; img-src 'self' data:; object-src 'none'; base-uri 'none'; "
-    "form-action 'self'; frame-ancestors 'none'";
+using Impl = HttpServer::Impl;
+using Clock = std::chrono::steady_clock;
 
-const char* Reason(int status) {
-  switch (status) {
-    case 400: return "bad request";
-    case 401: return "not logged in";
-    case 403: return "forbidden";
-    case 404: return "not found";
-    case 405: return "method not allowed";
-    case 408: return "request timed out";
-    case 411: return "length required";
-    case 413: return "request body too large";
-    case 414: return "request line too long";
-    case 416: return "range not satisfiable";
-    case 429: return "too many requests";
-    case 431: return "request headers too large";
-    default: return status >= 500 ? "internal server error" : "request refused";
+constexpr size_t kMaxHeaders = 100;
+// The memory of one connection: its read buffer and parsed head. A request
+// head that does not fit is refused by the library (414 or 431).
+constexpr size_t kConnectionMemory = 16 * 1024;
+// Connections beyond --max-connections are still read, up to this many more,
+// so that they can be refused with a clear 503; past that they are closed.
+constexpr int kRefusalHeadroom = 64;
+
+// One TCP connection (the library's socket context).
+struct Conn {
+  ConnDeadlines::Slot slot;
+  std::string addr;
+  int requests = 0;
+  bool idle = false;  // between two requests of a kept-alive connection
+};
+
+enum State { kReading, kWaiting, kReady };
+
+// One request and its answer (the library's per-request context).
+struct Exchange {
+  Conn* conn = nullptr;
+  HttpRequest req;
+  HttpResponse res;
+  const Impl::Route* route = nullptr;
+  Clock::time_point start = Clock::now();
+  std::atomic<int> state{kReading};
+  bool too_big = false;
+  bool close = false;
+  bool sent = false;
+};
+
+Conn* ConnOf(MHD_Connection* c) {
+  const MHD_ConnectionInfo* info = MHD_get_connection_info(c, MHD_CONNECTION_INFO_SOCKET_CONTEXT);
+  return info ? static_cast<Conn*>(info->socket_context) : nullptr;
+}
+
+std::chrono::milliseconds Seconds(int s) { return std::chrono::milliseconds(1000LL * s); }
+
+MHD_Result AddPair(void* cls, MHD_ValueKind, const char* key, const char* value) {
+  static_cast<HeaderList*>(cls)->emplace_back(key ? key : "", value ? value : "");
+  return MHD_YES;
+}
+
+void OnConnection(void* cls, MHD_Connection* connection, void** socket_context,
+                  MHD_ConnectionNotificationCode toe) {
+  Impl* s = static_cast<Impl*>(cls);
+  if (toe == MHD_CONNECTION_NOTIFY_STARTED) {
+    Conn* c = new Conn;
+    const MHD_ConnectionInfo* info =
+        MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD);
+    c->slot.fd = info ? info->connect_fd : -1;
+    c->slot.peer_len = sizeof(c->slot.peer);
+    if (getpeername(c->slot.fd, reinterpret_cast<sockaddr*>(&c->slot.peer), &c->slot.peer_len) != 0)
+      c->slot.peer_len = 0;
+    char host[NI_MAXHOST];
+    if (c->slot.peer_len > 0 && getnameinfo(reinterpret_cast<sockaddr*>(&c->slot.peer),
+                                            c->slot.peer_len, host, sizeof(host), nullptr, 0,
+                                            NI_NUMERICHOST) == 0)
+      c->addr = host;
+    // Every answer is one write; never hold it back for the client's ACK.
+    int one = 1;
+    setsockopt(c->slot.fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof(one));
+    ConnDeadlines::Set(&c->slot, Seconds(s->options.read_timeout));
+    s->deadlines->Add(&c->slot);
+    s->connections.fetch_add(1);
+    *socket_context = c;
+  } else if (toe == MHD_CONNECTION_NOTIFY_CLOSED) {
+    Conn* c = static_cast<Conn*>(*socket_context);
+    if (c == nullptr) return;
+    s->deadlines->Remove(&c->slot);
+    delete c;
+    *socket_context = nullptr;
+    s->connections.fetch_sub(1);
   }
 }
 
-ThrottleLimits LoginLimits(const ServeOptions& o) {
-  ThrottleLimits l;
-  l.per_pair = l.per_device = l.free_per_account = o.login_max_failures;
-  l.per_address = 4 * o.login_max_failures;
-  l.window = std::chrono::seconds(o.login_window);
-  return l;
+// Called when a request line has arrived: the next request of a kept-alive
+// connection gets the whole read time from here.
+void* OnRequestLine(void* cls, const char*, MHD_Connection* connection) {
+  Impl* s = static_cast<Impl*>(cls);
+  Conn* c = ConnOf(connection);
+  if (c != nullptr && c->idle) {
+    c->idle = false;
+    ConnDeadlines::Set(&c->slot, Seconds(s->options.read_timeout));
+  }
+  return nullptr;
+}
+
+// Refusals decided on the request head alone, before any of the body is
+// read. True when `x->res` holds one.
+bool RefuseEarly(Impl* s, Exchange* x) {
+  HttpResponse& res = x->res;
+  const std::string length = x->req.Header("Content-Length");
+  if (s->stopping.load()) {
+    res.SetHeader("Retry-After", "1");
+    SendError(res, 503, "the server is stopping");
+  } else if (s->connections.load() > s->options.max_connections) {
+    res.SetHeader("Retry-After", "1");
+    SendError(res, 503, "server busy: too many open connections");
+  } else if (x->req.headers.size() > kMaxHeaders) {
+    SendError(res, 431, "too many header lines (at most " + std::to_string(kMaxHeaders) + ")");
+  } else if (!x->req.Header("Transfer-Encoding").empty()) {
+    // A chunked body has no declared length to check before reading it.
+    SendError(res, 411, "send the body with a Content-Length; chunked bodies are not accepted");
+  } else if (!length.empty() && strtoull(length.c_str(), nullptr, 10) > s->options.max_body) {
+    SendError(res, 413, std::string(Reason(413)) + " (at most " +
+                            std::to_string(s->options.max_body) + " bytes)");
+  } else {
+    return false;
+  }
+  x->close = true;
+  s->Finish(x->req, res);
+  return true;
+}
+
+MHD_Result Send(Impl* s, MHD_Connection* connection, Exchange* x) {
+  const HttpResponse& r = x->res;
+  Conn* c = x->conn;
+  const bool close = x->close || s->stopping.load() || s->options.keepalive_timeout == 0 ||
+                     (c != nullptr && c->requests >= s->options.keepalive_max);
+  // The body stays in the exchange until the request is completed.
+  MHD_Response* m = MHD_create_response_from_buffer(
+      r.body.size(), const_cast<char*>(r.body.data()), MHD_RESPMEM_PERSISTENT);
+  if (m == nullptr) return MHD_NO;
+  if (!r.content_type.empty()) MHD_add_response_header(m, "Content-Type", r.content_type.c_str());
+  for (const auto& h : r.headers) MHD_add_response_header(m, h.first.c_str(), h.second.c_str());
+  // Tell the client how long an idle connection stays open, so it does not
+  // send on one that is just being closed.
+  if (close)
+    MHD_add_response_header(m, "Connection", "close");
+  else
+    MHD_add_response_header(m, "Keep-Alive", s->keep_alive_header.c_str());
+  const MHD_Result ret = MHD_queue_response(connection, static_cast<unsigned>(r.status), m);
+  MHD_destroy_response(m);
+  x->sent = true;
+  if (c != nullptr) ConnDeadlines::Set(&c->slot, Seconds(s->options.write_timeout));
+  return ret;
+}
+
+MHD_Result OnRequest(void* cls, MHD_Connection* connection, const char* url, const char* method,
+                     const char*, const char* upload_data, size_t* upload_data_size,
+                     void** con_cls) {
+  Impl* s = static_cast<Impl*>(cls);
+  Exchange* x = static_cast<Exchange*>(*con_cls);
+  if (x == nullptr) {  // the head has arrived
+    x = new Exchange;
+    *con_cls = x;
+    s->in_flight.fetch_add(1);
+    x->conn = ConnOf(connection);
+    if (x->conn != nullptr) {
+      ++x->conn->requests;
+      x->req.remote_addr = x->conn->addr;
+    }
+    x->req.method = method;
+    x->req.path = url;
+    MHD_get_connection_values(connection, MHD_HEADER_KIND, AddPair, &x->req.headers);
+    MHD_get_connection_values(connection, MHD_GET_ARGUMENT_KIND, AddPair, &x->req.query);
+    if (RefuseEarly(s, x)) return Send(s, connection, x);
+    return MHD_YES;  // the library answers "100 Continue" if the client asked
+  }
+  if (*upload_data_size > 0) {
+    if (x->req.body.size() + *upload_data_size > s->options.max_body)
+      x->too_big = true;
+    else
+      x->req.body.append(upload_data, *upload_data_size);
+    *upload_data_size = 0;
+    return MHD_YES;
+  }
+  if (x->state.load() == kReady) return Send(s, connection, x);
+  if (x->state.load() == kWaiting) return MHD_YES;
+  // The whole request has arrived; the answer has no deadline of its own
+  // until it is ready to be sent.
+  if (x->conn != nullptr) ConnDeadlines::Set(&x->conn->slot, std::chrono::milliseconds(0));
+  if (x->too_big) {
+    SendError(x->res, 413, std::string(Reason(413)) + " (at most " +
+                               std::to_string(s->options.max_body) + " bytes)");
+    x->close = true;
+    s->Finish(x->req, x->res);
+    return Send(s, connection, x);
+  }
+  x->route = s->Find(x->req);
+  if (x->route == nullptr || x->route->lane == HttpServer::Lane::kEvent) {
+    s->Handle(x->route, x->req, x->res);
+    return Send(s, connection, x);
+  }
+  // The connection waits, suspended, until a worker has the answer ready.
+  x->state.store(kWaiting);
+  MHD_suspend_connection(connection);
+  const bool queued = s->workers->TrySubmit([s, x, connection] {
+    s->Handle(x->route, x->req, x->res);
+    x->state.store(kReady);
+    MHD_resume_connection(connection);
+  });
+  if (!queued) {
+    x->res = HttpResponse();
+    x->res.SetHeader("Retry-After", "1");
+    SendError(x->res, 503, "server busy: too many calls waiting; try again");
+    s->Finish(x->req, x->res);
+    x->state.store(kReady);
+    MHD_resume_connection(connection);
+  }
+  return MHD_YES;
+}
+
+void OnCompleted(void* cls, MHD_Connection*, void** con_cls, MHD_RequestTerminationCode) {
+  Impl* s = static_cast<Impl*>(cls);
+  Exchange* x = static_cast<Exchange*>(*con_cls);
+  if (x == nullptr) return;
+  *con_cls = nullptr;
+  const double ms = std::chrono::duration<double, std::milli>(Clock::now() - x->start).count();
+  s->log->Write(x->req.remote_addr, x->req.method, x->req.path, x->sent ? x->res.status : 0,
+                x->res.log, ms);
+  if (x->conn != nullptr) {
+    x->conn->idle = true;
+    ConnDeadlines::Set(&x->conn->slot, Seconds(s->options.keepalive_timeout));
+  }
+  delete x;
+  if (s->in_flight.fetch_sub(1) == 1 && s->stopping.load()) {
+    std::lock_guard<std::mutex> lock(s->stop_mu);
+    s->stop_cv.notify_all();
+  }
+}
+
+void OnLibraryError(void*, const char* format, va_list ap) {
+  fputs("tavo: http: ", stderr);
+  vfprintf(stderr, format, ap);
 }
 
 }  // namespace
 
-void SendError(httplib::Response& res, int status, const std::string& message) {
-  Json::Value body(Json::objectValue);
-  body["error"] = message;
-  res.status = status;
-  res.set_content(ToCompactJson(body), kJsonType);
-}
-
-void SendJson(httplib::Response& res, const Json::Value& body) {
-  res.status = 200;
-  res.set_content(ToCompactJson(body), kJsonType);
-}
-
-HttpServer::Impl::Impl(const ServeOptions& o, const ModuleSet& m)
-    : options(o),
-      modules(m),
-      sessions(std::chrono::seconds(o.session_idle), std::chrono::seconds(o.session_lifetime),
-               static_cast<size_t>(o.max_sessions)),
-      logins(LoginLimits(o), RandomHex(32), std::chrono::hours(24 * 30)),
-      files(o.web_dir) {
-  const int workers = o.workers;
-  http.new_task_queue = [workers] { return new httplib::ThreadPool(static_cast<size_t>(workers)); };
-  // The library's default also sets SO_REUSEPORT, which would let a second
-  // server share (and split) this port; only SO_REUSEADDR is wanted.
-  http.set_socket_options([](int sock) {
-    int yes = 1;
-    setsockopt(sock, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof(yes));
-  });
-  http.set_payload_max_length(o.max_body);
-  // The request line and the header lines, each at most 8192 bytes, and the body.
-  http.set_request_budget((kMaxHeaders + 2) * 8192 + o.max_body);
-  http.set_read_timeout(o.read_timeout, 0);
-  http.set_write_timeout(o.write_timeout, 0);
-  http.set_keep_alive_timeout(o.keepalive_timeout);
-  http.set_keep_alive_max_count(static_cast<size_t>(o.keepalive_max));
-  http.set_default_headers({{"X-Content-Type-Options", "nosniff"},
-                            {"X-Frame-Options", "DENY"},
-                            {"Content-Security-Policy", kContentSecurityPolicy},
-                            {"Referrer-Policy", "no-referrer"}});
-
-  const size_t max_body = o.max_body;
-  http.set_pre_routing_handler([max_body](const httplib::Request& req, httplib::Response& res) {
-    access_log::Begin();
-    if (req.headers.size() > kMaxHeaders) {
-      SendError(res, 431, "too many header lines (at most " + std::to_string(kMaxHeaders) + ")");
-      return httplib::Server::HandlerResponse::Handled;
-    }
-    // Bodies must declare their length: the HTTP library does not bound a
-    // chunked body by the size limit.
-    if (req.has_header("Transfer-Encoding")) {
-      SendError(res, 411, "send the body with a Content-Length; chunked bodies are not accepted");
-      if (req.get_header_value("Connection") != "close") res.set_header("Connection", "close");
-      return httplib::Server::HandlerResponse::Handled;
-    }
-    // A declared length over the limit is refused before any of the body is
-    // read, and the connection is closed instead of draining it.
-    if (req.has_header("Content-Length") &&
-        req.get_header_value<uint64_t>("Content-Length") > max_body) {
-      SendError(res, 413, std::string(Reason(413)) + " (at most " + std::to_string(max_body) + " bytes)");
-      if (req.get_header_value("Connection") != "close") res.set_header("Connection", "close");
-      return httplib::Server::HandlerResponse::Handled;
-    }
-    if (req.path.compare(0, 4, "/api") == 0) res.set_header("Cache-Control", "no-store");
-    return httplib::Server::HandlerResponse::Unhandled;
-  });
-  http.set_logger([](const httplib::Request& req, const httplib::Response& res) {
-    access_log::End(req.remote_addr, req.method, req.path, res.status);
-  });
-  http.set_error_handler(httplib::Server::HandlerWithResponse(
-      [this](const httplib::Request&, httplib::Response& res) {
-    if (!res.body.empty()) return httplib::Server::HandlerResponse::Unhandled;
-    std::string message = Reason(res.status);
-    if (res.status == 413) message += " (at most " + std::to_string(options.max_body) + " bytes)";
-    SendError(res, res.status, message);
-    return httplib::Server::HandlerResponse::Handled;
-  }));
-  http.set_exception_handler([](const httplib::Request&, httplib::Response& res, std::exception_ptr) {
-    SendError(res, 500, "internal server error");
-  });
-
-  using Req = const httplib::Request&;
-  using Res = httplib::Response&;
-  http.Post("/api/auth/login", [this](Req q, Res r) { Login(q, r); });
-  http.Post("/api/auth/logout", [this](Req q, Res r) { Logout(q, r); });
-  http.Get("/api/auth/session", [this](Req q, Res r) { SessionInfo(q, r); });
-  http.Get("/api/info", [this](Req q, Res r) { ApiInfo(q, r); });
-  http.Post("/api", [this](Req q, Res r) { ApiPost(q, r); });
-  http.Get("/api", [this](Req q, Res r) { ApiGet(q, r); });
-  http.Get("/.*", [this](Req q, Res r) { StaticFile(q, r); });
-  const auto not_allowed = [](Req q, Res r) {
-    r.set_header("Allow", "GET, HEAD, POST");
-    SendError(r, 405, "method " + q.method + " is not allowed; use GET or POST");
-  };
-  http.Put("/.*", not_allowed);
-  http.Patch("/.*", not_allowed);
-  http.Delete("/.*", not_allowed);
-  http.Options("/.*", not_allowed);
-}
-
-void HttpServer::Impl::StaticFile(const httplib::Request& req, httplib::Response& res) {
-  if (req.path == "/api" || req.path.compare(0, 5, "/api/") == 0) {
-    SendError(res, 404, "no such endpoint: " + req.path);
-    return;
-  }
-  std::string file;
-  switch (files.Resolve(req.path, &file)) {
-    case StaticFiles::Result::kBadPath:
-      SendError(res, 400, "bad path");
-      return;
-    case StaticFiles::Result::kNotFound:
-      SendError(res, 404, "not found");
-      return;
-    case StaticFiles::Result::kFound:
-      break;
-  }
-  std::ifstream in(file, std::ios::binary);
-  std::ostringstream content;
-  if (in.is_open()) content << in.rdbuf();
-  if (!in.is_open() || in.bad()) {
-    SendError(res, 404, "not found");
-    return;
-  }
-  res.set_header("Cache-Control", "no-cache");
-  res.set_content(content.str(), StaticFiles::ContentType(file));
+HttpServer::Impl::~Impl() {
+  if (listen_fd >= 0) close(listen_fd);
 }
 
 HttpServer::HttpServer(const ServeOptions& options, const ModuleSet& modules)
@@ -179,22 +262,96 @@ HttpServer::HttpServer(const ServeOptions& options, const ModuleSet& modules)
 
 HttpServer::~HttpServer() = default;
 
+void HttpServer::AddRoute(const std::string& method, const std::string& path, Lane lane,
+                          Handler handler) {
+  impl_->routes.push_back({method, path, lane, std::move(handler)});
+}
+
 Status HttpServer::Bind(int* port) {
   const ServeOptions& o = impl_->options;
-  if (o.port == 0) {
-    int p = impl_->http.bind_to_any_port(o.host);
-    if (p <= 0) return Status::Error("cannot listen on " + o.host + ": no free port");
-    *port = p;
-    return Status::OK();
+  const std::string where = o.host + ":" + std::to_string(o.port);
+  addrinfo hints{};
+  hints.ai_family = AF_UNSPEC;
+  hints.ai_socktype = SOCK_STREAM;
+  hints.ai_flags = AI_PASSIVE | AI_NUMERICSERV;
+  addrinfo* found = nullptr;
+  if (getaddrinfo(o.host.c_str(), std::to_string(o.port).c_str(), &hints, &found) != 0)
+    return Status::Error("cannot listen on " + where + ": unknown address");
+  int fd = -1;
+  for (addrinfo* a = found; a != nullptr && fd < 0; a = a->ai_next) {
+    fd = socket(a->ai_family, a->ai_socktype | SOCK_CLOEXEC | SOCK_NONBLOCK, a->ai_protocol);
+    if (fd < 0) continue;
+    // Only SO_REUSEADDR: SO_REUSEPORT would let a second server share the port.
+    int yes = 1;
+    setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof(yes));
+    if (bind(fd, a->ai_addr, a->ai_addrlen) != 0 || listen(fd, 4096) != 0) {
+      close(fd);
+      fd = -1;
+    }
   }
-  if (!impl_->http.bind_to_port(o.host, o.port))
-    return Status::Error("cannot listen on " + o.host + ":" + std::to_string(o.port));
-  *port = o.port;
+  freeaddrinfo(found);
+  if (fd < 0) return Status::Error("cannot listen on " + where);
+  sockaddr_storage bound{};
+  socklen_t len = sizeof(bound);
+  getsockname(fd, reinterpret_cast<sockaddr*>(&bound), &len);
+  *port = ntohs(bound.ss_family == AF_INET6 ? reinterpret_cast<sockaddr_in6*>(&bound)->sin6_port
+                                            : reinterpret_cast<sockaddr_in*>(&bound)->sin_port);
+  impl_->listen_fd = fd;
   return Status::OK();
 }
 
-bool HttpServer::Run() { return impl_->http.listen_after_bind(); }
+Status HttpServer::Run() {
+  Impl& s = *impl_;
+  const ServeOptions& o = s.options;
+  s.log.reset(new AccessLog(stderr));
+  s.keep_alive_header = "timeout=" + std::to_string(o.keepalive_timeout);
+  s.deadlines.reset(new ConnDeadlines());
+  s.workers.reset(new WorkerPool(o.workers, static_cast<size_t>(o.queue)));
+  unsigned threads = o.event_threads > 0 ? static_cast<unsigned>(o.event_threads)
+                                         : std::max(1u, std::thread::hardware_concurrency());
+  // The library's own inactivity timeout only backs up the deadlines above.
+  const unsigned backstop =
+      static_cast<unsigned>(std::max({o.read_timeout, o.write_timeout, o.keepalive_timeout}) + 5);
+  s.daemon = MHD_start_daemon(
+      MHD_USE_EPOLL_INTERNAL_THREAD | MHD_ALLOW_SUSPEND_RESUME | MHD_USE_ITC | MHD_USE_ERROR_LOG,
+      0, nullptr, nullptr, OnRequest, &s,
+      MHD_OPTION_EXTERNAL_LOGGER, OnLibraryError, nullptr,
+      MHD_OPTION_LISTEN_SOCKET, s.listen_fd,
+      MHD_OPTION_THREAD_POOL_SIZE, threads,
+      MHD_OPTION_CONNECTION_LIMIT, static_cast<unsigned>(o.max_connections + kRefusalHeadroom),
+      MHD_OPTION_PER_IP_CONNECTION_LIMIT, static_cast<unsigned>(o.per_address),
+      MHD_OPTION_CONNECTION_TIMEOUT, backstop,
+      MHD_OPTION_CONNECTION_MEMORY_LIMIT, kConnectionMemory,
+      MHD_OPTION_NOTIFY_COMPLETED, OnCompleted, &s,
+      MHD_OPTION_NOTIFY_CONNECTION, OnConnection, &s,
+      MHD_OPTION_URI_LOG_CALLBACK, OnRequestLine, &s,
+      MHD_OPTION_END);
+  if (s.daemon == nullptr) return Status::Error("the HTTP server could not start");
 
-void HttpServer::Stop() { impl_->http.stop(); }
+  std::unique_lock<std::mutex> lock(s.stop_mu);
+  s.stop_cv.wait(lock, [&s] { return s.stopping.load(); });
+  // No new connections; kept-alive ones get 503 for new requests.
+  MHD_quiesce_daemon(s.daemon);
+  close(s.listen_fd);
+  s.listen_fd = -1;
+  const bool drained = s.stop_cv.wait_for(lock, Seconds(o.stop_timeout),
+                                          [&s] { return s.in_flight.load() == 0; });
+  lock.unlock();
+  if (!drained)
+    return Status::Error(std::to_string(s.in_flight.load()) + " requests still running after " +
+                         std::to_string(o.stop_timeout) + " s");
+  MHD_stop_daemon(s.daemon);
+  s.daemon = nullptr;
+  s.workers.reset();
+  s.deadlines.reset();
+  s.log.reset();
+  return Status::OK();
+}
+
+void HttpServer::Stop() {
+  std::lock_guard<std::mutex> lock(impl_->stop_mu);
+  impl_->stopping.store(true);
+  impl_->stop_cv.notify_all();
+}
 
 }  // namespace tavo_server

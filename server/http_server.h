@@ -1,4 +1,5 @@
-// HttpServer: the HTTP front of `tavo serve`.
+// HttpServer: the HTTP front of `tavo serve`, an event-driven core on
+// libmicrohttpd (epoll, one event thread per core by default).
 //
 // Routes:
 //   POST /api/auth/login    {"account", "password"} -> session cookie + token
@@ -11,17 +12,33 @@
 // "(token)": the request must carry the session token in X-Tavo-Token or in
 // Authorization: Bearer; a session cookie alone is refused. API answers are
 // envelopes with HTTP 200; transport problems are HTTP errors whose body is
-// {"error": "plain message"}.
+// {"error": "plain message"}. HEAD is answered as GET without the body.
+//
+// Threads: the event threads read, parse and write every connection and
+// answer what cannot block (static files, the session check, refusals).
+// Routes of Lane::kWorker (module calls, login, /api/info) run on a bounded
+// worker pool; the connection waits, suspended, without holding an event
+// thread. A full pool queue is answered 503 with Retry-After.
+//
+// Adding a route: call AddRoute before Bind, e.g.
+//   server.AddRoute("GET", "/healthz", HttpServer::Lane::kEvent,
+//                   [](const HttpRequest&, HttpResponse& res) { ... });
+// A handler fills in `res` (SendJson / SendError help); the core adds the
+// security headers, Cache-Control: no-store under /api, gzip when it pays,
+// and writes the access log line. kEvent handlers must never block.
 //
 // Ownership: borrows the options and the module set, which must outlive it.
-// Thread-safety: Start blocks serving on the worker threads until Stop, which
-// may be called from another thread.
+// Thread-safety: AddRoute and Bind before Run; Run blocks until Stop (which
+// may be called from any thread, e.g. a signal thread) has drained the
+// requests in flight.
 #ifndef TAVO_SERVER_HTTP_SERVER_H_
 #define TAVO_SERVER_HTTP_SERVER_H_
 
+#include <functional>
 #include <memory>
 #include <string>
 
+#include "http_message.h"
 #include "module_loader.h"
 #include "options.h"
 #include "status.h"
@@ -30,19 +47,29 @@ namespace tavo_server {
 
 class HttpServer {
  public:
+  enum class Lane { kEvent, kWorker };
+  using Handler = std::function<void(const HttpRequest&, HttpResponse&)>;
+
   HttpServer(const ServeOptions& options, const ModuleSet& modules);
   ~HttpServer();
   HttpServer(const HttpServer&) = delete;
   HttpServer& operator=(const HttpServer&) = delete;
 
+  // Serves `method` ("GET" also answers HEAD) on exactly `path`.
+  void AddRoute(const std::string& method, const std::string& path, Lane lane, Handler handler);
+
   // Binds the listening socket; *port receives the port actually bound.
   Status Bind(int* port);
-  // Serves until Stop; false when the server failed.
-  bool Run();
+  // Serves until Stop. Returns OK when every request in flight finished
+  // within the stop time, else an error saying how many did not.
+  Status Run();
+  // Stops accepting connections and makes Run return once the requests in
+  // flight are answered (or the stop time has passed).
   void Stop();
 
- private:
   struct Impl;
+
+ private:
   std::unique_ptr<Impl> impl_;
 };
 

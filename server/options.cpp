@@ -52,6 +52,11 @@ Status ParseServeOptions(const std::vector<std::string>& args, ServeOptions* out
   long max_body = static_cast<long>(o.max_body);
   const IntOption ints[] = {
       {"--workers", &o.workers, 1, 256},
+      {"--queue", &o.queue, 1, 100000},
+      {"--event-threads", &o.event_threads, 0, 64},
+      {"--max-connections", &o.max_connections, 1, 1000000},
+      {"--per-address", &o.per_address, 1, 1000000},
+      {"--stop-timeout", &o.stop_timeout, 1, 3600},
       {"--read-timeout", &o.read_timeout, 1, 3600},
       {"--write-timeout", &o.write_timeout, 1, 3600},
       {"--keepalive-timeout", &o.keepalive_timeout, 0, 3600},
@@ -111,10 +116,18 @@ std::string ServeUsage() {
     << DefaultModulesDir() << ")\n"
     << "  --web DIR              folder of the admin page (default: " << DefaultWebDir() << ")\n"
     << "\nLimits (defaults in brackets):\n"
-    << "  --workers N            threads serving connections [" << d.workers << "]\n"
+    << "  --workers N            threads running module calls and logins [" << d.workers << "]\n"
+    << "  --queue N              calls waiting for a worker; more get HTTP 503 [" << d.queue << "]\n"
+    << "  --event-threads N      threads reading and writing connections; 0: one per core ["
+    << d.event_threads << "]\n"
+    << "  --max-connections N    open connections; more get HTTP 503 [" << d.max_connections << "]\n"
+    << "  --per-address N        open connections from one client address; more are closed ["
+    << d.per_address << "]\n"
     << "  --max-body BYTES       largest request body; larger ones get HTTP 413 [" << d.max_body << "]\n"
     << "  --read-timeout S       time allowed to receive a request [" << d.read_timeout << "]\n"
     << "  --write-timeout S      time allowed to send an answer [" << d.write_timeout << "]\n"
+    << "  --stop-timeout S       time to finish the requests in flight at SIGTERM ["
+    << d.stop_timeout << "]\n"
     << "  --keepalive-timeout S  idle time a connection is kept open [" << d.keepalive_timeout << "]\n"
     << "  --keepalive-max N      requests served on one connection [" << d.keepalive_max << "]\n"
     << "  --session-idle S       a session ends after this long unused [" << d.session_idle << "]\n"
@@ -122,9 +135,8 @@ std::string ServeUsage() {
     << d.session_lifetime << "]\n"
     << "  --max-sessions N       sessions alive at once; the least recently used goes ["
     << d.max_sessions << "]\n"
-    << "  fixed: request line and each header line at most 8192 bytes, at most 100 headers\n"
-    << "         (HTTP 400 or 431); one request (head and body) at most 816 KiB over --max-body\n"
-    << "         (else HTTP 400 and the connection is closed);\n"
+    << "  fixed: request head (line and headers) at most 16 KiB, at most 100 headers\n"
+    << "         (HTTP 414 or 431);\n"
     << "         " << d.login_max_failures << " failed logins for one account from one client address, or "
     << 4 * d.login_max_failures << " from one address,\n"
     << "         within " << d.login_window << " s make further tries from there answer HTTP 429 until the\n"

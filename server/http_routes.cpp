@@ -1,0 +1,170 @@
+// Routing: where a parsed request is turned into a response, whichever thread
+// runs it, and the static files of the admin page.
+#include <strings.h>
+
+#include "compress.h"
+#include "http_impl.h"
+#include "random.h"
+
+namespace tavo_server {
+namespace {
+
+// The page loads its scripts, styles and images from this server only, runs
+// no inline code and may not be framed.
+constexpr const char kContentSecurityPolicy[] =
+    "default-src 'self'; img-src 'self' data:; object-src 'none'; base-uri 'none'; "
+    "form-action 'self'; frame-ancestors 'none'";
+
+bool IsApiPath(const std::string& path) {
+  return path == "/api" || path.compare(0, 5, "/api/") == 0;
+}
+
+// True when an If-None-Match value names `etag` (or is "*").
+bool EtagMatches(const std::string& if_none_match, const std::string& etag) {
+  if (if_none_match.empty()) return false;
+  size_t pos = 0;
+  while (pos < if_none_match.size()) {
+    size_t end = if_none_match.find(',', pos);
+    if (end == std::string::npos) end = if_none_match.size();
+    std::string tag = if_none_match.substr(pos, end - pos);
+    pos = end + 1;
+    size_t b = tag.find_first_not_of(" \t");
+    size_t e = tag.find_last_not_of(" \t");
+    if (b == std::string::npos) continue;
+    tag = tag.substr(b, e - b + 1);
+    if (tag.compare(0, 2, "W/") == 0) tag = tag.substr(2);
+    if (tag == "*" || tag == etag) return true;
+  }
+  return false;
+}
+
+ThrottleLimits LoginLimits(const ServeOptions& o) {
+  ThrottleLimits l;
+  l.per_pair = l.per_device = l.free_per_account = o.login_max_failures;
+  l.per_address = 4 * o.login_max_failures;
+  l.window = std::chrono::seconds(o.login_window);
+  return l;
+}
+
+}  // namespace
+
+const char* Reason(int status) {
+  switch (status) {
+    case 400: return "bad request";
+    case 401: return "not logged in";
+    case 403: return "forbidden";
+    case 404: return "not found";
+    case 405: return "method not allowed";
+    case 408: return "request timed out";
+    case 411: return "length required";
+    case 413: return "request body too large";
+    case 414: return "request line too long";
+    case 416: return "range not satisfiable";
+    case 429: return "too many requests";
+    case 431: return "request headers too large";
+    case 503: return "server busy";
+    default: return status >= 500 ? "internal server error" : "request refused";
+  }
+}
+
+HttpServer::Impl::Impl(const ServeOptions& o, const ModuleSet& m)
+    : options(o),
+      modules(m),
+      sessions(std::chrono::seconds(o.session_idle), std::chrono::seconds(o.session_lifetime),
+               static_cast<size_t>(o.max_sessions)),
+      logins(LoginLimits(o), RandomHex(32), std::chrono::hours(24 * 30)),
+      files(o.web_dir) {
+  using Req = const HttpRequest&;
+  using Res = HttpResponse&;
+  // Password checks and module calls may wait on locks, fsync or crypt: they
+  // run on the workers. The session check only looks in memory.
+  routes = {
+      {"POST", "/api/auth/login", Lane::kWorker, [this](Req q, Res r) { Login(q, r); }},
+      {"POST", "/api/auth/logout", Lane::kEvent, [this](Req q, Res r) { Logout(q, r); }},
+      {"GET", "/api/auth/session", Lane::kEvent, [this](Req q, Res r) { SessionInfo(q, r); }},
+      {"GET", "/api/info", Lane::kWorker, [this](Req q, Res r) { ApiInfo(q, r); }},
+      {"POST", "/api", Lane::kWorker, [this](Req q, Res r) { ApiPost(q, r); }},
+      {"GET", "/api", Lane::kWorker, [this](Req q, Res r) { ApiGet(q, r); }},
+  };
+}
+
+const HttpServer::Impl::Route* HttpServer::Impl::Find(const HttpRequest& req) const {
+  const std::string& method = req.method == "HEAD" ? std::string("GET") : req.method;
+  for (const Route& r : routes)
+    if (r.method == method && r.path == req.path) return &r;
+  return nullptr;
+}
+
+void HttpServer::Impl::Handle(const Route* route, const HttpRequest& req, HttpResponse& res) {
+  if (route != nullptr) {
+    route->handler(req, res);
+  } else if (req.method == "GET" || req.method == "HEAD") {
+    StaticFile(req, res);
+  } else if (req.method == "POST") {
+    SendError(res, 404, "no such endpoint: " + req.path);
+  } else {
+    res.SetHeader("Allow", "GET, HEAD, POST");
+    SendError(res, 405, "method " + req.method + " is not allowed; use GET or POST");
+  }
+  Finish(req, res);
+}
+
+void HttpServer::Impl::Finish(const HttpRequest& req, HttpResponse& res) {
+  res.SetHeader("X-Content-Type-Options", "nosniff");
+  res.SetHeader("X-Frame-Options", "DENY");
+  res.SetHeader("Content-Security-Policy", kContentSecurityPolicy);
+  res.SetHeader("Referrer-Policy", "no-referrer");
+  if (IsApiPath(req.path) && res.Header("Cache-Control").empty())
+    res.SetHeader("Cache-Control", "no-store");
+  if (res.body.size() < kGzipMinBytes || !Compressible(res.content_type) ||
+      !res.Header("Content-Encoding").empty())
+    return;
+  res.SetHeader("Vary", "Accept-Encoding");
+  if (!AcceptsGzip(req.Header("Accept-Encoding"))) return;
+  std::string packed;
+  if (!Gzip(res.body, &packed) || packed.size() >= res.body.size()) return;
+  res.body.swap(packed);
+  res.SetHeader("Content-Encoding", "gzip");
+}
+
+void HttpServer::Impl::StaticFile(const HttpRequest& req, HttpResponse& res) {
+  if (IsApiPath(req.path)) {
+    SendError(res, 404, "no such endpoint: " + req.path);
+    return;
+  }
+  std::string file;
+  switch (files.Resolve(req.path, &file)) {
+    case StaticFiles::Result::kBadPath:
+      SendError(res, 400, "bad path");
+      return;
+    case StaticFiles::Result::kNotFound:
+      SendError(res, 404, "not found");
+      return;
+    case StaticFiles::Result::kFound:
+      break;
+  }
+  std::shared_ptr<const StaticCache::Entry> e = cache.Load(file);
+  if (!e) {
+    SendError(res, 404, "not found");
+    return;
+  }
+  // The page is checked on every load (no-cache) but costs one small 304
+  // answer when it did not change.
+  res.SetHeader("Cache-Control", "no-cache");
+  res.SetHeader("ETag", e->etag);
+  if (!e->gzipped.empty()) res.SetHeader("Vary", "Accept-Encoding");
+  if (EtagMatches(req.Header("If-None-Match"), e->etag)) {
+    res.status = 304;
+    return;
+  }
+  res.status = 200;
+  res.content_type = e->content_type;
+  if (!e->gzipped.empty() && AcceptsGzip(req.Header("Accept-Encoding"))) {
+    res.body = e->gzipped;
+    res.SetHeader("Content-Encoding", "gzip");
+  } else {
+    res.body = e->body;
+  }
+}
+
+}  // namespace tavo_server
