@@ -57,7 +57,7 @@ export function moduleFolder(dir, files) {
   return mods;
 }
 
-// Starts `tavo serve` and resolves {url, stop(), stderr()} once it listens.
+// Starts `tavo serve` and resolves {url, stop(), stderr(), child} once it listens.
 export function startServer({ root, modules, web, extra = [] }) {
   const args = ['serve', '--root', root, '--listen', '127.0.0.1:0'];
   if (modules) args.push('--modules', modules);
@@ -87,7 +87,7 @@ export function startServer({ root, modules, web, extra = [] }) {
       const m = out.match(/^tavo: listening on (http:\/\/\S+)$/m);
       if (!m) return;
       clearTimeout(timer);
-      resolveStart({ url: m[1], stop, stderr: () => err });
+      resolveStart({ url: m[1], stop, stderr: () => err, child });
     });
     exited.then((code) => {
       clearTimeout(timer);
