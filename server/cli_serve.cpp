@@ -82,9 +82,9 @@ int ServeMain(const std::vector<std::string>& args) {
     return kExitFailure;
   }
   std::string host = options.host.find(':') != std::string::npos ? "[" + options.host + "]" : options.host;
-  printf("tavo: listening on http://%s:%d\n", host.c_str(), port);
-  printf("Open http://%s:%d/ in a browser and log in as a member of administrators.\n",
-         host.c_str(), port);
+  printf("tavo: listening on %s://%s:%d\n", options.tls() ? "https" : "http", host.c_str(), port);
+  printf("Open %s://%s:%d/ in a browser and log in as a member of administrators.\n",
+         options.tls() ? "https" : "http", host.c_str(), port);
   fflush(stdout);
   fprintf(stderr, "tavo: root %s, modules %s, web %s, %d workers\n",
           TerminalSafe(options.root).c_str(), TerminalSafe(options.modules_dir).c_str(),

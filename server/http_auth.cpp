@@ -9,9 +9,10 @@
 namespace tavo_server {
 namespace {
 
-std::string SessionCookie(const std::string& id, int max_age) {
+std::string SessionCookie(const std::string& id, int max_age, bool tls) {
   std::string c = std::string(kSessionCookie) + "=" + id + "; Path=/; HttpOnly; SameSite=Strict";
   if (max_age >= 0) c += "; Max-Age=" + std::to_string(max_age);
+  if (tls) c += "; Secure";
   return c;
 }
 
@@ -125,11 +126,12 @@ void HttpServer::Impl::Login(const HttpRequest& req, HttpResponse& res) {
     SendError(res, 500, "no session could be started");
     return;
   }
-  res.AddHeader("Set-Cookie", SessionCookie(s.id, -1));
+  res.AddHeader("Set-Cookie", SessionCookie(s.id, -1, options.tls()));
   if (!outcome.device_cookie.empty()) {
     res.AddHeader("Set-Cookie", std::string(kDeviceCookie) + "=" + outcome.device_cookie +
                                      "; Path=/api/auth; HttpOnly; SameSite=Strict; Max-Age=" +
-                                     std::to_string(logins.devices().lifetime().count()));
+                                     std::to_string(logins.devices().lifetime().count()) +
+                                     (options.tls() ? "; Secure" : ""));
   }
   SendJson(res, SessionData(s, options.session_idle));
 }
@@ -138,7 +140,7 @@ void HttpServer::Impl::Logout(const HttpRequest& req, HttpResponse& res) {
   std::string key = RequestToken(req);
   if (key.empty()) key = CookieValue(req, kSessionCookie);
   if (!key.empty()) sessions.Remove(key);
-  res.AddHeader("Set-Cookie", SessionCookie("", 0));
+  res.AddHeader("Set-Cookie", SessionCookie("", 0, options.tls()));
   Json::Value out(Json::objectValue);
   out["success"] = true;
   out["data"] = Json::Value(Json::objectValue);

@@ -19,6 +19,7 @@
 #include "http_server.h"
 #include "login_gate.h"
 #include "sessions.h"
+#include "site_check.h"
 #include "static_cache.h"
 #include "static_files.h"
 #include "worker_pool.h"
@@ -55,6 +56,8 @@ struct HttpServer::Impl {
   MHD_Daemon* daemon = nullptr;
   int listen_fd = -1;
   std::string keep_alive_header;  // "timeout=N"
+  SitePolicy site;                 // Host and Origin
+  std::string tls_cert_pem, tls_key_pem;  // read at Listen when serving HTTPS
   std::atomic<int> connections{0};  // open connections
   std::atomic<int> in_flight{0};    // requests whose head has arrived, not yet answered
   std::atomic<bool> stopping{false};

@@ -73,7 +73,8 @@ HttpServer::Impl::Impl(const ServeOptions& o, const ModuleSet& m)
       sessions(std::chrono::seconds(o.session_idle), std::chrono::seconds(o.session_lifetime),
                static_cast<size_t>(o.max_sessions)),
       logins(LoginLimits(o), RandomHex(32), std::chrono::hours(24 * 30)),
-      files(o.web_dir) {
+      files(o.web_dir),
+      site(o.server_names, o.tls()) {
   using Req = const HttpRequest&;
   using Res = HttpResponse&;
   // Password checks and module calls may wait on locks, fsync or crypt: they
@@ -96,7 +97,14 @@ const HttpServer::Impl::Route* HttpServer::Impl::Find(const HttpRequest& req) co
 }
 
 void HttpServer::Impl::Handle(const Route* route, const HttpRequest& req, HttpResponse& res) {
-  if (route != nullptr) {
+  const std::string host = req.Header("Host");
+  if (!site.HostAllowed(host)) {
+    // Another site's name: a page there may have made its name resolve to us.
+    SendError(res, 421, "this server does not answer to the host name in Host; use its address");
+  } else if (req.method == "POST" &&
+             !site.OriginAllowed(req.Header("Origin"), !req.Headers("Origin").empty(), host)) {
+    SendError(res, 403, "cross-site request refused: the Origin is not this server");
+  } else if (route != nullptr) {
     route->handler(req, res);
   } else if (req.method == "GET" || req.method == "HEAD") {
     StaticFile(req, res);
@@ -114,6 +122,7 @@ void HttpServer::Impl::Finish(const HttpRequest& req, HttpResponse& res) {
   res.SetHeader("X-Frame-Options", "DENY");
   res.SetHeader("Content-Security-Policy", kContentSecurityPolicy);
   res.SetHeader("Referrer-Policy", "no-referrer");
+  if (options.tls()) res.SetHeader("Strict-Transport-Security", "max-age=31536000");
   if (IsApiPath(req.path) && res.Header("Cache-Control").empty())
     res.SetHeader("Cache-Control", "no-store");
   if (res.body.size() < kGzipMinBytes || !Compressible(res.content_type) ||

@@ -13,7 +13,10 @@
 #include <chrono>
 #include <cstdarg>
 #include <cstdlib>
+#include <fstream>
+#include <sstream>
 #include <thread>
+#include <vector>
 
 #include "http_impl.h"
 
@@ -267,8 +270,28 @@ void HttpServer::AddRoute(const std::string& method, const std::string& path, La
   impl_->routes.push_back({method, path, lane, std::move(handler)});
 }
 
+namespace {
+
+bool ReadPem(const std::string& path, std::string* out) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream text;
+  text << in.rdbuf();
+  *out = text.str();
+  return in.good() || in.eof() ? !out->empty() : false;
+}
+
+}  // namespace
+
 Status HttpServer::Bind(int* port) {
   const ServeOptions& o = impl_->options;
+  // The certificate and key are read now, while the files may still be
+  // readable (a split server drops its rights after binding).
+  if (o.tls()) {
+    if (!MHD_is_feature_supported(MHD_FEATURE_TLS))
+      return Status::Error("this libmicrohttpd has no TLS support");
+    if (!ReadPem(o.tls_cert, &impl_->tls_cert_pem)) return Status::Error("cannot read " + o.tls_cert);
+    if (!ReadPem(o.tls_key, &impl_->tls_key_pem)) return Status::Error("cannot read " + o.tls_key);
+  }
   const std::string where = o.host + ":" + std::to_string(o.port);
   addrinfo hints{};
   hints.ai_family = AF_UNSPEC;
@@ -312,9 +335,18 @@ Status HttpServer::Run() {
   // The library's own inactivity timeout only backs up the deadlines above.
   const unsigned backstop =
       static_cast<unsigned>(std::max({o.read_timeout, o.write_timeout, o.keepalive_timeout}) + 5);
+  // HTTPS: the key and certificate read at Bind.
+  std::vector<MHD_OptionItem> tls_options;
+  if (o.tls()) {
+    tls_options.push_back({MHD_OPTION_HTTPS_MEM_KEY, 0, const_cast<char*>(s.tls_key_pem.c_str())});
+    tls_options.push_back({MHD_OPTION_HTTPS_MEM_CERT, 0, const_cast<char*>(s.tls_cert_pem.c_str())});
+  }
+  tls_options.push_back({MHD_OPTION_END, 0, nullptr});
   s.daemon = MHD_start_daemon(
-      MHD_USE_EPOLL_INTERNAL_THREAD | MHD_ALLOW_SUSPEND_RESUME | MHD_USE_ITC | MHD_USE_ERROR_LOG,
+      MHD_USE_EPOLL_INTERNAL_THREAD | MHD_ALLOW_SUSPEND_RESUME | MHD_USE_ITC | MHD_USE_ERROR_LOG |
+          (o.tls() ? MHD_USE_TLS : 0),
       0, nullptr, nullptr, OnRequest, &s,
+      MHD_OPTION_ARRAY, tls_options.data(),
       MHD_OPTION_EXTERNAL_LOGGER, OnLibraryError, nullptr,
       MHD_OPTION_LISTEN_SOCKET, s.listen_fd,
       MHD_OPTION_THREAD_POOL_SIZE, threads,

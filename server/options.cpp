@@ -1,5 +1,7 @@
 #include "options.h"
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -71,6 +73,10 @@ Status ParseServeOptions(const std::vector<std::string>& args, ServeOptions* out
       o.help = true;
       continue;
     }
+    if (a == "--insecure-http") {
+      o.insecure_http = true;
+      continue;
+    }
     if (i + 1 >= args.size()) return Status::Error("unknown option or missing value: " + a);
     const std::string& v = args[++i];
     if (a == "--root") {
@@ -81,6 +87,14 @@ Status ParseServeOptions(const std::vector<std::string>& args, ServeOptions* out
       o.modules_dir = v;
     } else if (a == "--web") {
       o.web_dir = v;
+    } else if (a == "--tls-cert") {
+      o.tls_cert = v;
+    } else if (a == "--tls-key") {
+      o.tls_key = v;
+    } else if (a == "--server-name") {
+      if (v.empty() || v.find_first_of(":/[] ") != std::string::npos)
+        return Status::Error("--server-name needs a host name, got " + v);
+      o.server_names.push_back(v);
     } else if (a == "--max-body") {
       if (!ParseNumber(v, 1, 64L * 1024 * 1024, &max_body)) return Status::Error("bad --max-body: " + v);
     } else {
@@ -98,10 +112,24 @@ Status ParseServeOptions(const std::vector<std::string>& args, ServeOptions* out
     }
   }
   o.max_body = static_cast<size_t>(max_body);
+  if (o.tls_cert.empty() != o.tls_key.empty())
+    return Status::Error("--tls-cert and --tls-key go together");
+  if (!o.help && !o.tls() && !o.insecure_http && !IsLoopbackHost(o.host))
+    return Status::Error("listening on " + o.host +
+                         " without TLS would send passwords in clear text: give --tls-cert and "
+                         "--tls-key (tavo init made a certificate in ROOT/etc/tavo/tls), or "
+                         "--insecure-http");
   if (o.modules_dir.empty()) o.modules_dir = DefaultModulesDir();
   if (o.web_dir.empty()) o.web_dir = DefaultWebDir();
   *out = o;
   return Status::OK();
+}
+
+bool IsLoopbackHost(const std::string& host) {
+  unsigned char a[16];
+  if (host == "localhost") return true;
+  if (inet_pton(AF_INET, host.c_str(), a) == 1) return a[0] == 127;
+  return inet_pton(AF_INET6, host.c_str(), a) == 1 && IN6_IS_ADDR_LOOPBACK(reinterpret_cast<in6_addr*>(a));
 }
 
 std::string ServeUsage() {
@@ -115,6 +143,11 @@ std::string ServeUsage() {
        "  --modules DIR          folder of *.so API modules (default: "
     << DefaultModulesDir() << ")\n"
     << "  --web DIR              folder of the admin page (default: " << DefaultWebDir() << ")\n"
+    << "  --tls-cert FILE        serve HTTPS with this PEM certificate (chain) ...\n"
+    << "  --tls-key FILE         ... and its PEM key; cookies are then Secure and HSTS is sent\n"
+    << "  --insecure-http        allow plain HTTP on an address other than loopback\n"
+    << "  --server-name NAME     also answer requests whose Host is NAME (repeatable; IP\n"
+    << "                         addresses and localhost are always answered, other names get 421)\n"
     << "\nLimits (defaults in brackets):\n"
     << "  --workers N            threads running module calls and logins [" << d.workers << "]\n"
     << "  --queue N              calls waiting for a worker; more get HTTP 503 [" << d.queue << "]\n"

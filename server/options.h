@@ -36,8 +36,16 @@ struct ServeOptions {
   int max_sessions = 256;          // --max-sessions
   int login_max_failures = 5;      // failed logins per account and address ...
   int login_window = 60;           // ... within this many seconds before 429
+  std::string tls_cert, tls_key;    // --tls-cert FILE --tls-key FILE (PEM): serve HTTPS
+  bool insecure_http = false;       // --insecure-http: plain HTTP beyond loopback
+  std::vector<std::string> server_names;  // --server-name NAME, repeatable: Host names answered
   bool help = false;
+
+  bool tls() const { return !tls_cert.empty(); }
 };
+
+// True for "localhost", 127.0.0.0/8 and ::1.
+bool IsLoopbackHost(const std::string& host);
 
 // Parses the arguments after "serve". On failure returns an error whose
 // message is meant for the user (a usage error).

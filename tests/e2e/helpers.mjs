@@ -84,7 +84,7 @@ export function startServer({ root, modules, web, extra = [] }) {
     }, 15000);
     child.stdout.on('data', (d) => {
       out += d;
-      const m = out.match(/^tavo: listening on (http:\/\/\S+)$/m);
+      const m = out.match(/^tavo: listening on (https?:\/\/\S+)$/m);
       if (!m) return;
       clearTimeout(timer);
       resolveStart({ url: m[1], stop, stderr: () => err, child });

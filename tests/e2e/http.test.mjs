@@ -114,7 +114,7 @@ test('a body over the limit gets 413, a chunked one 411, and the server carries 
   assert.match((await r.json()).error, /too large/);
   // A chunked body is not bounded by a declared length: refused outright.
   const chunk = 'x'.repeat(3000);
-  const chunked = await raw(`POST /api HTTP/1.1\r\nHost: x\r\nX-Tavo-Token: ${env.token}\r\n` +
+  const chunked = await raw(`POST /api HTTP/1.1\r\nHost: 127.0.0.1\r\nX-Tavo-Token: ${env.token}\r\n` +
     'Transfer-Encoding: chunked\r\nConnection: close\r\n\r\n' +
     `${chunk.length.toString(16)}\r\n${chunk}\r\n`.repeat(3) + '0\r\n\r\n');
   assert.equal(chunked.status, 411);
@@ -148,7 +148,7 @@ test('a request trickled a line at a time is cut off when the read time runs out
   closed.then(() => { open = false; });
   sock.resume();  // read (and drop) the refusal, so that the end of the connection is seen
   const start = Date.now();
-  sock.write('GET / HTTP/1.1\r\nHost: x\r\n');
+  sock.write('GET / HTTP/1.1\r\nHost: 127.0.0.1\r\n');
   while (open && Date.now() - start < 8000) {
     sock.write('X-Slow: 1\r\n');
     await Promise.race([new Promise((r) => setTimeout(r, 250)), closed]);
@@ -186,7 +186,7 @@ test('the admin page is served, and nothing outside its folder', async () => {
   // Plain and percent-encoded dot segments, a symlink out of the folder.
   for (const path of ['/../secret.txt', '/%2e%2e/secret.txt', '/css/%2E%2E/%2e%2e/secret.txt',
     '/..%2fsecret.txt', '/leak.txt', '//etc/passwd', '/../../../../etc/passwd']) {
-    const r = await raw(`GET ${path} HTTP/1.1\r\nHost: x\r\nConnection: close\r\n\r\n`);
+    const r = await raw(`GET ${path} HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n\r\n`);
     assert.ok(r.status === 400 || r.status === 404, `${path}: ${r.status}`);
     assert.ok(!r.text.includes('TOP SECRET') && !r.text.includes('root:'), path);
   }
