@@ -75,10 +75,10 @@ function parseAnswers(buf, headAt) {
 test('pipelined requests are answered in order; HEAD gets the headers only', async () => {
   const c = connect(env.url);
   await c.ready;
-  c.sock.write(`POST /api HTTP/1.1\r\nHost: x\r\nX-Tavo-Token: ${env.token}\r\nContent-Length: ${JSON.stringify(LIST).length}\r\n\r\n${JSON.stringify(LIST)}` +
-    'HEAD /big.css HTTP/1.1\r\nHost: x\r\n\r\n' +
-    'GET /api/auth/session HTTP/1.1\r\nHost: x\r\n\r\n' +
-    'GET /big.css HTTP/1.1\r\nHost: x\r\nConnection: close\r\n\r\n');
+  c.sock.write(`POST /api HTTP/1.1\r\nHost: 127.0.0.1\r\nX-Tavo-Token: ${env.token}\r\nContent-Length: ${JSON.stringify(LIST).length}\r\n\r\n${JSON.stringify(LIST)}` +
+    'HEAD /big.css HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n' +
+    'GET /api/auth/session HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n' +
+    'GET /big.css HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n\r\n');
   const answers = await c.answers(4, [1]);
   assert.deepEqual(answers.map((a) => a.status), [200, 200, 401, 200]);
   assert.equal(JSON.parse(answers[0].body).success, true);  // the slow call first, still in order
@@ -91,7 +91,7 @@ test('Expect: 100-continue gets a go-ahead; an oversized body is refused before 
   const body = JSON.stringify(LIST);
   const c = connect(env.url);
   await c.ready;
-  c.sock.write(`POST /api HTTP/1.1\r\nHost: x\r\nX-Tavo-Token: ${env.token}\r\nContent-Type: application/json\r\n` +
+  c.sock.write(`POST /api HTTP/1.1\r\nHost: 127.0.0.1\r\nX-Tavo-Token: ${env.token}\r\nContent-Type: application/json\r\n` +
     `Content-Length: ${body.length}\r\nExpect: 100-continue\r\n\r\n`);
   assert.deepEqual((await c.answers(1)).map((a) => a.status), [100]);
   c.sock.write(body);
@@ -103,7 +103,7 @@ test('Expect: 100-continue gets a go-ahead; an oversized body is refused before 
   // connection is closed rather than drained.
   const big = connect(env.url);
   await big.ready;
-  big.sock.write(`POST /api HTTP/1.1\r\nHost: x\r\nX-Tavo-Token: ${env.token}\r\nContent-Length: 10000000\r\n\r\n`);
+  big.sock.write(`POST /api HTTP/1.1\r\nHost: 127.0.0.1\r\nX-Tavo-Token: ${env.token}\r\nContent-Length: 10000000\r\n\r\n`);
   const [refusal] = await big.answers(1);
   assert.equal(refusal.status, 413);
   assert.match(JSON.parse(refusal.body).error, /at most 4096 bytes/);
@@ -114,7 +114,7 @@ test('a request head trickled byte by byte is cut off at the read time', async (
   const c = connect(env.url);
   await c.ready;
   const start = Date.now();
-  const head = 'GET /index.html HTTP/1.1\r\nHost: x\r\nX-Padding: ' + 'p'.repeat(200);
+  const head = 'GET /index.html HTTP/1.1\r\nHost: 127.0.0.1\r\nX-Padding: ' + 'p'.repeat(200);
   for (let i = 0; i < head.length && !c.closed && Date.now() - start < 8000; i++) {
     c.sock.write(head[i]);
     await Promise.race([new Promise((r) => setTimeout(r, 50)), c.closing]);
@@ -130,7 +130,7 @@ test('answers on a kept-alive connection are not held back (no Nagle stall)', as
   await c.ready;
   const start = Date.now();
   for (let i = 1; i <= 25; i++) {
-    c.sock.write(`GET /api/info HTTP/1.1\r\nHost: x\r\nX-Tavo-Token: ${env.token}\r\n\r\n`);
+    c.sock.write(`GET /api/info HTTP/1.1\r\nHost: 127.0.0.1\r\nX-Tavo-Token: ${env.token}\r\n\r\n`);
     const answers = await c.answers(i);
     assert.equal(answers.length, i);
     assert.equal(answers[i - 1].status, 200);
@@ -150,7 +150,7 @@ test('static files: ETag revalidation answers 304, large text goes gzip-compress
   // A client that does not accept gzip gets the plain bytes.
   const c = connect(env.url);
   await c.ready;
-  c.sock.write('GET /big.css HTTP/1.1\r\nHost: x\r\nAccept-Encoding: gzip\r\n\r\nGET /big.css HTTP/1.1\r\nHost: x\r\nConnection: close\r\n\r\n');
+  c.sock.write('GET /big.css HTTP/1.1\r\nHost: 127.0.0.1\r\nAccept-Encoding: gzip\r\n\r\nGET /big.css HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n\r\n');
   const [packed, plain] = await c.answers(2);
   assert.equal(zlib.gunzipSync(packed.body).toString(), BIG_CSS);
   assert.equal(plain.headers['content-encoding'], undefined);
@@ -163,7 +163,7 @@ test('200 stalled connections do not keep a logged-in client waiting', async () 
   for (let i = 0; i < 200; i++) {
     const c = connect(env.url, `127.0.0.${2 + (i % 4)}`);
     stalled.push(c);
-    c.ready.then(() => c.sock.write('GET /api HTTP/1.1\r\nHost: x\r\n'), () => {});
+    c.ready.then(() => c.sock.write('GET /api HTTP/1.1\r\nHost: 127.0.0.1\r\n'), () => {});
   }
   await Promise.all(stalled.map((c) => c.ready.catch(() => {})));
   try {
@@ -189,12 +189,12 @@ test('one address may hold 64 connections; the 65th is closed unanswered', async
   try {
     const extra = connect(env.url, '127.0.0.9');
     await extra.ready.catch(() => {});
-    extra.sock.write('GET /index.html HTTP/1.1\r\nHost: x\r\n\r\n');
+    extra.sock.write('GET /index.html HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n');
     await Promise.race([extra.closing, new Promise((r) => setTimeout(r, 5000))]);
     assert.ok(extra.closed, 'the 65th connection stayed open');
     assert.equal(extra.data.length, 0);
     // The first 64 are served, and other addresses are not affected.
-    held[0].sock.write('GET /index.html HTTP/1.1\r\nHost: x\r\n\r\n');
+    held[0].sock.write('GET /index.html HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n');
     assert.equal((await held[0].answers(1))[0]?.status, 200);
     assert.equal((await fetch(`${env.url}/index.html`)).status, 200);
   } finally {
