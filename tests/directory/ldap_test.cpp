@@ -91,7 +91,12 @@ TEST(LdapDirectory, SyncsListsFailsOverAndUnbinds) {
   // A group added in the directory shows after the next sync, not before.
   ASSERT_EQ(s->Add(PosixGroup("latecomer", "ou=small,dc=example,dc=com", 5200)), 0);
   EXPECT_EQ(Names(ListGroups(root.dir(), "ldap", "substr=late")), "");
-  ASSERT_EQ(Tavo("directory --root " + root.dir() + " sync ldap", &out), 0) << out;
+  // This time through the server's API, as the page's "Synchronise now" does.
+  ASSERT_EQ(Tavo("call --root " + root.dir() + " TAVO.Core.Directory sync type=ldap", &out), 0)
+      << out;
+  EXPECT_NE(out.find("\"groups\" : 8"), std::string::npos) << out;
+  EXPECT_NE(out.find("\"ok\" : true"), std::string::npos) << out;
+  EXPECT_EQ(out.find("readerpw"), std::string::npos) << out;
   EXPECT_EQ(Names(ListGroups(root.dir(), "ldap", "substr=late")), "latecomer@example.com");
 
   ASSERT_EQ(Tavo("directory --root " + root.dir() + " ldap unbind", &out), 0) << out;
