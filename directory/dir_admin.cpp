@@ -125,6 +125,8 @@ bool BindDirectory(Kind kind, const BindRequest& rq, std::string* server, std::s
 bool UnbindDirectory(Kind kind, std::string* error) {
   Binding b;
   if (!ReadBinding(kind, &b, error)) return false;
+  // Waits for a sync under way, so that it cannot put the list back after us.
+  SyncLock lock(kind, true);
   // The configuration goes first: from then on the lists answer "not bound".
   if (!RemoveRootFile(ConfigPath(kind), error) || !RemoveRootFile(SecretPath(kind), error) ||
       !RemoveRootFile(GroupListPath(kind), error) || !RemoveSyncState(kind, error))

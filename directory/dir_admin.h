@@ -6,7 +6,8 @@
 // test changes nothing. They do not synchronise: the caller runs
 // SyncDirectory (group_sync.h) next.
 // Unbind and Leave remove the configuration, the secret, the local copy of
-// the group list and the sync state, and log the event.
+// the group list and the sync state, and log the event; they wait for a sync
+// of that directory under way to end first.
 //
 // Thread-safety: may be called from any thread; concurrent calls for the same
 // directory leave one of the settings in place.

@@ -28,32 +28,6 @@ const char kDomainFilter[] = "(objectClass=group)";
 const char kLdapRange[] = "2000000-2999999";
 const char kDomainRange[] = "100000-999999";
 
-// An exclusive, non-blocking flock held for the object's lifetime.
-class SyncLock {
- public:
-  explicit SyncLock(Kind kind) {
-    std::string path =
-        tavo::TavoRootPath(std::string("/tmp/directory_") + KindName(kind) + ".lock");
-    fd_ = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-    if (fd_ >= 0 && flock(fd_, LOCK_EX | LOCK_NB) != 0) {
-      close(fd_);
-      fd_ = -1;
-      busy_ = true;
-    }
-  }
-  ~SyncLock() {
-    if (fd_ >= 0) close(fd_);
-  }
-  SyncLock(const SyncLock&) = delete;
-  SyncLock& operator=(const SyncLock&) = delete;
-  bool held() const { return fd_ >= 0; }
-  bool busy() const { return busy_; }
-
- private:
-  int fd_ = -1;
-  bool busy_ = false;
-};
-
 // Holds tmp/domain_group.pid with this process's id; removes it when done.
 class PidFile {
  public:
@@ -157,6 +131,29 @@ bool ReadAndWrite(Kind kind, const Binding& b, SyncResult* r) {
 
 }  // namespace
 
+SyncLock::SyncLock(Kind kind, bool wait) {
+  // In the service's own state folder, not in a /tmp that others can write.
+  std::string path =
+      tavo::TavoRootPath(std::string("/var/lib/tavo/directory/") + KindName(kind) + ".lock");
+  std::string ignored;
+  if (MakeFolders(path, &ignored))
+    fd_ = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
+  if (fd_ < 0) return;
+  int rc;
+  do {
+    rc = flock(fd_, LOCK_EX | (wait ? 0 : LOCK_NB));
+  } while (rc != 0 && errno == EINTR);
+  if (rc != 0) {
+    busy_ = errno == EWOULDBLOCK;
+    close(fd_);
+    fd_ = -1;
+  }
+}
+
+SyncLock::~SyncLock() {
+  if (fd_ >= 0) close(fd_);
+}
+
 std::string DomainFromBase(const std::string& base) {
   LDAPDN dn = nullptr;
   if (ldap_str2dn(base.c_str(), &dn, LDAP_DN_FORMAT_LDAPV3) != LDAP_SUCCESS) return "";
@@ -177,7 +174,7 @@ SyncResult SyncDirectory(Kind kind) {
   SyncResult r;
   Binding b;
   if (!ReadBinding(kind, &b, &r.error)) return r;
-  SyncLock lock(kind);
+  SyncLock lock(kind, false);
   if (!lock.held()) {
     r.error = lock.busy() ? "a synchronisation is already running" : "cannot take the sync lock";
     return r;

@@ -45,6 +45,23 @@ struct SyncResult {
 
 SyncResult SyncDirectory(Kind kind);
 
+// The lock that serialises the syncs of one directory (and its unbinding).
+// `wait` false: fails at once when another holder has it (busy() is then
+// true). Released by the destructor.
+class SyncLock {
+ public:
+  SyncLock(Kind kind, bool wait);
+  ~SyncLock();
+  SyncLock(const SyncLock&) = delete;
+  SyncLock& operator=(const SyncLock&) = delete;
+  bool held() const { return fd_ >= 0; }
+  bool busy() const { return busy_; }
+
+ private:
+  int fd_ = -1;
+  bool busy_ = false;
+};
+
 // The directory's domain from a base DN: its dc= parts joined by dots
 // ("dc=example,dc=com" -> "example.com"); "" when it has none.
 std::string DomainFromBase(const std::string& base);

@@ -7,6 +7,7 @@
 #include <syslog.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <thread>
 
 #include "cli.h"
@@ -53,6 +54,9 @@ int ServeMain(const std::vector<std::string>& args) {
     return kExitUsage;
   }
   tavo::TavoRootSet(options.root);
+  // The directory client reads no ldap.conf or .ldaprc of the machine; set
+  // before any thread starts.
+  setenv("LDAPNOINIT", "1", 1);
   // The modules' system-log lines are copied to standard error.
   openlog("tavo", LOG_PERROR | LOG_PID, LOG_USER);
 
