@@ -1,0 +1,104 @@
+#!/usr/bin/env bash
+# HTTP benchmark of `tavo serve` beside nginx serving the same bytes:
+#   bench/http_bench.sh [BUILD_DIR]   (default: build; needs nginx-light, wrk, python3)
+# Makes a root of 10,000 groups x 10 members and 10,000 users, starts tavo and
+# a private nginx on free loopback ports, and prints throughput (wrk -t2 -c64
+# -d10s, keep-alive, a page of 50 groups), sequential latency (1,000 requests
+# on one connection), a logged-in client's latency while 2,000 half-sent heads
+# and 2,000 idle connections are held, and the HTTP cost of a membership change
+# beside the same change made in process. Takes about a minute.
+set -euo pipefail
+top=$(cd "$(dirname "$0")/.." && pwd)
+dir=${1:-build}
+case "$dir" in /*) ;; *) dir="$top/$dir" ;; esac
+cmake --build "$dir" -j2 --target tavo_cli call_in_process tavo_group_module >/dev/null
+tavo="$dir/bin/tavo"
+work=$(mktemp -d /tmp/tavo-http-bench.XXXXXX)
+chmod 755 "$work"
+pids=()
+cleanup() {
+  for p in "${pids[@]}"; do kill "$p" 2>/dev/null || true; done
+  wait 2>/dev/null || true
+  rm -rf "$work"
+}
+trap cleanup EXIT
+free_port() { python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1",0)); print(s.getsockname()[1])'; }
+
+echo "== root: 10,000 groups x 10 members, 10,000 users"
+TAVO_ADMIN_PASSWORD=bench-Admin-pw-1 "$tavo" init "$work/root" >/dev/null
+python3 - "$work/root/etc" <<'PY'
+import sys
+etc = sys.argv[1]
+n = 10000
+with open(f'{etc}/passwd', 'a') as p, open(f'{etc}/shadow', 'a') as s:
+    for i in range(n):
+        p.write(f'u{i:05d}:x:{2000 + i}:100:User {i}:/home/u{i:05d}:/bin/sh\n')
+        s.write(f'u{i:05d}:!:20000:0:99999:7:::\n')
+with open(f'{etc}/group', 'a') as g, open(f'{etc}/gshadow', 'a') as gs:
+    for i in range(n):
+        members = ','.join(f'u{(i + k) % n:05d}' for k in range(10))
+        g.write(f'g{i:05d}:x:{10000 + i}:{members}\n')
+        gs.write(f'g{i:05d}:!::{members}\n')
+PY
+
+port=$(free_port)
+mkdir -p "$work/www"
+"$tavo" serve --root "$work/root" --listen "127.0.0.1:$port" --web "$work/www" --per-address 256 \
+  --keepalive-max 100000 >"$work/tavo.out" 2>"$work/tavo.err" &
+pids+=($!)
+tavo_pid=$!
+for _ in $(seq 100); do grep -q listening "$work/tavo.out" 2>/dev/null && break; sleep 0.1; done
+grep -q listening "$work/tavo.out" || { cat "$work/tavo.err"; exit 1; }
+token=$(curl -s -H 'Content-Type: application/json' \
+  -d '{"account":"admin","password":"bench-Admin-pw-1"}' "http://127.0.0.1:$port/api/auth/login" |
+  python3 -c 'import json,sys; print(json.load(sys.stdin)["data"]["token"])')
+page='/api?api=TAVO.Core.Group&version=1&method=list&limit=50&name_only=false'
+
+# nginx serves the same answer bytes as a static file.
+mkdir -p "$work/www/api"
+curl -s -H "Authorization: Bearer $token" "http://127.0.0.1:$port$page" >"$work/www/page.json"
+chmod -R a+rX "$work/www"
+nport=$(free_port)
+cat >"$work/nginx.conf" <<CONF
+worker_processes auto;
+pid $work/nginx.pid;
+error_log $work/nginx.err;
+events { worker_connections 4096; }
+http {
+  access_log off;
+  keepalive_requests 1000000;
+  client_body_temp_path $work/tmp;
+  server {
+    listen 127.0.0.1:$nport;
+    location / { root $work/www; default_type application/json; try_files /page.json =404; }
+  }
+}
+CONF
+mkdir -p "$work/tmp"
+nginx -p "$work" -c "$work/nginx.conf" -g 'daemon off;' 2>/dev/null &
+pids+=($!)
+sleep 0.5
+echo "answer: $(wc -c <"$work/www/page.json") bytes; $(nproc) cores; $(grep -m1 'model name' /proc/cpuinfo | cut -d: -f2)"
+
+rate() { wrk -t2 -c64 -d10s "$@" | awk '/Requests\/sec/ {print $2}'; }
+echo "== throughput: page of 50, wrk -t2 -c64 -d10s, keep-alive"
+t=$(rate -H "Authorization: Bearer $token" "http://127.0.0.1:$port$page")
+n=$(rate "http://127.0.0.1:$nport$page")
+compare() { python3 -c "print(f'$1: tavo {float(\"$2\"):.0f} req/s, nginx {float(\"$3\"):.0f} req/s: tavo at {100*float(\"$2\")/float(\"$3\"):.1f}% of nginx')"; }
+compare "page of 50 (module call)" "$t" "$n"
+s=$(rate "http://127.0.0.1:$port/page.json")
+compare "the same bytes as a static file" "$s" "$n"
+
+echo "== latency: one keep-alive client, 1,000 sequential requests"
+echo "tavo:  $(python3 "$top/bench/http_clients.py" latency "$port" "$page" "$token" 1000)"
+echo "nginx: $(python3 "$top/bench/http_clients.py" latency "$nport" "$page" - 1000)"
+
+echo "== slow clients"
+python3 "$top/bench/http_clients.py" slow "$port" "$token" "$tavo_pid" 2000 2000
+
+echo "== a membership change over keep-alive, beside the same change in process"
+python3 "$top/bench/http_clients.py" change "$port" "$token" g00000 u05000 20 | tee "$work/http.txt"
+"$dir/bin/call_in_process" "$work/root" "$dir/modules" g00000 u05000 20 | tee "$work/inproc.txt"
+python3 -c "
+h=float(open('$work/http.txt').read().split()[-2]); p=float(open('$work/inproc.txt').read().split()[-2])
+print(f'the HTTP layer adds {h-p:.1f} us per change')"
