@@ -8,6 +8,8 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <functional>
+#include <memory>
 #include <thread>
 
 #include "cli.h"
@@ -17,6 +19,7 @@
 #include "module_loader.h"
 #include "options.h"
 #include "periodic_sync.h"
+#include "privsep/split.h"
 #include "tavo/root.h"
 #include "terminal_text.h"
 
@@ -36,6 +39,61 @@ bool LoadAllModules(const std::string& dir, ModuleSet* modules, bool warn_if_non
             TerminalSafe(dir).c_str());
   return true;
 }
+
+namespace {
+
+// Binds, announces and serves HTTP until a stop signal (blocked in every
+// thread) arrives. `after_bind` runs once the socket is bound and the TLS
+// files are read (a split server drops its rights there); `sync_here` runs
+// the periodic directory sync in this process.
+int RunFront(const ServeOptions& options, AccountOps& ops, const sigset_t& stop_signals,
+             const std::function<bool()>& after_bind, bool sync_here) {
+  Status s;
+  HttpServer server(options, ops);
+  int port = 0;
+  s = server.Bind(&port);
+  if (!s.ok()) {
+    fprintf(stderr, "tavo serve: %s\n", TerminalSafe(s.message()).c_str());
+    return kExitFailure;
+  }
+  std::string host = options.host.find(':') != std::string::npos ? "[" + options.host + "]" : options.host;
+  printf("tavo: listening on %s://%s:%d\n", options.tls() ? "https" : "http", host.c_str(), port);
+  printf("Open %s://%s:%d/ in a browser and log in as a member of administrators.\n",
+         options.tls() ? "https" : "http", host.c_str(), port);
+  fflush(stdout);
+  fprintf(stderr, "tavo: root %s, modules %s, web %s, %d workers\n",
+          TerminalSafe(options.root).c_str(), TerminalSafe(options.modules_dir).c_str(),
+          TerminalSafe(options.web_dir).c_str(), options.workers);
+  fflush(stderr);
+
+  if (!after_bind()) return kExitFailure;
+  std::unique_ptr<tavo_dir::PeriodicSync> directory_sync;
+  if (sync_here) {
+    // Directory group lists: synchronised now and then every interval.
+    directory_sync.reset(new tavo_dir::PeriodicSync(tavo_dir::PeriodicSync::ConfiguredInterval()));
+  }
+
+  std::thread stopper([&server, stop_signals] {
+    int sig = 0;
+    sigwait(&stop_signals, &sig);
+    if (sig != 0) fprintf(stderr, "tavo: signal %d, stopping\n", sig);
+    server.Stop();
+  });
+  s = server.Run();
+  // Wake the signal thread if the server ended on its own.
+  pthread_kill(stopper.native_handle(), SIGTERM);
+  stopper.join();
+  if (!s.ok()) {
+    // Requests still hold workers and suspended connections: leave without
+    // waiting for them any longer.
+    fprintf(stderr, "tavo serve: %s\n", s.message().c_str());
+    fflush(stderr);
+    _exit(kExitFailure);
+  }
+  return kExitOk;
+}
+
+}  // namespace
 
 int ServeMain(const std::vector<std::string>& args) {
   ServeOptions options;
@@ -78,44 +136,24 @@ int ServeMain(const std::vector<std::string>& args) {
     setrlimit(RLIMIT_NOFILE, &files);
   }
 
-  HttpServer server(options, modules);
-  int port = 0;
-  s = server.Bind(&port);
-  if (!s.ok()) {
-    fprintf(stderr, "tavo serve: %s\n", TerminalSafe(s.message()).c_str());
-    return kExitFailure;
+  LocalAccountOps local(modules);
+  if (!options.privsep_user.empty()) {
+    if (geteuid() != 0) {
+      fprintf(stderr, "tavo serve: --privsep-user needs root\n");
+      return kExitUsage;
+    }
+    std::unique_ptr<tavo_dir::PeriodicSync> directory_sync;
+    return ServeSplit(
+        options.privsep_user, local, stop_signals,
+        [&options, &stop_signals](AccountOps& ops, const std::function<bool()>& drop) {
+          return RunFront(options, ops, stop_signals, drop, false);
+        },
+        [&directory_sync] {
+          directory_sync.reset(
+              new tavo_dir::PeriodicSync(tavo_dir::PeriodicSync::ConfiguredInterval()));
+        });
   }
-  std::string host = options.host.find(':') != std::string::npos ? "[" + options.host + "]" : options.host;
-  printf("tavo: listening on %s://%s:%d\n", options.tls() ? "https" : "http", host.c_str(), port);
-  printf("Open %s://%s:%d/ in a browser and log in as a member of administrators.\n",
-         options.tls() ? "https" : "http", host.c_str(), port);
-  fflush(stdout);
-  fprintf(stderr, "tavo: root %s, modules %s, web %s, %d workers\n",
-          TerminalSafe(options.root).c_str(), TerminalSafe(options.modules_dir).c_str(),
-          TerminalSafe(options.web_dir).c_str(), options.workers);
-  fflush(stderr);
-
-  // Directory group lists: synchronised now and then every interval.
-  tavo_dir::PeriodicSync directory_sync(tavo_dir::PeriodicSync::ConfiguredInterval());
-
-  std::thread stopper([&server, stop_signals] {
-    int sig = 0;
-    sigwait(&stop_signals, &sig);
-    if (sig != 0) fprintf(stderr, "tavo: signal %d, stopping\n", sig);
-    server.Stop();
-  });
-  s = server.Run();
-  // Wake the signal thread if the server ended on its own.
-  pthread_kill(stopper.native_handle(), SIGTERM);
-  stopper.join();
-  if (!s.ok()) {
-    // Requests still hold workers and suspended connections: leave without
-    // waiting for them any longer.
-    fprintf(stderr, "tavo serve: %s\n", s.message().c_str());
-    fflush(stderr);
-    _exit(kExitFailure);
-  }
-  return kExitOk;
+  return RunFront(options, local, stop_signals, [] { return true; }, true);
 }
 
 }  // namespace tavo_server

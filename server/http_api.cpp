@@ -8,7 +8,7 @@ namespace {
 
 // Checks the envelope {"api", "version", "method", "params"} (400 when it is
 // not one) and runs the call for `account`.
-void Serve(const ModuleSet& modules, const Json::Value& envelope, const std::string& account,
+void Serve(AccountOps& ops, const Json::Value& envelope, const LoginIdentity& who,
            HttpResponse& res) {
   ApiCall call;
   std::string error;
@@ -19,7 +19,13 @@ void Serve(const ModuleSet& modules, const Json::Value& envelope, const std::str
   res.log.api = call.api;
   res.log.version = call.version;
   res.log.method = call.method;
-  CallResult result = Dispatch(modules, call, account);
+  AccountOps::Answer answer = ops.Call(call, who);
+  if (answer.denied || answer.unavailable) {
+    SendError(res, answer.denied ? 401 : 500,
+              answer.denied ? "the session has ended: log in again" : "the account service is unavailable");
+    return;
+  }
+  const CallResult& result = answer.result;
   if (result.lookup != ModuleSet::Lookup::kFound) {
     SendError(res, 404, LookupMessage(result.lookup, call));
     return;
@@ -35,7 +41,7 @@ void HttpServer::Impl::ApiInfo(const HttpRequest& req, HttpResponse& res) {
   if (!Authorize(req, res, &s)) return;
   Json::Value out(Json::objectValue);
   out["success"] = true;
-  out["data"] = modules.Info();
+  out["data"] = ops.Info();
   SendJson(res, out);
 }
 
@@ -47,7 +53,7 @@ void HttpServer::Impl::ApiPost(const HttpRequest& req, HttpResponse& res) {
     SendError(res, 400, "the request body is not JSON");
     return;
   }
-  Serve(modules, body, s.account, res);
+  Serve(ops, body, LoginIdentity{s.account, s.stamp, s.grant}, res);
 }
 
 void HttpServer::Impl::ApiGet(const HttpRequest& req, HttpResponse& res) {
@@ -67,7 +73,7 @@ void HttpServer::Impl::ApiGet(const HttpRequest& req, HttpResponse& res) {
     }
   }
   body["params"] = params;
-  Serve(modules, body, s.account, res);
+  Serve(ops, body, LoginIdentity{s.account, s.stamp, s.grant}, res);
 }
 
 }  // namespace tavo_server

@@ -79,7 +79,7 @@ bool HttpServer::Impl::Authorize(const HttpRequest& req, HttpResponse& res,
   }
   res.log.account = s->account;
   // Membership may have been withdrawn, or the password changed, since the login.
-  switch (RecheckLogin(LoginIdentity{s->account, s->stamp})) {
+  switch (ops.Recheck(LoginIdentity{s->account, s->stamp, s->grant})) {
     case LoginResult::kOk:
       return true;
     case LoginResult::kUnavailable:
@@ -114,7 +114,7 @@ void HttpServer::Impl::Login(const HttpRequest& req, HttpResponse& res) {
   LoginGate::Attempt attempt{body["account"].asString(), body["password"].asString(),
                              req.remote_addr, CookieValue(req, kDeviceCookie)};
   res.log.account = attempt.account;
-  LoginGate::Outcome outcome = logins.Try(attempt);
+  LoginGate::Outcome outcome = logins.Try(attempt, ops);
   if (outcome.status != 200) {
     if (outcome.retry_after > 0) res.SetHeader("Retry-After", std::to_string(outcome.retry_after));
     SendError(res, outcome.status, outcome.error);
@@ -122,7 +122,7 @@ void HttpServer::Impl::Login(const HttpRequest& req, HttpResponse& res) {
   }
   res.log.account = outcome.who.name;
   SessionStore::Session s;
-  if (!sessions.Create(outcome.who.name, outcome.who.stamp, &s)) {
+  if (!sessions.Create(outcome.who.name, outcome.who.stamp, &s, outcome.who.grant)) {
     SendError(res, 500, "no session could be started");
     return;
   }

@@ -32,7 +32,7 @@ constexpr const char kSessionCookie[] = "tavo_session";
 constexpr const char kDeviceCookie[] = "tavo_device";
 
 struct HttpServer::Impl {
-  Impl(const ServeOptions& o, const ModuleSet& m);
+  Impl(const ServeOptions& o, AccountOps& a);
   ~Impl();
 
   struct Route {
@@ -42,7 +42,7 @@ struct HttpServer::Impl {
   };
 
   const ServeOptions& options;
-  const ModuleSet& modules;
+  AccountOps& ops;  // logins, re-checks and module calls
   SessionStore sessions;
   LoginGate logins;
   StaticFiles files;

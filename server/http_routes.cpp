@@ -67,9 +67,9 @@ const char* Reason(int status) {
   }
 }
 
-HttpServer::Impl::Impl(const ServeOptions& o, const ModuleSet& m)
+HttpServer::Impl::Impl(const ServeOptions& o, AccountOps& a)
     : options(o),
-      modules(m),
+      ops(a),
       sessions(std::chrono::seconds(o.session_idle), std::chrono::seconds(o.session_lifetime),
                static_cast<size_t>(o.max_sessions)),
       logins(LoginLimits(o), RandomHex(32), std::chrono::hours(24 * 30)),

@@ -260,8 +260,8 @@ HttpServer::Impl::~Impl() {
   if (listen_fd >= 0) close(listen_fd);
 }
 
-HttpServer::HttpServer(const ServeOptions& options, const ModuleSet& modules)
-    : impl_(new Impl(options, modules)) {}
+HttpServer::HttpServer(const ServeOptions& options, AccountOps& ops)
+    : impl_(new Impl(options, ops)) {}
 
 HttpServer::~HttpServer() = default;
 

@@ -40,6 +40,7 @@
 
 #include "http_message.h"
 #include "module_loader.h"
+#include "privsep/account_ops.h"
 #include "options.h"
 #include "status.h"
 
@@ -50,7 +51,9 @@ class HttpServer {
   enum class Lane { kEvent, kWorker };
   using Handler = std::function<void(const HttpRequest&, HttpResponse&)>;
 
-  HttpServer(const ServeOptions& options, const ModuleSet& modules);
+  // Account work (logins, re-checks, module calls) goes through `ops`, in this
+  // process or in a privileged one (privsep/); it must outlive the server.
+  HttpServer(const ServeOptions& options, AccountOps& ops);
   ~HttpServer();
   HttpServer(const HttpServer&) = delete;
   HttpServer& operator=(const HttpServer&) = delete;

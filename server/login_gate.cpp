@@ -4,7 +4,7 @@
 
 namespace tavo_server {
 
-LoginGate::Outcome LoginGate::Try(const Attempt& a) {
+LoginGate::Outcome LoginGate::Try(const Attempt& a, AccountOps& ops) {
   Outcome out;
   const std::string device =
       a.device_cookie.empty() ? "" : devices_.Verify(a.device_cookie, a.account);
@@ -17,7 +17,7 @@ LoginGate::Outcome LoginGate::Try(const Attempt& a) {
   }
   // No lock is held here: the delay slows this try only.
   if (ticket.delay.count() > 0) std::this_thread::sleep_for(ticket.delay);
-  const LoginResult result = CheckLogin(a.account, a.password, &out.who);
+  const LoginResult result = ops.CheckLogin(a.account, a.password, &out.who);
   throttle_.Finish(ticket, result == LoginResult::kOk);
   switch (result) {
     case LoginResult::kOk:

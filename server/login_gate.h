@@ -14,6 +14,7 @@
 #include "device_cookie.h"
 #include "login.h"
 #include "login_throttle.h"
+#include "privsep/account_ops.h"
 
 namespace tavo_server {
 
@@ -38,7 +39,8 @@ class LoginGate {
             std::chrono::seconds device_lifetime)
       : throttle_(limits), devices_(device_key, device_lifetime) {}
 
-  Outcome Try(const Attempt& a);
+  // Checks the password through `ops` (privsep/account_ops.h).
+  Outcome Try(const Attempt& a, AccountOps& ops);
   const DeviceCookies& devices() const { return devices_; }
 
  private:

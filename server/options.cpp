@@ -87,6 +87,8 @@ Status ParseServeOptions(const std::vector<std::string>& args, ServeOptions* out
       o.modules_dir = v;
     } else if (a == "--web") {
       o.web_dir = v;
+    } else if (a == "--privsep-user") {
+      o.privsep_user = v;
     } else if (a == "--tls-cert") {
       o.tls_cert = v;
     } else if (a == "--tls-key") {
@@ -146,6 +148,8 @@ std::string ServeUsage() {
     << "  --tls-cert FILE        serve HTTPS with this PEM certificate (chain) ...\n"
     << "  --tls-key FILE         ... and its PEM key; cookies are then Secure and HSTS is sent\n"
     << "  --insecure-http        allow plain HTTP on an address other than loopback\n"
+    << "  --privsep-user USER    (as root) parse HTTP in a process running as USER; this one\n"
+    << "                         keeps the account files and the modules\n"
     << "  --server-name NAME     also answer requests whose Host is NAME (repeatable; IP\n"
     << "                         addresses and localhost are always answered, other names get 421)\n"
     << "\nLimits (defaults in brackets):\n"

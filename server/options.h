@@ -39,6 +39,7 @@ struct ServeOptions {
   std::string tls_cert, tls_key;    // --tls-cert FILE --tls-key FILE (PEM): serve HTTPS
   bool insecure_http = false;       // --insecure-http: plain HTTP beyond loopback
   std::vector<std::string> server_names;  // --server-name NAME, repeatable: Host names answered
+  std::string privsep_user;         // --privsep-user USER: the front runs as USER (root only)
   bool help = false;
 
   bool tls() const { return !tls_cert.empty(); }

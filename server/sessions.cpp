@@ -20,8 +20,10 @@ bool SecretEquals(const std::string& a, const std::string& b) {
 
 }  // namespace
 
-bool SessionStore::Create(const std::string& account, const std::string& stamp, Session* out) {
+bool SessionStore::Create(const std::string& account, const std::string& stamp, Session* out,
+                          const std::string& grant) {
   Session s;
+  s.grant = grant;
   s.account = account;
   s.stamp = stamp;
   std::lock_guard<std::mutex> lock(mutex_);

@@ -34,6 +34,7 @@ class SessionStore {
     std::string token;
     std::string account;
     std::string stamp;  // of the account's password hash at login
+    std::string grant;  // the login's proof for the account process
     Clock::time_point created;
     Clock::time_point last_used;
   };
@@ -42,7 +43,8 @@ class SessionStore {
       : idle_(idle), lifetime_(lifetime), max_sessions_(max_sessions) {}
 
   // Starts a session for `account`; false when no random id could be made.
-  bool Create(const std::string& account, const std::string& stamp, Session* out);
+  bool Create(const std::string& account, const std::string& stamp, Session* out,
+              const std::string& grant = "");
   // The live session whose token is `token`; refreshes its idle timer.
   bool FindByToken(const std::string& token, Session* out);
   // The live session whose id is `id`; refreshes its idle timer.

@@ -1,0 +1,90 @@
+#include "privsep/split.h"
+
+#include <grp.h>
+#include <pthread.h>
+#include <pwd.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <thread>
+
+#include "cli.h"
+#include "privsep/priv_client.h"
+#include "privsep/priv_server.h"
+
+namespace tavo_server {
+namespace {
+
+bool DropTo(uid_t uid, gid_t gid) {
+  if (setgroups(0, nullptr) != 0 || setresgid(gid, gid, gid) != 0 || setresuid(uid, uid, uid) != 0 ||
+      prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0) {
+    fprintf(stderr, "tavo serve: the front process cannot drop its rights: %s\n", strerror(errno));
+    return false;
+  }
+  // Must not be able to come back.
+  return setuid(0) != 0;
+}
+
+}  // namespace
+
+int ServeSplit(const std::string& user, AccountOps& local, const sigset_t& stop_signals,
+               const FrontMain& front, const std::function<void()>& parent_started) {
+  struct passwd* pw = getpwnam(user.c_str());
+  if (pw == nullptr || pw->pw_uid == 0) {
+    fprintf(stderr, "tavo serve: no unprivileged user %s for the front process\n", user.c_str());
+    return kExitFailure;
+  }
+  const uid_t uid = pw->pw_uid;
+  const gid_t gid = pw->pw_gid;
+  PrivServer priv(local);
+  Status s = priv.Listen();
+  if (!s.ok()) {
+    fprintf(stderr, "tavo serve: %s\n", s.message().c_str());
+    return kExitFailure;
+  }
+  int go[2];
+  if (pipe(go) != 0) return kExitFailure;
+  fflush(stdout);
+  fflush(stderr);
+  const pid_t pid = fork();
+  if (pid < 0) return kExitFailure;
+  if (pid == 0) {
+    close(go[1]);
+    prctl(PR_SET_PDEATHSIG, SIGTERM);
+    char byte;
+    // Wait until the parent allows this process on the channel.
+    if (read(go[0], &byte, 1) != 1) _exit(kExitFailure);
+    close(go[0]);
+    PrivClient client(priv.address());
+    const int code = front(client, [uid, gid] { return DropTo(uid, gid); });
+    fflush(stdout);
+    fflush(stderr);
+    _exit(code);
+  }
+  close(go[0]);
+  priv.AllowPeer(pid, uid);
+  if (write(go[1], "g", 1) != 1) {
+    kill(pid, SIGKILL);
+  }
+  close(go[1]);
+  std::thread runner([&priv] { priv.Run(); });
+  parent_started();
+  std::thread forwarder([pid, stop_signals] {
+    int sig = 0;
+    sigwait(&stop_signals, &sig);
+    if (sig == SIGINT || sig == SIGTERM) kill(pid, SIGTERM);
+  });
+  int status = 0;
+  while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+  }
+  pthread_kill(forwarder.native_handle(), SIGTERM);  // wakes the sigwait
+  forwarder.join();
+  priv.Stop();
+  runner.join();
+  return WIFEXITED(status) ? WEXITSTATUS(status) : kExitFailure;
+}
+
+}  // namespace tavo_server

@@ -1,0 +1,42 @@
+// As root, `tavo serve --privsep-user nobody` parses HTTP in a process of
+// nobody that cannot read the account files, while logins and changes keep
+// working through the account process.
+import { test } from 'node:test';
+import assert from 'node:assert/strict';
+import { readFileSync, readdirSync, readlinkSync, chmodSync } from 'node:fs';
+import { spawnSync } from 'node:child_process';
+import { join } from 'node:path';
+import { scratch, initRoot, moduleFolder, startServer, login, call, GROUP_MODULE } from './helpers.mjs';
+
+const asRoot = process.getuid() === 0;
+
+test('the front runs as nobody, cannot open etc/shadow, and the API works', { skip: !asRoot && 'needs root' }, async () => {
+  const tmp = scratch();
+  chmodSync(tmp.dir, 0o755);
+  const root = initRoot(tmp.dir);
+  const server = await startServer({
+    root, modules: moduleFolder(tmp.dir, [GROUP_MODULE]), extra: ['--privsep-user', 'nobody'],
+  });
+  try {
+    const token = (await login(server.url)).body.data.token;
+    assert.match(token, /^[0-9a-f]{64}$/);
+    assert.equal((await call(server.url, token, 'TAVO.Core.Group', 'create', { name: 'split' })).success, true);
+    assert.ok(readFileSync(join(root, 'etc/group'), 'utf8').includes('\nsplit:'));
+
+    const children = readFileSync(`/proc/${server.child.pid}/task/${server.child.pid}/children`, 'utf8').trim().split(/\s+/);
+    assert.equal(children.length, 1, children.join(' '));
+    const front = children[0];
+    const [uid, gid] = ['Uid', 'Gid'].map((k) =>
+      readFileSync(`/proc/${front}/status`, 'utf8').match(new RegExp(`^${k}:\\s+(\\d+)\\s+(\\d+)\\s+(\\d+)`, 'm')).slice(1));
+    assert.deepEqual(uid, ['65534', '65534', '65534']);
+    const shadow = join(root, 'etc/shadow');
+    const open = readdirSync(`/proc/${front}/fd`).map((fd) => { try { return readlinkSync(`/proc/${front}/fd/${fd}`); } catch { return ''; } });
+    assert.ok(!open.some((p) => p.startsWith(join(root, 'etc'))), open.join('\n'));
+    const tryRead = spawnSync('setpriv', ['--reuid', uid[0], '--regid', gid[0], '--clear-groups', 'cat', shadow]);
+    assert.notEqual(tryRead.status, 0);
+    assert.equal(spawnSync('cat', [shadow]).status, 0);  // the file is there for root
+  } finally {
+    await server.stop();
+    tmp.cleanup();
+  }
+});
