@@ -79,9 +79,9 @@ def slow(port, token, pid, heads, idle):
         s.bind((f'127.0.1.{1 + i % 200}', 0))
         s.connect(('127.0.0.1', port))
         if i < heads:
-            s.sendall(b'GET /api HTTP/1.1\r\nHost: x\r\n')
+            s.sendall(b'GET /api HTTP/1.1\r\nHost: 127.0.0.1\r\n')
         else:
-            s.sendall(b'GET /page.json HTTP/1.1\r\nHost: x\r\n\r\n')
+            s.sendall(b'GET /page.json HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n')
         held.append(s)
     for s in held[heads:]:  # read each idle connection's answer; it stays open
         s.settimeout(10)
