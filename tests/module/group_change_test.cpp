@@ -2,6 +2,8 @@
 // reload hooks and log lines.
 #include <unistd.h>
 
+#include <utility>
+
 #include "module_harness.h"
 #include "tavo/handler.h"
 #include "tavo/testing.h"
@@ -50,6 +52,22 @@ TEST_F(GroupChangeTest, CreateRefusals) {
   EXPECT_EQ(GroupLine("x2"), "");
   EXPECT_TRUE(Events().empty());
   EXPECT_TRUE(Reloads().empty());
+}
+
+// A save can still fail after the module's own checks (another writer took
+// the name meanwhile, a full disk, ...): each platform error has its answer.
+TEST_F(GroupChangeTest, SaveFailuresAreTranslatedOneByOne) {
+  const std::pair<int, int> table[] = {{0x1700, 3206}, {0xB700, 3207}, {0x0300, 3211},
+                                       {0x0400, 3202}, {0x1600, 3208}, {0x1800, 3205},
+                                       {0x1900, 3209}, {0x0500, 3299}, {0x0100, 3299}};
+  for (const auto& [platform, api] : table) {
+    tavo::testing::FailNext("group.save", platform);
+    EXPECT_EQ(CallGroup("create", "{\"name\": \"raced\"}").code, api) << std::hex << platform;
+    tavo::testing::FailNext("group.save", platform);
+    EXPECT_EQ(CallMember("add", "{\"group\": \"staff\", \"name\": \"admin\"}").code, api)
+        << std::hex << platform;
+  }
+  EXPECT_EQ(GroupLine("raced"), "");
 }
 
 TEST_F(GroupChangeTest, CreateHonoursTheGroupLimit) {

@@ -131,6 +131,22 @@ TEST_F(MemberTest, AddRefusals) {
   ExpectUserLockFree();
 }
 
+// The account tools may store "users" in another letter case; its members
+// stay fixed all the same, and listing it still lists every user.
+TEST_F(MemberTest, UsersStaysFixedInAnyLetterCase) {
+  for (const char* file : {"/etc/group", "/etc/gshadow"}) {
+    std::string text = root_->Read(file);
+    text.replace(text.find("\nusers:"), 7, "\nUsers:");
+    root_->Write(file, text);
+  }
+  EXPECT_EQ(CallMember("add", "{\"group\": \"USERS\", \"name\": \"bob\"}").code, 3216);
+  EXPECT_EQ(CallMember("remove", "{\"group\": \"Users\", \"name\": \"bob\"}").code, 3216);
+  EXPECT_EQ(GroupLine("Users"), "Users:x:100:");
+  Answer list = CallMember("list", "{\"group\": \"users\"}");
+  ASSERT_TRUE(list.success);
+  EXPECT_EQ(list.data["users"].size(), 5u);  // admin, guest, alice, bob, carol
+}
+
 TEST_F(MemberTest, RemoveKeepsAValidAdministrator) {
   ExpireAdmin();
   ASSERT_TRUE(CallMember("add", "{\"group\": \"administrators\", \"name\": [\"alice\", \"bob\", \"carol\"]}").success);
