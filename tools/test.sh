@@ -8,6 +8,8 @@
 #      each for TAVO_FUZZ_SECONDS (default 30) from its checked-in corpus
 # Set TAVO_SKIP_BROWSER=1 to skip step 4, TAVO_SKIP_ASAN=1 to skip step 2,
 # TAVO_SKIP_FUZZ=1 to skip step 5.
+#   6. the concurrency tests, and the HTTP tests against the server, built with
+#      ThreadSanitizer in build-tsan/ (TAVO_SKIP_TSAN=1 skips it)
 set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
 cd "$top"
@@ -16,7 +18,7 @@ cd "$top"
 # chroot into temporary roots: that needs root, as in CI.
 if [ "$(id -u)" -ne 0 ]; then
   echo "test.sh: the tests need root (the account tools chroot into test roots); re-running with sudo"
-  exec sudo --preserve-env=TAVO_SKIP_BROWSER,TAVO_SKIP_ASAN,TAVO_SKIP_FUZZ,TAVO_FUZZ_SECONDS,CI "$0" "$@"
+  exec sudo --preserve-env=TAVO_SKIP_BROWSER,TAVO_SKIP_ASAN,TAVO_SKIP_FUZZ,TAVO_FUZZ_SECONDS,TAVO_SKIP_TSAN,CI "$0" "$@"
 fi
 
 "$top/tools/install-deps.sh" --browser
@@ -47,4 +49,18 @@ if [ "${TAVO_SKIP_FUZZ:-0}" != 1 ]; then
     -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTAVO_FUZZ=ON -DTAVO_BUILD_BENCH=OFF >/dev/null
   cmake --build "$top/build-fuzz" --target fuzz_all -j 2
   "$top/tests/fuzz/run.sh" "${TAVO_FUZZ_SECONDS:-30}" "$top/build-fuzz"
+fi
+
+if [ "${TAVO_SKIP_TSAN:-0}" != 1 ]; then
+  echo "== concurrency tests and the server under ThreadSanitizer"
+  cmake -S "$top" -B "$top/build-tsan" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+    -DTAVO_TSAN=ON -DTAVO_BUILD_BENCH=OFF >/dev/null
+  cmake --build "$top/build-tsan" -j 2 --target tavo_accounts_tests tavo_platform_tests \
+    tavo_server_tests tavo_cli tavo_group_module
+  # No suppressions: a report fails the step.
+  export TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1"
+  ctest --test-dir "$top/build-tsan" --output-on-failure -j 2 \
+    -R 'Concurrency|Concurrent|ProcessesWriteTogether|HandlerLockTest'
+  TAVO_BIN="$top/build-tsan/bin/tavo" node --test "$top"/tests/e2e/*.test.mjs
+  unset TSAN_OPTIONS
 fi
