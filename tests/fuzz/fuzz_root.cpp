@@ -72,6 +72,12 @@ FuzzRoot::FuzzRoot() {
   std::string templ = base + "/tavo-fuzz-XXXXXX";
   if (!mkdtemp(templ.data())) Fail("mkdtemp failed under " + base);
   dir_ = templ;
+  // libFuzzer ends with exit(): the root goes with the process.
+  static std::string* leftover = new std::string(dir_);
+  atexit([] {
+    std::error_code ec;
+    fs::remove_all(*leftover, ec);
+  });
   for (const char* d : {"/etc/tavo", "/tmp", "/var/lib/tavo", "/usr/tavo/etc/private"})
     fs::create_directories(dir_ + d);
   Put("/etc/tavo/tavo.conf", "maxgroups = 16\n");
