@@ -2,18 +2,20 @@
 
 #include <ctime>
 
+#include "terminal_text.h"
+
 namespace tavo_server {
 namespace {
 
 std::string Or(const std::string& s) { return s.empty() ? "-" : s; }
 
 // Keeps a log line on one line, and each field one word, whatever a client
-// sent.
+// sent; C1 controls, direction overrides and stray bytes come out escaped.
 std::string Clean(const std::string& s) {
   std::string out;
   for (char c : s.substr(0, 200))
     out += static_cast<unsigned char>(c) <= 0x20 || c == 0x7f || c == '"' ? '?' : c;
-  return out;
+  return TerminalSafe(out);
 }
 
 }  // namespace
