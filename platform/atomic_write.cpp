@@ -1,14 +1,20 @@
-// Temp-file, fsync and rename writes of the account files.
+// Prepared temporary files, an intent journal, then renames: one change
+// across several account files.
 #include "atomic_write.h"
 
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <set>
 
-#include "snapshot.h"
 #include "acct_error.h"
+#include "change_journal.h"
+#include "snapshot.h"
 #include "tavo/testing.h"
 
 namespace tavo {
@@ -26,36 +32,43 @@ bool WriteAll(int fd, const std::string& data) {
   return true;
 }
 
-void SyncDir(const std::string& dir) {
-  int fd = open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (fd < 0) return;
-  fsync(fd);
-  close(fd);
+// Crash tests set TAVO_TEST_KILL_AT to a point name; the process then dies
+// there, as a power cut would stop it.
+void MaybeDieAt(const char* point) {
+  const char* at = getenv("TAVO_TEST_KILL_AT");
+  if (at && strcmp(at, point) == 0) kill(getpid(), SIGKILL);
 }
 
 }  // namespace
 
-bool AtomicWrite(const std::string& path, const std::string& content, unsigned new_mode,
-                 bool backup) {
-  size_t slash = path.rfind('/');
-  std::string dir = slash == std::string::npos ? "." : (slash == 0 ? "/" : path.substr(0, slash));
-  std::string base = slash == std::string::npos ? path : path.substr(slash + 1);
+FileSetWriter::~FileSetWriter() { Discard(); }
 
+void FileSetWriter::Add(const std::string& path, std::string content, unsigned new_mode) {
+  items_.push_back(Item{path, std::move(content), std::string(), new_mode});
+}
+
+void FileSetWriter::Discard() {
+  for (Item& it : items_) {
+    if (!it.tmp.empty()) unlink(it.tmp.c_str());
+    it.tmp.clear();
+  }
+}
+
+bool FileSetWriter::Prepare(Item* item) {
+  const std::string dir = DirOf(item->path);
+  const size_t slash = item->path.rfind('/');
+  const std::string base = slash == std::string::npos ? item->path : item->path.substr(slash + 1);
   struct stat old;
-  bool existed = stat(path.c_str(), &old) == 0;
+  const bool existed = stat(item->path.c_str(), &old) == 0;
   std::string tmp = dir + "/." + base + ".tavo.XXXXXX";
   int fd = mkostemp(tmp.data(), O_CLOEXEC);
   if (fd < 0) return ACCT_ERR(TAVO_ERR_IO), false;
-
-  bool ok = true;
-  if (existed) {
-    ok = fchown(fd, old.st_uid, old.st_gid) == 0 && fchmod(fd, old.st_mode & 07777) == 0;
-  } else {
-    ok = fchmod(fd, new_mode) == 0;
-  }
+  item->tmp = tmp;
+  bool ok = existed ? fchown(fd, old.st_uid, old.st_gid) == 0 && fchmod(fd, old.st_mode & 07777) == 0
+                    : fchmod(fd, item->mode) == 0;
   if (!ok) ACCT_ERR(TAVO_ERR_IO);
   if (ok && TAVO_FAULT("file.write")) ok = false;
-  if (ok && !(WriteAll(fd, content) && fsync(fd) == 0)) {
+  if (ok && !(WriteAll(fd, item->content) && fsync(fd) == 0)) {
     ok = false;
     ACCT_ERR(TAVO_ERR_IO);
   }
@@ -63,50 +76,69 @@ bool AtomicWrite(const std::string& path, const std::string& content, unsigned n
     ok = false;
     ACCT_ERR(TAVO_ERR_IO);
   }
-  if (ok && existed && backup) {
-    // The backup is the old file itself, linked under NAME-.
-    std::string backup_path = path + "-";
-    unlink(backup_path.c_str());
-    if (link(path.c_str(), backup_path.c_str()) != 0) {
-      ok = false;
-      ACCT_ERR(TAVO_ERR_IO);
-    }
-  }
-  if (ok && TAVO_FAULT("file.rename")) ok = false;
-  if (ok && rename(tmp.c_str(), path.c_str()) != 0) {
-    ok = false;
-    ACCT_ERR(TAVO_ERR_IO);
-  }
-  if (!ok) {
-    unlink(tmp.c_str());
-    return false;
-  }
-  SyncDir(dir);
-  InvalidateSnapshot(path);
-  return true;
-}
-
-void FileSetWriter::Add(const std::string& path, const std::string& old_content, bool existed,
-                        const std::string& new_content, unsigned new_mode) {
-  items_.push_back(Item{path, old_content, new_content, existed, new_mode});
+  return ok;
 }
 
 bool FileSetWriter::Commit() {
-  for (size_t i = 0; i < items_.size(); ++i) {
-    if (AtomicWrite(items_[i].path, items_[i].new_content, items_[i].mode)) continue;
-    // Put back what was already written; keep the first failure's error state.
-    int code = TLIBCErrGet();
-    const char* file = TLIBCErrorGetFile();
-    int line = TLIBCErrorGetLine();
-    for (size_t k = i; k-- > 0;) {
-      const Item& it = items_[k];
-      if (it.existed) AtomicWrite(it.path, it.old_content, it.mode, false);
-      else unlink(it.path.c_str());
+  if (items_.empty()) return true;
+  // 1. Every new content durably in its temporary file; a failure changes nothing.
+  for (Item& it : items_) {
+    if (!Prepare(&it)) {
+      Discard();
+      return false;
     }
+  }
+  // 2. The intent, durably, before the first rename.
+  std::vector<JournalEntry> entries;
+  for (const Item& it : items_) {
+    JournalEntry e;
+    struct stat st;
+    if (stat(it.path.c_str(), &st) == 0) {
+      e.dev = st.st_dev;
+      e.ino = st.st_ino;
+    }
+    e.target = it.path;
+    e.tmp = it.tmp;
+    entries.push_back(e);
+  }
+  if (!WriteJournal(entries)) {
+    Discard();
+    return false;
+  }
+  // 3. The renames; the journal now owns the temporary files.
+  bool ok = true;
+  size_t renamed = 0;
+  std::set<std::string> dirs;
+  for (size_t i = 0; i < items_.size() && ok; ++i) {
+    if (i > 0) MaybeDieAt("file.between");
+    ok = RenameIntoPlace(items_[i].tmp, items_[i].path);
+    if (ok) {
+      items_[i].tmp.clear();
+      ++renamed;
+    }
+    dirs.insert(DirOf(items_[i].path));
+    InvalidateSnapshot(items_[i].path);
+  }
+  if (ok) {
+    for (const std::string& d : dirs) ok = SyncDir(d) && ok;
+    if (ok) return RemoveJournal();
+    ACCT_ERR(TAVO_ERR_IO);
+  }
+  int code = TLIBCErrGet();
+  const char* file = TLIBCErrorGetFile();
+  int line = TLIBCErrorGetLine();
+  // Nothing renamed yet: the change can still be abandoned.
+  if (renamed == 0 && RemoveJournal()) {
+    Discard();
     TLIBCErrSet(code, file, line);
     return false;
   }
-  return true;
+  // Some files were replaced: the change is completed now.
+  for (Item& it : items_) it.tmp.clear();  // left to the journal
+  RecoveryReport report;
+  if (RecoverChange("the writer", &report)) return true;
+  TLIBCErrSet(code, file, line);
+  return false;
 }
 
 }  // namespace acct

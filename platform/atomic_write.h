@@ -1,23 +1,28 @@
 // Durable replacement of an account file, and of several files as one change.
 //
-// AtomicWrite(path, content) writes `content` to a new temporary file in the
-// same folder (named ".NAME.tavo.XXXXXX", never NAME+, NAME-, NAME.lock or
-// NAME.<pid>), gives it the old file's owner and mode (or `new_mode` and root
-// for a new file), fsyncs it, keeps the old file as the NAME- backup, renames
-// the temporary file over NAME and fsyncs the folder. Readers always see
-// either the whole old or the whole new file. On failure the temporary file is
-// removed and NAME is left as it was.
-//
-// FileSetWriter applies several such writes in order; when one fails, the
-// files already written are put back to their old content, so the change is
-// all or nothing as far as the file system allows. Their NAME- backups then
-// hold the old content too.
-//
-// `backup` false leaves NAME- alone: a rollback puts the old content back
-// without making the content that failed to commit the backup.
+// FileSetWriter replaces several files as one change, all or nothing:
+//   1. prepare: each new content goes to a temporary file in the target's
+//      folder (".NAME.tavo.XXXXXX", never NAME+, NAME-, NAME.lock or
+//      NAME.<pid>) with the old file's owner and mode (or `new_mode` and root
+//      for a new file), and is fsynced. A failure here removes every temporary
+//      file: nothing changed, and Commit answers false.
+//   2. intent: a small journal (see change_journal.h) naming each target, its
+//      temporary file and the identity of the file it replaces is written and
+//      fsynced. From here on the change is decided and will be completed.
+//   3. apply: for each file, the old file is kept as the NAME- backup (a hard
+//      link) and the temporary file is renamed over NAME; then the folders are
+//      fsynced and the journal removed.
+// When the first rename fails, the change is abandoned (journal and temporary
+// files removed): false, nothing changed. When a later step of 3 fails, the
+// writer completes the change at once through the journal (RecoverChange) and
+// answers true. Only when that fails too does Commit answer false with the
+// change half done; the journal then stays behind, and the next writer,
+// `tavo serve` at start or `tavo check --repair` completes it.
 //
 // Callers hold the account locks (account_lock.h). Fault points: "file.write"
-// fails the write step (as a full disk), "file.rename" the rename step.
+// fails the write step of step 1 (as a full disk), "file.rename" a rename of
+// step 3; with TAVO_TEST_KILL_AT=file.between in the environment the process
+// kills itself between two renames (crash tests).
 // Errors: false with the error state set (TAVO_ERR_IO, or the injected code).
 #ifndef TAVO_PLATFORM_ATOMIC_WRITE_H_
 #define TAVO_PLATFORM_ATOMIC_WRITE_H_
@@ -28,24 +33,25 @@
 namespace tavo {
 namespace acct {
 
-bool AtomicWrite(const std::string& path, const std::string& content, unsigned new_mode = 0644,
-                 bool backup = true);
-
 class FileSetWriter {
  public:
-  // `existed`: whether the file was there before (a rollback of a new file
-  // removes it).
-  void Add(const std::string& path, const std::string& old_content, bool existed,
-           const std::string& new_content, unsigned new_mode = 0644);
+  FileSetWriter() = default;
+  ~FileSetWriter();  // removes temporary files of a change never committed
+  FileSetWriter(const FileSetWriter&) = delete;
+  FileSetWriter& operator=(const FileSetWriter&) = delete;
+
+  // Queues `content` as the new content of `path`.
+  void Add(const std::string& path, std::string content, unsigned new_mode = 0644);
   bool empty() const { return items_.empty(); }
   bool Commit();
 
  private:
   struct Item {
-    std::string path, old_content, new_content;
-    bool existed;
+    std::string path, content, tmp;
     unsigned mode;
   };
+  bool Prepare(Item* item);
+  void Discard();
   std::vector<Item> items_;
 };
 

@@ -25,6 +25,8 @@ const CatalogueEntry kCatalogue[] = {
     {0x11800903, "The appliance left Windows domain '%1'."},
     {0x11800904, "The groups of %1 were synchronised: %2 groups from %3 in %4 ms."},
     {0x11800905, "The synchronisation of the groups of %1 failed: %2"},
+    {0x11800700, "A change of the account files cut off by a crash was completed by %1: %2."},
+    {0x11800701, "The account files were repaired by %1: %2."},
 };
 
 }  // namespace

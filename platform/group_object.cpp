@@ -144,11 +144,17 @@ bool Group::IsMember(const std::string& user) const {
   return Guarded(false, [&] { return rep_->member_index.Find(rep_->members, user) >= 0; });
 }
 
-bool Group::AddMember(const std::string& user) {
+bool Group::AddMember(const std::string& user_in) {
   return Guarded(false, [&] {
-    int why = CheckMemberName(user);
+    int why = CheckMemberName(user_in);
     if (why != TAVO_ERR_NONE) return TAVO_ERR_SET(why), false;
-    if (rep_->member_index.Find(rep_->members, user) >= 0) return true;
+    if (rep_->member_index.Find(rep_->members, user_in) >= 0) return true;
+    // A user's own spelling, whatever the spelling asked for.
+    std::string user = user_in;
+    if (auto users = Passwd()) {
+      int u = users->Find(user_in);
+      if (u >= 0) user = users->users[u].name;
+    }
     rep_->members.push_back(user);
     rep_->member_index.Appended(rep_->members);
     if (std::find(rep_->removed.begin(), rep_->removed.end(), user) != rep_->removed.end())

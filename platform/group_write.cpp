@@ -12,6 +12,7 @@
 
 #include "account_lock.h"
 #include "atomic_write.h"
+#include "change_journal.h"
 #include "group_internal.h"
 #include "names.h"
 #include "snapshot.h"
@@ -29,6 +30,9 @@ struct GroupFiles {
   std::vector<std::string> group_lines, gshadow_lines, desc_lines;
 
   bool Read() {
+    // A change cut off by a crash is completed before anything is read.
+    RecoveryReport report;
+    if (!RecoverChange("the next writer", &report)) return false;
     group_path = TavoRootPath(kGroupPath);
     gshadow_path = TavoRootPath(kGshadowPath);
     desc_path = TavoRootPath(kDescPath);
@@ -48,16 +52,16 @@ struct GroupFiles {
   // Queues the files whose lines changed.
   void Queue(FileSetWriter* w) const {
     std::string g = JoinLines(group_lines);
-    if (g != group_text) w->Add(group_path, group_text, true, g);
+    if (g != group_text) w->Add(group_path, std::move(g));
     if (has_gshadow) {
       std::string s = JoinLines(gshadow_lines);
-      if (s != gshadow_text) w->Add(gshadow_path, gshadow_text, true, s, 0640);
+      if (s != gshadow_text) w->Add(gshadow_path, std::move(s), 0640);
     }
     std::string d = JoinLines(desc_lines);
     if (d != desc_text) {
       size_t slash = desc_path.rfind('/');
       mkdir(desc_path.substr(0, slash).c_str(), 0755);
-      w->Add(desc_path, desc_text, has_desc, d);
+      w->Add(desc_path, std::move(d));
     }
   }
 };
@@ -155,7 +159,14 @@ bool ApplyGroupChange(GroupChange* c) {
   GroupFiles f;
   if (!f.Read()) return false;
   auto defs = Defs();
-  if (!defs) return false;
+  auto users = Passwd();
+  if (!defs || !users) return false;
+  // Members are written under the user's own name, as glibc and the account
+  // tools match them exactly; a name that is no user's stays as given.
+  for (std::string& a : c->added) {
+    int u = users->Find(a);
+    if (u >= 0) a = users->users[u].name;
+  }
 
   const std::string old_name = c->create ? c->new_name : c->orig_name;
   const bool renaming = !c->create && c->new_name != c->orig_name;

@@ -20,7 +20,9 @@
 #include "options.h"
 #include "periodic_sync.h"
 #include "privsep/split.h"
+#include "tavo/error.h"
 #include "tavo/root.h"
+#include "tavo/store_check.h"
 #include "terminal_text.h"
 
 namespace tavo_server {
@@ -117,6 +119,13 @@ int ServeMain(const std::vector<std::string>& args) {
   setenv("LDAPNOINIT", "1", 1);
   // The modules' system-log lines are copied to standard error.
   openlog("tavo", LOG_PERROR | LOG_PID, LOG_USER);
+
+  // A change of the group files that a crash cut off is completed first.
+  tavo::StoreCheckResult recovered;
+  if (!tavo::RecoverAccountFiles("tavo serve", &recovered))
+    syslog(LOG_WARNING, "cannot complete a cut-off change of the group files (error 0x%04X)",
+           TLIBCErrGet());
+  for (const std::string& r : recovered.repairs) syslog(LOG_NOTICE, "%s", r.c_str());
 
   ModuleSet modules;
   if (!LoadAllModules(options.modules_dir, &modules, true)) return kExitFailure;

@@ -16,6 +16,7 @@ const char kUsage[] =
     "  init DIR [--demo] [--force]                                         create a root\n"
     "  log [--root DIR] [--limit N] [--offset N]                            show the event log\n"
     "  directory [--root DIR] ldap|domain|sync|status ...                   LDAP and domain groups\n"
+    "  check [--root DIR] [--repair]                                        check the group files\n"
     "Run `tavo COMMAND --help` for details. See docs/server.md.\n";
 
 }  // namespace
@@ -32,6 +33,7 @@ int main(int argc, char** argv) {
   if (command == "init") return tavo_server::InitMain(args);
   if (command == "log") return tavo_server::LogMain(args);
   if (command == "directory") return tavo_server::DirectoryMain(args);
+  if (command == "check") return tavo_server::CheckMain(args);
   if (command == "-h" || command == "--help" || command == "help") {
     fputs(kUsage, stdout);
     return tavo_server::kExitOk;
