@@ -1,7 +1,9 @@
 // Writers of the group files: one group's change, and deletions.
 //
-// Both read the files after taking the account locks and apply only their own
-// change to the lines as they stand, so concurrent changes by other writers
+// Both read the files after taking the account locks (and completing a change
+// a crash cut off) and apply only their own change to the lines as they
+// stand; a change of members alone replaces just the group's two lines in the
+// files' bytes, so concurrent changes by other writers
 // (other threads, other processes, the system's account tools) are kept.
 #include <sys/stat.h>
 
@@ -13,6 +15,7 @@
 #include "account_lock.h"
 #include "atomic_write.h"
 #include "change_journal.h"
+#include "line_splice.h"
 #include "group_internal.h"
 #include "names.h"
 #include "snapshot.h"
@@ -30,9 +33,6 @@ struct GroupFiles {
   std::vector<std::string> group_lines, gshadow_lines, desc_lines;
 
   bool Read() {
-    // A change cut off by a crash is completed before anything is read.
-    RecoveryReport report;
-    if (!RecoverChange("the next writer", &report)) return false;
     group_path = TavoRootPath(kGroupPath);
     gshadow_path = TavoRootPath(kGshadowPath);
     desc_path = TavoRootPath(kDescPath);
@@ -151,25 +151,80 @@ bool AllocateGid(const std::vector<GroupLine>& parsed, const std::vector<bool>& 
   return false;
 }
 
+// Takes the account locks and completes a change a crash cut off.
+bool LockAndRecover(AccountLock* lock) {
+  if (!lock->Acquire({TavoRootPath(kGroupPath), TavoRootPath(kGshadowPath)})) return false;
+  RecoveryReport report;
+  return RecoverChange("the next writer", &report);
+}
+
+// A change of members alone: the group's line and its gshadow line are
+// replaced in the files' bytes; nothing else is split, parsed or rebuilt.
+bool ApplyMemberChange(GroupChange* c) {
+  const std::string group_path = TavoRootPath(kGroupPath);
+  const std::string gshadow_path = TavoRootPath(kGshadowPath);
+  std::string group_text, gshadow_text;
+  FileKey gkey, skey;
+  if (!ReadWholeFile(group_path, &group_text, &gkey)) return false;
+  if (!gkey.exists) return ACCT_ERR(TAVO_ERR_IO), false;
+  if (!ReadWholeFile(gshadow_path, &gshadow_text, &skey)) return false;
+
+  // The first line of the stored name that parses is the group's.
+  LineSpan span;
+  GroupLine g;
+  bool found = false;
+  for (size_t from = 0; !found && FindNamedLine(group_text, c->orig_name, from, &span);
+       from = span.end + 1) {
+    found = ParseGroupLine(group_text.substr(span.begin, span.end - span.begin), &g);
+  }
+  if (!found) return ACCT_ERR(TAVO_ERR_NO_GROUP), false;
+  const std::string old_line = group_text.substr(span.begin, span.end - span.begin);
+  ApplyMembers(&g.members, c->added, c->removed);
+  c->gid_out = g.gid;
+  const std::string new_line = FormatGroupLine(g);
+
+  FileSetWriter writer;
+  if (new_line != old_line) writer.Add(group_path, SpliceLine(group_text, span, new_line));
+  if (skey.exists) {
+    LineSpan s;
+    std::string text;
+    if (FindNamedLine(gshadow_text, c->orig_name, 0, &s)) {
+      std::string line = gshadow_text.substr(s.begin, s.end - s.begin);
+      const std::string before = line;
+      std::vector<std::string> gm = SplitMembers(GetField(line, 3));
+      ApplyMembers(&gm, c->added, c->removed);
+      if (!ReplaceField(&line, 3, JoinMembers(gm))) line = c->orig_name + ":!::" + JoinMembers(g.members);
+      if (line != before) text = SpliceLine(gshadow_text, s, line);
+    } else {
+      text = AppendLine(gshadow_text, c->orig_name + ":!::" + JoinMembers(g.members));
+    }
+    if (!text.empty()) writer.Add(gshadow_path, std::move(text), 0640);
+  }
+  return writer.Commit();
+}
+
 }  // namespace
 
 bool ApplyGroupChange(GroupChange* c) {
   AccountLock lock;
-  if (!lock.Acquire({TavoRootPath(kGroupPath), TavoRootPath(kGshadowPath)})) return false;
-  GroupFiles f;
-  if (!f.Read()) return false;
-  auto defs = Defs();
+  if (!LockAndRecover(&lock)) return false;
   auto users = Passwd();
-  if (!defs || !users) return false;
+  if (!users) return false;
   // Members are written under the user's own name, as glibc and the account
   // tools match them exactly; a name that is no user's stays as given.
   for (std::string& a : c->added) {
     int u = users->Find(a);
     if (u >= 0) a = users->users[u].name;
   }
+  const bool renaming = !c->create && c->new_name != c->orig_name;
+  if (!c->create && !renaming && !c->desc_changed) return ApplyMemberChange(c);
+
+  GroupFiles f;
+  if (!f.Read()) return false;
+  auto defs = Defs();
+  if (!defs) return false;
 
   const std::string old_name = c->create ? c->new_name : c->orig_name;
-  const bool renaming = !c->create && c->new_name != c->orig_name;
   // Every line is parsed only when the name or a new GID must be checked
   // against all groups; a membership change touches its own line alone.
   std::vector<GroupLine> parsed(f.group_lines.size());
@@ -255,7 +310,7 @@ bool ApplyGroupChange(GroupChange* c) {
 
 int DeleteGroups(const std::vector<std::string>& names) {
   AccountLock lock;
-  if (!lock.Acquire({TavoRootPath(kGroupPath), TavoRootPath(kGshadowPath)})) return -1;
+  if (!LockAndRecover(&lock)) return -1;
   GroupFiles f;
   if (!f.Read()) return -1;
   auto defs = Defs();

@@ -1,0 +1,32 @@
+// Line-level edits of an account file's bytes: find a line by its name field
+// and replace or append one line, copying every other byte as it is (comments,
+// NIS lines, lines that do not parse and CRLF endings stay byte for byte).
+//
+// Thread-safety: pure functions. Errors: none (std::bad_alloc may propagate).
+#ifndef TAVO_PLATFORM_LINE_SPLICE_H_
+#define TAVO_PLATFORM_LINE_SPLICE_H_
+
+#include <cstddef>
+#include <string>
+
+namespace tavo {
+namespace acct {
+
+// A line of a text: bytes [begin, end), its newline (if any) not included.
+struct LineSpan {
+  size_t begin = 0, end = 0;
+};
+
+// The first line at or after byte `from` (a line start) whose name field (the
+// text before its first ':') is exactly `name`. False when there is none.
+bool FindNamedLine(const std::string& text, const std::string& name, size_t from, LineSpan* out);
+// `text` with the line at `span` replaced by `line` (which has no newline);
+// a last line without a newline gets one.
+std::string SpliceLine(const std::string& text, const LineSpan& span, const std::string& line);
+// `text` with `line` added as a new last line.
+std::string AppendLine(const std::string& text, const std::string& line);
+
+}  // namespace acct
+}  // namespace tavo
+
+#endif  // TAVO_PLATFORM_LINE_SPLICE_H_
