@@ -178,6 +178,10 @@ bool ApplyMemberChange(GroupChange* c) {
     found = ParseGroupLine(group_text.substr(span.begin, span.end - span.begin), &g);
   }
   if (!found) return ACCT_ERR(TAVO_ERR_NO_GROUP), false;
+  c->gid_out = g.gid;
+  // Nothing to change: the lines stay as they are, byte for byte, even where
+  // a rewrite would tidy them.
+  if (c->added.empty() && c->removed.empty()) return true;
   const std::string old_line = group_text.substr(span.begin, span.end - span.begin);
   ApplyMembers(&g.members, c->added, c->removed);
   c->gid_out = g.gid;
