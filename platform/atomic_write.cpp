@@ -72,6 +72,8 @@ bool FileSetWriter::Prepare(Item* item) {
     ok = false;
     ACCT_ERR(TAVO_ERR_IO);
   }
+  struct stat st;
+  if (ok && fstat(fd, &st) == 0) item->ino = st.st_ino;
   if (close(fd) != 0 && ok) {
     ok = false;
     ACCT_ERR(TAVO_ERR_IO);
@@ -120,23 +122,39 @@ bool FileSetWriter::Commit() {
     InvalidateSnapshot(items_[i].path);
   }
   if (ok) {
-    for (const std::string& d : dirs) ok = SyncDir(d) && ok;
-    if (ok) return RemoveJournal();
-    ACCT_ERR(TAVO_ERR_IO);
+    // Every file is replaced: the change is whole, whatever the clean-up
+    // steps answer (a journal left behind names no temporary file that still
+    // exists, and the next writer removes it).
+    for (const std::string& d : dirs) SyncDir(d);
+    RemoveJournal();
+    return true;
   }
   int code = TLIBCErrGet();
   const char* file = TLIBCErrorGetFile();
   int line = TLIBCErrorGetLine();
-  // Nothing renamed yet: the change can still be abandoned.
-  if (renamed == 0 && RemoveJournal()) {
-    Discard();
-    TLIBCErrSet(code, file, line);
-    return false;
+  // Nothing renamed yet: the change can still be abandoned, once its journal
+  // is gone.
+  struct stat st;
+  if (renamed == 0) {
+    RemoveJournal();
+    if (lstat(JournalPath().c_str(), &st) != 0) {
+      Discard();
+      TLIBCErrSet(code, file, line);
+      return false;
+    }
   }
-  // Some files were replaced: the change is completed now.
-  for (Item& it : items_) it.tmp.clear();  // left to the journal
+  // Some files were replaced (or the journal could not be withdrawn): the
+  // change is completed now from the journal. The answer is whether every
+  // target is now the file this writer prepared for it.
   RecoveryReport report;
-  if (RecoverChange("the writer", &report)) return true;
+  RecoverChange("the writer", &report);
+  bool whole = true;
+  for (Item& it : items_) {
+    if (lstat(it.path.c_str(), &st) != 0 || static_cast<unsigned long long>(st.st_ino) != it.ino)
+      whole = false;
+    it.tmp.clear();  // left to the journal
+  }
+  if (whole) return true;
   TLIBCErrSet(code, file, line);
   return false;
 }

@@ -13,11 +13,13 @@
 //      link) and the temporary file is renamed over NAME; then the folders are
 //      fsynced and the journal removed.
 // When the first rename fails, the change is abandoned (journal and temporary
-// files removed): false, nothing changed. When a later step of 3 fails, the
-// writer completes the change at once through the journal (RecoverChange) and
-// answers true. Only when that fails too does Commit answer false with the
-// change half done; the journal then stays behind, and the next writer,
-// `tavo serve` at start or `tavo check --repair` completes it.
+// files removed): false, nothing changed. When a later rename fails, the
+// writer completes the change at once through the journal (RecoverChange).
+// Once every file is in place the answer is true, whatever the clean-up steps
+// (folder fsync, journal removal) answer. Only when the completion fails too
+// does Commit answer false with the change half done; the journal then stays
+// behind, and the next writer, `tavo serve` at start or `tavo check --repair`
+// completes it.
 //
 // Callers hold the account locks (account_lock.h). Fault points: "file.write"
 // fails the write step of step 1 (as a full disk), "file.rename" a rename of
@@ -49,6 +51,7 @@ class FileSetWriter {
   struct Item {
     std::string path, content, tmp;
     unsigned mode;
+    unsigned long long ino = 0;  // of the prepared temporary file
   };
   bool Prepare(Item* item);
   void Discard();
