@@ -1,0 +1,71 @@
+#!/usr/bin/env bash
+# Whole-process costs on roots of N groups x 10 members and N users, each
+# beside the system's own tool doing the same on the same root in the same run:
+#   tavo call Member add          vs  gpasswd -Q ROOT -a
+#   tavo call Group create        vs  groupadd -P ROOT
+#   tavo call Group list (50, with descriptions)  vs  getent group via nss_wrapper
+#   bench/process_bench.sh [TAVO_BIN] [ROUNDS] [SIZES...]   (root needed for the tools)
+# Prints the median of ROUNDS (default 5) for each, in ms, and the ratios.
+set -euo pipefail
+top=$(cd "$(dirname "$0")/.." && pwd)
+tavo=${1:-$top/build/bin/tavo}
+rounds=${2:-5}
+shift $(( $# > 2 ? 2 : $# )) || true
+sizes=${*:-1000 10000 100000}
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+
+make_root() {  # make_root DIR N
+  local R=$1 n=$2
+  "$tavo" init "$R" >/dev/null
+  awk -v n="$n" 'BEGIN {
+    for (i = 0; i < n; i++) printf "user%06d:x:%d:100::/home/u:/bin/sh\n", i, 2000 + i }' >>"$R/etc/passwd"
+  awk -v n="$n" 'BEGIN { for (i = 0; i < n; i++) printf "user%06d:!:19000:0:99999:7:::\n", i }' >>"$R/etc/shadow"
+  awk -v n="$n" -v out="$R/etc/group" -v gs="$R/etc/gshadow" -v d="$R/etc/tavo/group_desc" 'BEGIN {
+    for (i = 0; i < n; i++) {
+      m = ""
+      for (k = 0; k < 10; k++) m = m (k ? "," : "") sprintf("user%06d", (i * 7 + k * 13) % n)
+      printf "group%06d:x:%d:%s\n", i, 3000 + i, m >>out
+      printf "group%06d:!::%s\n", i, m >>gs
+      printf "group%06d:description of group %d\n", i, i >>d
+    } }'
+  echo "maxgroups = 10000000" >>"$R/etc/tavo/tavo.conf"
+  printf 'GID_MIN 1000\nGID_MAX 900000\nUID_MIN 1000\nUID_MAX 900000\n' >"$R/etc/login.defs"
+}
+
+# ms of one command run (wall clock, whole process).
+ms() {
+  local t0=$EPOCHREALTIME
+  "$@" >/dev/null 2>&1 || { echo "failed: $*" >&2; return 1; }
+  local t1=$EPOCHREALTIME
+  awk -v a="$t0" -v b="$t1" 'BEGIN { printf "%.3f\n", (b - a) * 1000 }'
+}
+median() { sort -g | awk '{ v[NR] = $1 } END { printf "%.1f", (NR % 2) ? v[(NR + 1) / 2] : (v[NR / 2] + v[NR / 2 + 1]) / 2 }'; }
+
+printf "%8s  %26s  %26s  %26s\n" groups "member add: tavo/gpasswd" "create: tavo/groupadd" "list 50: tavo/getent"
+for n in $sizes; do
+  R=$work/r$n
+  make_root "$R" "$n"
+  g=group$(printf %06d $((n / 2)))
+  : >"$work/a"; : >"$work/b"; : >"$work/c"; : >"$work/d"; : >"$work/e"; : >"$work/f"
+  for k in $(seq 1 "$rounds"); do
+    u=user$(printf %06d $(( (n / 3 + k) % n )))
+    ms "$tavo" call --root "$R" TAVO.Core.Group.Member add group=$g "name=[\"$u\"]" >>"$work/a"
+    gpasswd -Q "$R" -d "$u" "$g" >/dev/null  # undo, untimed
+    ms gpasswd -Q "$R" -a "$u" "$g" >>"$work/b"
+    gpasswd -Q "$R" -d "$u" "$g" >/dev/null
+    ms "$tavo" call --root "$R" TAVO.Core.Group create name=bench$k >>"$work/c"
+    "$tavo" call --root "$R" TAVO.Core.Group delete "name=[\"bench$k\"]" >/dev/null
+    ms groupadd -P "$R" tool$k >>"$work/d"
+    groupdel -P "$R" tool$k
+    ms "$tavo" call --root "$R" TAVO.Core.Group list limit=50 name_only=false >>"$work/e"
+    ms env NSS_WRAPPER_PASSWD="$R/etc/passwd" NSS_WRAPPER_GROUP="$R/etc/group" \
+      LD_PRELOAD=libnss_wrapper.so getent group >>"$work/f"
+  done
+  a=$(median <"$work/a"); b=$(median <"$work/b"); c=$(median <"$work/c")
+  d=$(median <"$work/d"); e=$(median <"$work/e"); f=$(median <"$work/f")
+  awk -v n="$n" -v a="$a" -v b="$b" -v c="$c" -v d="$d" -v e="$e" -v f="$f" 'BEGIN {
+    printf "%8d  %8.1f/%-8.1f = %5.2f  %8.1f/%-8.1f = %5.2f  %8.1f/%-8.1f = %5.2f\n",
+           n, a, b, a / b, c, d, c / d, e, f, e / f }'
+  rm -rf "$R"
+done
