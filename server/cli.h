@@ -23,6 +23,7 @@ int InitMain(const std::vector<std::string>& args);
 int LogMain(const std::vector<std::string>& args);
 int DirectoryMain(const std::vector<std::string>& args);
 int CheckMain(const std::vector<std::string>& args);
+int OpenApiMain(const std::vector<std::string>& args);
 
 // Loads the modules of `dir` plus the server's own API into `modules`;
 // prints why on stderr and returns false when any module is refused.

@@ -6,10 +6,13 @@
 #include <unistd.h>
 #include <syslog.h>
 
+#include <chrono>
+#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <thread>
 
 #include "cli.h"
@@ -20,6 +23,8 @@
 #include "options.h"
 #include "periodic_sync.h"
 #include "privsep/split.h"
+#include "serve_conf.h"
+#include "systemd_notify.h"
 #include "tavo/error.h"
 #include "tavo/root.h"
 #include "tavo/store_check.h"
@@ -69,6 +74,21 @@ int RunFront(const ServeOptions& options, AccountOps& ops, const sigset_t& stop_
   fflush(stderr);
 
   if (!after_bind()) return kExitFailure;
+  NotifyReady(std::string("serving ") + (options.tls() ? "https" : "http") + "://" + host + ":" +
+              std::to_string(port));
+
+  // The watchdog is fed while the server runs, at half the interval asked for.
+  std::mutex watchdog_mutex;
+  std::condition_variable watchdog_wake;
+  bool stopping = false;
+  std::thread watchdog;
+  if (uint64_t usec = WatchdogIntervalUsec()) {
+    watchdog = std::thread([&, usec] {
+      std::unique_lock<std::mutex> lock(watchdog_mutex);
+      while (!watchdog_wake.wait_for(lock, std::chrono::microseconds(usec / 2), [&] { return stopping; }))
+        NotifyWatchdog();
+    });
+  }
   std::unique_ptr<tavo_dir::PeriodicSync> directory_sync;
   if (sync_here) {
     // Directory group lists: synchronised now and then every interval.
@@ -79,12 +99,19 @@ int RunFront(const ServeOptions& options, AccountOps& ops, const sigset_t& stop_
     int sig = 0;
     sigwait(&stop_signals, &sig);
     if (sig != 0) fprintf(stderr, "tavo: signal %d, stopping\n", sig);
+    NotifyStopping();
     server.Stop();
   });
   s = server.Run();
   // Wake the signal thread if the server ended on its own.
   pthread_kill(stopper.native_handle(), SIGTERM);
   stopper.join();
+  {
+    std::lock_guard<std::mutex> lock(watchdog_mutex);
+    stopping = true;
+  }
+  watchdog_wake.notify_all();
+  if (watchdog.joinable()) watchdog.join();
   if (!s.ok()) {
     // Requests still hold workers and suspended connections: leave without
     // waiting for them any longer.
@@ -97,9 +124,16 @@ int RunFront(const ServeOptions& options, AccountOps& ops, const sigset_t& stop_
 
 }  // namespace
 
-int ServeMain(const std::vector<std::string>& args) {
+int ServeMain(const std::vector<std::string>& command_line) {
+  std::vector<std::string> args;
+  std::string conf;
+  Status s = MergeServeConf(command_line, &args, &conf);
+  if (!s.ok()) {
+    fprintf(stderr, "tavo serve: %s\n", TerminalSafe(s.message()).c_str());
+    return kExitUsage;
+  }
   ServeOptions options;
-  Status s = ParseServeOptions(args, &options);
+  s = ParseServeOptions(args, &options);
   if (!s.ok()) {
     fprintf(stderr, "tavo serve: %s\n%s", TerminalSafe(s.message()).c_str(), ServeUsage().c_str());
     return kExitUsage;
@@ -114,6 +148,7 @@ int ServeMain(const std::vector<std::string>& args) {
     return kExitUsage;
   }
   tavo::TavoRootSet(options.root);
+  if (!conf.empty()) fprintf(stderr, "tavo: settings from %s\n", TerminalSafe(conf).c_str());
   // The directory client reads no ldap.conf or .ldaprc of the machine; set
   // before any thread starts.
   setenv("LDAPNOINIT", "1", 1);

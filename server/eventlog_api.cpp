@@ -31,10 +31,31 @@ void ListEntry(TAVO::APIRequest* request, TAVO::APIResponse* response) {
   response->SetSuccess(out);
 }
 
+// The OpenAPI description of the method above.
+Json::Value ListDescription() {
+  Json::Value d(Json::objectValue);
+  d["summary"] = "Lists the event log, newest first.";
+  Json::Value& p = d["params"];
+  p["type"] = "object";
+  p["properties"]["offset"]["type"] = "integer";
+  p["properties"]["offset"]["minimum"] = 0;
+  p["properties"]["limit"]["type"] = "integer";
+  p["properties"]["limit"]["minimum"] = -1;
+  p["properties"]["limit"]["maximum"] = kMaxLimit;
+  p["example"]["offset"] = 0;
+  p["example"]["limit"] = 5;
+  d["answer"]["type"] = "object";
+  d["errors"]["3201"] = "offset or limit out of range";
+  d["errors"]["3299"] = "the event log cannot be read";
+  return d;
+}
+
 }  // namespace
 
 Status RegisterEventLogApi(ModuleSet* modules) {
-  return modules->Register(kEventLogApi, 1, "list", &ListEntry, "the server");
+  Status s = modules->Register(kEventLogApi, 1, "list", &ListEntry, "the server");
+  if (s.ok()) s = modules->Describe(kEventLogApi, 1, "list", ListDescription());
+  return s;
 }
 
 }  // namespace tavo_server

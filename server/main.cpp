@@ -17,7 +17,8 @@ const char kUsage[] =
     "  log [--root DIR] [--limit N] [--offset N]                            show the event log\n"
     "  directory [--root DIR] ldap|domain|sync|status ...                   LDAP and domain groups\n"
     "  check [--root DIR] [--repair]                                        check the group files\n"
-    "Run `tavo COMMAND --help` for details. See docs/server.md.\n";
+    "  openapi [--modules DIR]                                             print the API's OpenAPI document\n"
+    "Run `tavo COMMAND --help` for details. See tavo(1) and docs/server.md.\n";
 
 }  // namespace
 
@@ -34,6 +35,7 @@ int main(int argc, char** argv) {
   if (command == "log") return tavo_server::LogMain(args);
   if (command == "directory") return tavo_server::DirectoryMain(args);
   if (command == "check") return tavo_server::CheckMain(args);
+  if (command == "openapi") return tavo_server::OpenApiMain(args);
   if (command == "-h" || command == "--help" || command == "help") {
     fputs(kUsage, stdout);
     return tavo_server::kExitOk;

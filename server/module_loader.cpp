@@ -1,5 +1,7 @@
 #include "module_loader.h"
 
+#include <json/reader.h>
+
 #include <dirent.h>
 #include <dlfcn.h>
 #include <sys/stat.h>
@@ -8,7 +10,11 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
+#include <memory>
 #include <set>
+#include <sstream>
+
+#include "module_abi.h"
 
 namespace tavo_server {
 namespace {
@@ -46,6 +52,42 @@ std::string RowProblem(const ApiTableRow& row) {
 
 }  // namespace
 
+std::string ModuleSet::ReadDescription(void* handle, const std::set<Key>& table,
+                                       std::map<Key, Json::Value>* out) {
+  void* sym = dlsym(handle, "GetAPIDescription");
+  if (sym == nullptr) return "";  // optional
+  const char* text = nullptr;
+  try {
+    text = reinterpret_cast<GetAPIDescriptionFn>(sym)();
+  } catch (...) {
+    return "threw an exception";
+  }
+  if (!PointsIntoLoadedObject(text)) return "returned no text inside the module";
+  size_t length = strnlen(text, kMaxDescription + 1);
+  if (length > kMaxDescription) return "longer than " + std::to_string(kMaxDescription) + " bytes";
+  Json::CharReaderBuilder builder;
+  builder["strictRoot"] = true;
+  builder["rejectDupKeys"] = true;
+  std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+  Json::Value doc;
+  std::string errors;
+  if (!reader->parse(text, text + length, &doc, &errors)) return "not JSON: " + errors;
+  if (!doc.isObject() || doc["format"] != 1 || !doc["methods"].isArray())
+    return "not a description of format 1 (an object with \"format\": 1 and \"methods\")";
+  for (const Json::Value& m : doc["methods"]) {
+    if (!m.isObject() || !m["api"].isString() || !m["version"].isInt() || !m["method"].isString())
+      return "a method without api, version and method";
+    Key key(m["api"].asString(), m["version"].asInt(), m["method"].asString());
+    std::string what = std::get<0>(key) + " v" + std::to_string(std::get<1>(key)) + " " + std::get<2>(key);
+    if (!table.count(key)) return "describes " + what + ", which its table does not have";
+    if (m.isMember("params") && !m["params"].isObject()) return what + ": params is not a schema object";
+    if (m.isMember("answer") && !m["answer"].isObject()) return what + ": answer is not a schema object";
+    if (m.isMember("errors") && !m["errors"].isObject()) return what + ": errors is not an object";
+    if (!out->emplace(key, m).second) return "describes " + what + " twice";
+  }
+  return "";
+}
+
 ModuleSet::~ModuleSet() {
   // Entry functions stay reachable until the set is gone; close in reverse.
   for (auto it = handles_.rbegin(); it != handles_.rend(); ++it) dlclose(*it);
@@ -74,6 +116,8 @@ Status ModuleSet::LoadFolder(const std::string& dir, int* loaded) {
 }
 
 Status ModuleSet::LoadFile(const std::string& path) {
+  Status abi = CheckModuleAbi(path);
+  if (!abi.ok()) return Status::Error("module " + path + " refused: " + abi.message());
   dlerror();
   void* handle = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
   if (handle == nullptr) {
@@ -115,10 +159,15 @@ Status ModuleSet::LoadFile(const std::string& path) {
     auto it = methods_.find(key);
     if (it != methods_.end()) return refuse(what + " is already provided by " + it->second.origin);
   }
+  std::map<Key, Json::Value> described;
+  std::string problem = ReadDescription(handle, own, &described);
+  if (!problem.empty()) return refuse("GetAPIDescription: " + problem);
   for (int i = 0; i < rows; ++i) {
     const ApiTableRow& row = table[i];
-    methods_[Key(row.api, static_cast<int>(row.version), row.method)] =
-        Method{row.entry, path, next_order_++};
+    Key key(row.api, static_cast<int>(row.version), row.method);
+    auto d = described.find(key);
+    methods_[key] = Method{row.entry, path, next_order_++,
+                           d == described.end() ? Json::Value() : d->second};
   }
   handles_.push_back(handle);
   return Status::OK();
@@ -131,7 +180,7 @@ Status ModuleSet::Register(const std::string& api, int version, const std::strin
   if (it != methods_.end())
     return Status::Error(api + " v" + std::to_string(version) + " " + method +
                          " is already provided by " + it->second.origin);
-  methods_[key] = Method{entry, origin, next_order_++};
+  methods_[key] = Method{entry, origin, next_order_++, Json::Value()};
   return Status::OK();
 }
 
@@ -150,6 +199,26 @@ ModuleSet::Lookup ModuleSet::Find(const std::string& api, int version, const std
   if (v == methods_.end() || std::get<0>(v->first) != api || std::get<1>(v->first) != version)
     return Lookup::kNoVersion;
   return Lookup::kNoMethod;
+}
+
+Status ModuleSet::Describe(const std::string& api, int version, const std::string& method,
+                           const Json::Value& description) {
+  auto it = methods_.find(Key(api, version, method));
+  if (it == methods_.end()) return Status::Error("no method " + api + " " + method + " to describe");
+  it->second.description = description;
+  return Status::OK();
+}
+
+std::vector<ModuleSet::MethodInfo> ModuleSet::Methods() const {
+  std::vector<MethodInfo> out;
+  for (const auto& [key, m] : methods_)
+    out.push_back(MethodInfo{std::get<0>(key), std::get<1>(key), std::get<2>(key), m.origin,
+                             m.order, &m.description});
+  // Ordered by API and version, then in table order.
+  std::sort(out.begin(), out.end(), [](const MethodInfo& a, const MethodInfo& b) {
+    return std::tie(a.api, a.version, a.order) < std::tie(b.api, b.version, b.order);
+  });
+  return out;
 }
 
 Json::Value ModuleSet::Info() const {

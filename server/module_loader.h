@@ -6,7 +6,10 @@
 // it cannot be opened, lacks `GetAPITable`, returns a null table, has a row
 // with a null API, method or entry or a version below 1 before its terminator,
 // has no terminator within kMaxRows rows, or claims an (API, version, method)
-// that is already registered. A failed load leaves the set unusable: the
+// that is already registered. It is also refused when it was built against
+// another platform ABI (module_abi.h), or when it exports GetAPIDescription
+// and that text is not a valid description of its own table's methods. A
+// failed load leaves the set unusable: the
 // caller is expected to stop instead of serving a half-loaded module.
 //
 // Ownership: the set owns the library handles and keeps them open for its
@@ -19,6 +22,7 @@
 #include <json/value.h>
 
 #include <map>
+#include <set>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -34,6 +38,8 @@ class ModuleSet {
   static constexpr int kMaxRows = 4096;
   // Longest API or method name accepted in a table.
   static constexpr size_t kMaxNameLength = 128;
+  // Longest description text accepted from a module.
+  static constexpr size_t kMaxDescription = 4 * 1024 * 1024;
 
   ModuleSet() = default;
   ~ModuleSet();
@@ -52,6 +58,24 @@ class ModuleSet {
                   MethodEntry entry, const std::string& origin);
 
   enum class Lookup { kFound, kNoApi, kNoVersion, kNoMethod };
+  // Attaches a description (the format of GetAPIDescription's "methods"
+  // items) to a registered method, e.g. one the server provides itself.
+  Status Describe(const std::string& api, int version, const std::string& method,
+                  const Json::Value& description);
+
+  // One served method; `description` is null JSON when the module gave none.
+  // The pointer stays valid as long as the set is not changed.
+  struct MethodInfo {
+    std::string api;
+    int version;
+    std::string method;
+    std::string origin;
+    int order;
+    const Json::Value* description;
+  };
+  // Every method, ordered by API name and version, then in table order.
+  std::vector<MethodInfo> Methods() const;
+
   // Finds the entry of a method; *entry is set only when kFound.
   Lookup Find(const std::string& api, int version, const std::string& method,
               MethodEntry* entry) const;
@@ -66,8 +90,14 @@ class ModuleSet {
     MethodEntry entry;
     std::string origin;
     int order;
+    Json::Value description;
   };
   using Key = std::tuple<std::string, int, std::string>;
+
+  // Reads the optional GetAPIDescription of a module whose table holds
+  // `table`; returns "" or what is wrong with it.
+  static std::string ReadDescription(void* handle, const std::set<Key>& table,
+                                     std::map<Key, Json::Value>* out);
 
   std::vector<void*> handles_;
   std::map<Key, Method> methods_;

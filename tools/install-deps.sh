@@ -2,6 +2,7 @@
 # Installs whatever tools/deps.txt lists that this machine is missing.
 #   tools/install-deps.sh          build and test dependencies (Debian packages)
 #   tools/install-deps.sh --browser  also the browser-test packages (chromium, playwright-core)
+#                                    and the npm packages of the e2e tests (the OpenAPI validator)
 # Safe to run again: it installs only what is missing.
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)

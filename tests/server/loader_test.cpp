@@ -25,6 +25,8 @@ TEST(ModuleLoaderTest, RefusesBrokenModulesNamingTheFile) {
       {"version0", "row 0: version 0"},
       {"endless", "no terminator row within 4096 rows"},
       {"repeat", "row 1 repeats TAVO.Test.Repeat v1 echo"},
+      {"baddesc", "describes TAVO.Test.Desc v1 other, which its table does not have"},
+      {"newabi", "built for platform ABI 99 (it needs libtavo.so.99), but this server provides ABI 1"},
   };
   for (const Case& c : cases) {
     ModuleSet set;

@@ -8,6 +8,8 @@
 //   5 endless:    ModuleSet::kMaxRows + 1 valid rows and no terminator
 //   6 duplicate:  claims TAVO.Test v1 "echo", which kind 1 provides
 //   7 repeat:     one module listing the same method twice
+//   8 baddesc:    describes a method that its table does not have
+//   9 newabi:     needs libtavo.so.99, a platform ABI this server does not provide
 #include <stdexcept>
 
 #include "tavo/account.h"
@@ -55,6 +57,10 @@ static ApiTableRow gRows[] = {
 #elif TEST_MODULE_KIND == 7
     {"TAVO.Test.Repeat", 1, "echo", &Echo},
     {"TAVO.Test.Repeat", 1, "echo", &ThrowStd},
+#elif TEST_MODULE_KIND == 8
+    {"TAVO.Test.Desc", 1, "echo", &Echo},
+#elif TEST_MODULE_KIND == 9
+    {"TAVO.Test.NewAbi", 1, "echo", &Echo},
 #endif
     {nullptr, 0, nullptr, nullptr},
 };
@@ -63,4 +69,14 @@ extern "C" __attribute__((visibility("default"))) ApiTableRow* GetAPITable(void)
 }
 #else
 extern "C" __attribute__((visibility("default"))) int NotTheTable(void) { return 0; }
+#endif
+
+#if TEST_MODULE_KIND == 8
+extern "C" __attribute__((visibility("default"))) const char* GetAPIDescription(void) {
+  return R"({"format": 1, "methods": [{"api": "TAVO.Test.Desc", "version": 1, "method": "other"}]})";
+}
+#elif TEST_MODULE_KIND == 9
+extern "C" int FakeNewPlatform(void);
+// Keeps the library's DT_NEEDED entry even under --as-needed.
+extern "C" __attribute__((visibility("default"))) int UsesNewPlatform(void) { return FakeNewPlatform(); }
 #endif

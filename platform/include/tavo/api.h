@@ -89,4 +89,10 @@ struct ApiTableRow {
 // `extern "C" ApiTableRow* GetAPITable(void)`; this is the latter's type.
 typedef ApiTableRow* (*GetAPITableFn)(void);
 
+// A module may also export `extern "C" const char* GetAPIDescription(void)`:
+// a JSON text describing each method's parameters, answer and error codes,
+// read by the server to build its OpenAPI document (docs/modules.md gives
+// the format). The text must stay valid while the module is loaded.
+typedef const char* (*GetAPIDescriptionFn)(void);
+
 #endif  // TAVO_API_H_
