@@ -2,6 +2,7 @@
 
 #include "dir_status.h"
 #include "group_sync.h"
+#include "json_util.h"
 
 namespace tavo_server {
 namespace {
@@ -53,11 +54,38 @@ void SyncEntry(TAVO::APIRequest* request, TAVO::APIResponse* response) {
   response->SetSuccess(out);
 }
 
+// The OpenAPI descriptions of the two methods above.
+const char kStatusDescription[] = R"json({
+  "summary": "The binding, server, last synchronisation and last error of each directory.",
+  "params": {"type": "object", "example": {}},
+  "answer": {"type": "object", "properties": {"ldap": {"type": "object"}, "domain": {"type": "object"}},
+             "required": ["ldap", "domain"]}
+})json";
+const char kSyncDescription[] = R"json({
+  "summary": "Synchronises the group lists of the bound directories now.",
+  "params": {"type": "object",
+             "properties": {"type": {"type": "string", "enum": ["ldap", "domain"],
+                                     "description": "only this directory; default every one in use"}},
+             "example": {}},
+  "answer": {"type": "object",
+             "properties": {"results": {"type": "array", "items": {"type": "object"}}, "status": {"type": "object"}},
+             "required": ["results", "status"]},
+  "errors": {"3201": "type is not \"ldap\" or \"domain\""}
+})json";
+
+Status Describe(ModuleSet* modules, const char* method, const char* text) {
+  Json::Value d;
+  if (!ParseJson(text, &d)) return Status::Error(std::string("bad description of ") + method);
+  return modules->Describe(kDirectoryApi, 1, method, d);
+}
+
 }  // namespace
 
 Status RegisterDirectoryApi(ModuleSet* modules) {
   Status s = modules->Register(kDirectoryApi, 1, "status", &StatusEntry, "the server");
   if (s.ok()) s = modules->Register(kDirectoryApi, 1, "sync", &SyncEntry, "the server");
+  if (s.ok()) s = Describe(modules, "status", kStatusDescription);
+  if (s.ok()) s = Describe(modules, "sync", kSyncDescription);
   return s;
 }
 
