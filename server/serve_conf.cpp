@@ -39,6 +39,11 @@ Status ReadServeConf(const std::string& path, std::vector<std::string>* args) {
     if (name.empty() || name[0] == '-' || name == "help" || name == "config")
       return Status::Error(where + "'" + name + "' is not a setting");
     if (value.empty()) return Status::Error(where + name + " has no value");
+    if (name == "insecure-http") {  // the one option without a value
+      if (value == "yes" || value == "true") args->push_back("--" + name);
+      else if (value != "no" && value != "false") return Status::Error(where + name + " takes yes or no");
+      continue;
+    }
     args->push_back("--" + name);
     args->push_back(value);
   }

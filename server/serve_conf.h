@@ -1,6 +1,7 @@
 // The configuration file of `tavo serve` (by default /etc/tavo/serve.conf):
 // one "NAME = VALUE" per line, NAME being a long option of `tavo serve`
-// without its "--" (listen = 0.0.0.0:8780, workers = 8, ...); blank lines and
+// without its "--" (listen = 0.0.0.0:8780, workers = 8, ...; the flag
+// insecure-http takes yes or no); blank lines and
 // lines starting with '#' are skipped. An option given on the command line
 // wins over the file's.
 //

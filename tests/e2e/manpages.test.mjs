@@ -32,7 +32,8 @@ test('tavo(1) lists every option of every command, and no other', () => {
 
 test('tavo.conf(5) describes a setting for each option of tavo serve', () => {
   const section = page('tavo.conf.5').split(/^\.SH /m).find((s) => s.startsWith('SERVE.CONF SETTINGS'));
-  const settings = new Set([...section.matchAll(/^\.TP\n\.B ([a-z-]+)$/gm)].map((m) => `--${m[1]}`));
+  const settings = new Set([...section.matchAll(/^\.TP\n\.BR? (.+)$/gm)]
+    .flatMap((m) => m[1].split(/[", ]+/).filter((w) => /^[a-z][a-z-]+$/.test(w)).map((w) => `--${w}`)));
   const options = helpOptions('serve');
   options.delete('--config');
   assert.deepEqual(sorted(settings), sorted(options));

@@ -21,7 +21,8 @@ class ServeConfTest : public ::testing::Test {
 };
 
 TEST_F(ServeConfTest, CommandLineWinsOverTheFile) {
-  std::string path = Write("# comment\n\n  listen = 0.0.0.0:9000 \nworkers=3\r\nroot = /srv/a\n");
+  std::string path =
+      Write("# comment\n\n  listen = 0.0.0.0:9000 \nworkers=3\r\nroot = /srv/a\ninsecure-http = yes\n");
   std::vector<std::string> merged;
   std::string used;
   ASSERT_TRUE(MergeServeConf({"--config", path, "--workers", "5"}, &merged, &used).ok());
@@ -32,6 +33,7 @@ TEST_F(ServeConfTest, CommandLineWinsOverTheFile) {
   EXPECT_EQ(o.host, "0.0.0.0");
   EXPECT_EQ(o.port, 9000);
   EXPECT_EQ(o.root, "/srv/a");
+  EXPECT_TRUE(o.insecure_http);
 
   ASSERT_TRUE(MergeServeConf({"--config", "none", "--workers", "5"}, &merged, &used).ok());
   EXPECT_EQ(used, "");
@@ -47,6 +49,7 @@ TEST_F(ServeConfTest, ErrorsNameTheFileAndLine) {
       {"--workers = 3\n", ":1: '--workers' is not a setting"},
       {"config = /etc/other\n", ":1: 'config' is not a setting"},
       {"workers =\n", ":1: workers has no value"},
+      {"insecure-http = maybe\n", ":1: insecure-http takes yes or no"},
   };
   for (const auto& c : cases) {
     std::vector<std::string> args;
