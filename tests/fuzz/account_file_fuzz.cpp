@@ -118,19 +118,33 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Fail("the changed line is not the old one plus the member: " + after[self]);
 
   if (has_gshadow) {
+    // Either the group's line changed in place, or (when gshadow had no line
+    // of the group that parses) a new line was appended; nothing else moves.
+    // A foreign line that merely starts with the same name stays as it was.
     std::vector<std::string> old_s = ta::SplitLines(gshadow);
     std::vector<std::string> new_s = ta::SplitLines(root->Read("/etc/gshadow"));
-    int s = -1;
-    for (size_t i = 0; i < new_s.size() && s < 0; ++i)
-      if (ta::LineName(new_s[i]) == name) s = static_cast<int>(i);
-    if (s < 0) Fail("etc/gshadow has no line for the changed group");
-    const std::string line_s = new_s[s];
+    std::string line_s;
     if (new_s.size() == old_s.size() + 1) {
-      if (s != static_cast<int>(old_s.size())) Fail("etc/gshadow grew a line that is not the group's");
+      line_s = new_s.back();
+      if (ta::LineName(line_s) != name) Fail("etc/gshadow grew a line that is not the group's");
       new_s.pop_back();
       SameExceptLine("etc/gshadow", old_s, new_s, -1);
     } else {
-      SameExceptLine("etc/gshadow", old_s, new_s, s);
+      if (new_s.size() != old_s.size()) Fail("etc/gshadow lost or gained lines");
+      int s = -1;
+      for (size_t i = 0; i < new_s.size(); ++i)
+        if (new_s[i] != old_s[i]) {
+          if (s >= 0) Fail("etc/gshadow changed more than one line");
+          s = static_cast<int>(i);
+        }
+      if (s < 0) {  // gshadow already listed the member: its line stays as it was
+        for (size_t i = 0; i < new_s.size() && s < 0; ++i)
+          if (ta::LineName(new_s[i]) == name && ta::GetField(new_s[i], 3).find(kNewMember) != std::string::npos)
+            s = static_cast<int>(i);
+        if (s < 0) Fail("etc/gshadow has no line for the changed group");
+      }
+      line_s = new_s[s];
+      if (ta::LineName(line_s) != name) Fail("etc/gshadow changed another group's line");
     }
     std::vector<std::string> gm = ta::SplitMembers(ta::GetField(line_s, 3));
     if (std::none_of(gm.begin(), gm.end(),
