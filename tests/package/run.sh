@@ -67,6 +67,25 @@ curl -sf -H "Authorization: Bearer $token" -H 'Content-Type: application/json' \
 curl -sf "$url/" | grep -qi '<html' || fail "the admin page"
 kill "$server_pid"; wait "$server_pid" 2>/dev/null || true; server_pid=
 ok "init, call, serve with a login"
+# The packaged serve.conf splits the server (privsep-user = _tavo). As root,
+# serve with that file, the command line naming the root, the address and a
+# user this machine has: the front answers a login as that user.
+if [ "$(id -u)" = 0 ]; then
+  grep -qx 'privsep-user = _tavo' "$prefix/etc/tavo/serve.conf" || fail "serve.conf does not split the server"
+  chmod 755 "$tmp"
+  "$tavo" serve --config "$prefix/etc/tavo/serve.conf" --root "$root" --listen 127.0.0.1:0 \
+    --privsep-user nobody >"$tmp/serve.out" 2>"$tmp/serve.err" &
+  server_pid=$!
+  for _ in $(seq 100); do grep -q 'listening on' "$tmp/serve.out" && break; sleep 0.1; done
+  url=$(sed -n 's/^tavo: listening on \(http:[^ ]*\)$/\1/p' "$tmp/serve.out")
+  [ -n "$url" ] || fail "split serve did not start: $(cat "$tmp/serve.err")"
+  curl -sf -H 'Content-Type: application/json' -d '{"account":"admin","password":"pkg-Admin-pw-1"}' \
+    "$url/api/auth/login" | grep -q '"token"' || fail "login through the split server"
+  front=$(cat "/proc/$server_pid/task/$server_pid/children" | awk '{print $1}')
+  [ "$(stat -c %U "/proc/$front")" = nobody ] || fail "the front does not run as the unprivileged user"
+  kill "$server_pid"; wait "$server_pid" 2>/dev/null || true; server_pid=
+  ok "the packaged settings split the server: the front runs as nobody"
+fi
 python3 "$top/tests/package/notify_check.py" "$tavo" --config none --root "$root" --listen 127.0.0.1:0 >/dev/null ||
   fail "systemd notifications"
 ok "readiness, watchdog and stopping notifications"
