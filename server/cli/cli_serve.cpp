@@ -181,6 +181,7 @@ int ServeMain(const std::vector<std::string>& command_line) {
   }
 
   LocalAccountOps local(modules);
+  WatchdogIntervalUsec();  // asked here, in the process systemd watches
   if (!options.privsep_user.empty()) {
     if (geteuid() != 0) {
       fprintf(stderr, "tavo serve: --privsep-user needs root\n");

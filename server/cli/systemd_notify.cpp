@@ -14,8 +14,13 @@ void NotifyStopping() { sd_notify(0, "STOPPING=1"); }
 void NotifyWatchdog() { sd_notify(0, "WATCHDOG=1"); }
 
 uint64_t WatchdogIntervalUsec() {
-  uint64_t usec = 0;
-  return sd_watchdog_enabled(0, &usec) > 0 ? usec : 0;
+  // systemd names the process it watches (WATCHDOG_PID): the answer of the
+  // first call, made in that process, holds for the children it forks.
+  static const uint64_t interval = [] {
+    uint64_t usec = 0;
+    return sd_watchdog_enabled(0, &usec) > 0 ? usec : 0;
+  }();
+  return interval;
 }
 
 int ActivatedListenSocket(std::string* error) {

@@ -21,6 +21,8 @@ void NotifyStopping();
 // WatchdogInterval()/2.
 void NotifyWatchdog();
 // The watchdog interval systemd asked for, in microseconds, or 0 for none.
+// The first call decides: make it in the process that systemd started, before
+// a split-off child (which systemd does not name as watched) asks.
 uint64_t WatchdogIntervalUsec();
 
 // The listening TCP socket systemd passed (tavo.socket), or -1 when none was

@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Runs `TAVO serve ARGS...` as systemd would with Type=notify and WatchdogSec:
 NOTIFY_SOCKET names a datagram socket of this script, WATCHDOG_USEC asks for
-pings. Checks that READY=1 comes after the server listens, that WATCHDOG=1
+pings for the process started (WATCHDOG_PID). Checks that READY=1 comes after the server listens, that WATCHDOG=1
 pings follow, and that SIGTERM brings STOPPING=1 and a clean exit.
 usage: notify_check.py TAVO SERVE-ARGS..."""
 import os
@@ -19,8 +19,12 @@ def main():
     sock = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
     sock.bind(path)
     sock.settimeout(10)
+    # A split server notifies from a child running as another user.
+    os.chmod(tmp, 0o755)
+    os.chmod(path, 0o777)
     env = dict(os.environ, NOTIFY_SOCKET=path, WATCHDOG_USEC="400000")
-    server = subprocess.Popen([sys.argv[1], "serve"] + sys.argv[2:],
+    # As systemd does, name the process that is watched (the one started).
+    server = subprocess.Popen(["sh", "-c", 'WATCHDOG_PID=$$ exec "$0" serve "$@"', sys.argv[1]] + sys.argv[2:],
                               env=env, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
     try:
         ready = sock.recv(4096).decode()

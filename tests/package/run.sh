@@ -84,7 +84,9 @@ if [ "$(id -u)" = 0 ]; then
   front=$(cat "/proc/$server_pid/task/$server_pid/children" | awk '{print $1}')
   [ "$(stat -c %U "/proc/$front")" = nobody ] || fail "the front does not run as the unprivileged user"
   kill "$server_pid"; wait "$server_pid" 2>/dev/null || true; server_pid=
-  ok "the packaged settings split the server: the front runs as nobody"
+  python3 "$top/tests/package/notify_check.py" "$tavo" --config none --root "$root" --listen 127.0.0.1:0 \
+    --privsep-user nobody >/dev/null || fail "systemd notifications of the split server"
+  ok "the packaged settings split the server: the front runs as nobody and notifies systemd"
 fi
 python3 "$top/tests/package/notify_check.py" "$tavo" --config none --root "$root" --listen 127.0.0.1:0 >/dev/null ||
   fail "systemd notifications"
