@@ -18,14 +18,21 @@
 namespace tavo_server {
 namespace {
 
-bool DropTo(uid_t uid, gid_t gid) {
+bool DropTo(uid_t uid, gid_t gid, pid_t parent) {
   if (setgroups(0, nullptr) != 0 || setresgid(gid, gid, gid) != 0 || setresuid(uid, uid, uid) != 0 ||
       prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0) {
     fprintf(stderr, "tavo serve: the front process cannot drop its rights: %s\n", strerror(errno));
     return false;
   }
   // Must not be able to come back.
-  return setuid(0) != 0;
+  if (setuid(0) == 0) return false;
+  // The switch of user cleared the signal that ends this process with its
+  // parent: ask for it again, and leave now if the parent is already gone.
+  if (prctl(PR_SET_PDEATHSIG, SIGTERM) != 0 || getppid() != parent) {
+    fprintf(stderr, "tavo serve: the account process has ended\n");
+    return false;
+  }
+  return true;
 }
 
 }  // namespace
@@ -49,6 +56,7 @@ int ServeSplit(const std::string& user, AccountOps& local, const sigset_t& stop_
   if (pipe(go) != 0) return kExitFailure;
   fflush(stdout);
   fflush(stderr);
+  const pid_t parent = getpid();
   const pid_t pid = fork();
   if (pid < 0) return kExitFailure;
   if (pid == 0) {
@@ -59,7 +67,7 @@ int ServeSplit(const std::string& user, AccountOps& local, const sigset_t& stop_
     if (read(go[0], &byte, 1) != 1) _exit(kExitFailure);
     close(go[0]);
     PrivClient client(priv.address());
-    const int code = front(client, [uid, gid] { return DropTo(uid, gid); });
+    const int code = front(client, [uid, gid, parent] { return DropTo(uid, gid, parent); });
     fflush(stdout);
     fflush(stderr);
     _exit(code);

@@ -35,6 +35,16 @@ test('the front runs as nobody, cannot open etc/shadow, and the API works', { sk
     const tryRead = spawnSync('setpriv', ['--reuid', uid[0], '--regid', gid[0], '--clear-groups', 'cat', shadow]);
     assert.notEqual(tryRead.status, 0);
     assert.equal(spawnSync('cat', [shadow]).status, 0);  // the file is there for root
+
+    // Without its account process the front has nothing to serve: it ends too.
+    server.child.kill('SIGKILL');
+    let gone = false;
+    for (let i = 0; i < 100 && !gone; i++) {
+      await new Promise((r) => setTimeout(r, 100));
+      try { gone = readFileSync(`/proc/${front}/status`, 'utf8').match(/^State:\s+Z/m) !== null; } catch { gone = true; }
+    }
+    if (!gone) process.kill(Number(front), 'SIGKILL');
+    assert.ok(gone, 'the front outlived the account process');
   } finally {
     await server.stop();
     tmp.cleanup();
