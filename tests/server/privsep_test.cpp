@@ -93,7 +93,9 @@ TEST_F(PrivsepTest, ServesItsFrontAndRefusesForgedRequestsAndOtherPeers) {
   }
   // Another process of this user, or a process of another user: refused.
   EXPECT_EQ(0, AskFromChild(false));
-  if (geteuid() == 0) EXPECT_EQ(0, AskFromChild(true));
+  if (geteuid() == 0) {
+    EXPECT_EQ(0, AskFromChild(true));
+  }
   Json::Value info(Json::objectValue);
   info["op"] = "info";
   EXPECT_TRUE(front.Ask(info, &answer));  // the front itself still is
