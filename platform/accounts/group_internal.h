@@ -50,7 +50,18 @@ struct GroupChange {
   std::vector<std::string> added, removed;
   unsigned gid_out = 0;   // the group's GID after the write
 };
+// Under the account locks, before it writes, a change is refused when
+// - it creates a group while `maxgroups` (tavo.conf, default 128) or more
+//   local groups exist: TAVO_ERR_LIMIT;
+// - it removes members of "administrators" and leaves no valid administrator
+//   where there was one: TAVO_ERR_NO_USER.
+// Callers may have checked both before the locks; these checks see the files
+// as the write will change them, so concurrent writers cannot both pass.
 bool ApplyGroupChange(GroupChange* change);
+// The number of distinct valid local administrators among `members` (local
+// users, resolved as logins resolve them, whose accounts are not expired or
+// locked); -1 with the error state when the account files cannot be read.
+int CountValidAdmins(const std::vector<std::string>& members);
 // Deletes the named local groups that may be deleted; the number deleted, or
 // -1 when the write failed.
 int DeleteGroups(const std::vector<std::string>& names);

@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <set>
 #include <unordered_set>
 #include <utility>
@@ -19,6 +20,8 @@
 #include "group_internal.h"
 #include "names.h"
 #include "snapshot.h"
+#include "tavo/conf.h"
+#include "tavo/error.h"
 #include "tavo/root.h"
 
 namespace tavo {
@@ -151,6 +154,28 @@ bool AllocateGid(const std::vector<GroupLine>& parsed, const std::vector<bool>& 
   return false;
 }
 
+// TAVO_ERR_NONE, or TAVO_ERR_NO_USER when a change of the members of `group`
+// from `before` to `after` takes the last valid administrator away. The
+// state of the accounts is read as it is now, under the account locks.
+int CheckAdministratorsLeft(const std::string& group, const std::vector<std::string>& before,
+                            const std::vector<std::string>& after) {
+  if (FoldCase(group) != "administrators") return TAVO_ERR_NONE;
+  const int now = CountValidAdmins(after);
+  if (now < 0) return TLIBCErrGet();
+  if (now > 0) return TAVO_ERR_NONE;
+  const int was = CountValidAdmins(before);
+  if (was < 0) return TLIBCErrGet();
+  return was > 0 ? TAVO_ERR_NO_USER : TAVO_ERR_NONE;
+}
+
+// TAVO_ERR_NONE, or TAVO_ERR_LIMIT when `count` local groups already reach
+// the configured maximum ("maxgroups", read as the group module reads it).
+int CheckGroupLimit(int count) {
+  TavoConf conf;
+  const long limit = strtol(conf.Def("maxgroups", "128"), nullptr, 10);
+  return count < limit ? TAVO_ERR_NONE : TAVO_ERR_LIMIT;
+}
+
 // Takes the account locks and completes a change a crash cut off.
 bool LockAndRecover(AccountLock* lock) {
   if (!lock->Acquire({TavoRootPath(kGroupPath), TavoRootPath(kGshadowPath)})) return false;
@@ -183,7 +208,12 @@ bool ApplyMemberChange(GroupChange* c) {
   // a rewrite would tidy them.
   if (c->added.empty() && c->removed.empty()) return true;
   const std::string old_line = group_text.substr(span.begin, span.end - span.begin);
+  const std::vector<std::string> before = g.members;
   ApplyMembers(&g.members, c->added, c->removed);
+  if (!c->removed.empty()) {
+    int why = CheckAdministratorsLeft(g.name, before, g.members);
+    if (why != TAVO_ERR_NONE) return TAVO_ERR_SET(why), false;
+  }
   c->gid_out = g.gid;
   const std::string new_line = FormatGroupLine(g);
 
@@ -250,6 +280,12 @@ bool ApplyGroupChange(GroupChange* c) {
     int why = CheckNewName(f.group_lines, parsed, valid, *defs, self, c->new_name);
     if (why != TAVO_ERR_NONE) return TAVO_ERR_SET(why), false;
   }
+  if (c->create) {
+    int local = 0;
+    for (size_t i = 0; i < parsed.size(); ++i) local += valid[i] && IsReachable(parsed[i], *defs) ? 1 : 0;
+    int why = CheckGroupLimit(local);
+    if (why != TAVO_ERR_NONE) return TAVO_ERR_SET(why), false;
+  }
 
   // etc/group and etc/gshadow.
   std::vector<std::string> members;
@@ -265,7 +301,12 @@ bool ApplyGroupChange(GroupChange* c) {
   } else {
     GroupLine& g = parsed[self];
     g.name = c->new_name;
+    const std::vector<std::string> before = g.members;
     ApplyMembers(&g.members, c->added, c->removed);
+    if (!c->removed.empty()) {
+      int why = CheckAdministratorsLeft(c->orig_name, before, g.members);
+      if (why != TAVO_ERR_NONE) return TAVO_ERR_SET(why), false;
+    }
     members = g.members;
     c->gid_out = g.gid;
     f.group_lines[self] = FormatGroupLine(g);

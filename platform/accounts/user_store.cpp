@@ -129,6 +129,22 @@ bool ConstantTimeEqual(const char* a, const char* b) {
 }
 
 }  // namespace
+
+int CountValidAdmins(const std::vector<std::string>& members) {
+  auto users = Passwd();
+  auto defs = Defs();
+  auto shadow = Shadow();
+  if (!users || !defs || !shadow) return -1;
+  std::vector<int> valid;  // each user once, however often listed
+  for (const std::string& m : members) {
+    int i = FindLocalUser(*users, *defs, m);
+    if (i >= 0 && !IsExpired(users->users[i], *shadow) &&
+        std::find(valid.begin(), valid.end(), i) == valid.end())
+      valid.push_back(i);
+  }
+  return static_cast<int>(valid.size());
+}
+
 }  // namespace acct
 }  // namespace tavo
 
@@ -169,18 +185,9 @@ int TAVOGroupTotalValidLocalAdmin(void) {
   if (TAVO_FAULT("admin.count")) return 0;
   return Guarded(0, [&] {
     std::vector<std::string> members;
-    auto users = Passwd();
-    auto defs = Defs();
-    auto shadow = Shadow();
-    if (!users || !defs || !shadow || !AdminMembers(&members)) return 0;
-    std::vector<int> valid;  // each user once, however often listed
-    for (const std::string& m : members) {
-      int i = FindLocalUser(*users, *defs, m);
-      if (i >= 0 && !IsExpired(users->users[i], *shadow) &&
-          std::find(valid.begin(), valid.end(), i) == valid.end())
-        valid.push_back(i);
-    }
-    int n = static_cast<int>(valid.size());
+    if (!AdminMembers(&members)) return 0;
+    int n = CountValidAdmins(members);
+    if (n < 0) return 0;
     // No valid administrator is reported like a failure, with its own code.
     if (n == 0) ACCT_ERR(TAVO_ERR_NO_USER);
     return n;

@@ -219,3 +219,52 @@ TEST(GroupWrite, FailedWritesLeaveTheOldFilesIntact) {
 }
 
 }  // namespace
+
+namespace {
+
+// Loads `group`, changes its members, saves.
+bool ChangeMembersSaved(const std::string& group, const std::vector<std::string>& add,
+                        const std::vector<std::string>& remove) {
+  GroupPtr g(SDK::Group::LoadGroup(group));
+  if (!g) return false;
+  for (const std::string& a : add) g->AddMember(a);
+  for (const std::string& r : remove) g->RemoveMember(r);
+  return g->Save();
+}
+
+}  // namespace
+
+// Save re-checks, on the files as they are under the locks, what callers
+// counted before: a valid administrator stays, and maxgroups holds.
+TEST(GroupWrite, SaveKeepsAValidAdministratorAndTheGroupLimit) {
+  TempRoot root;
+  root.AddUser("ann", 1001);
+  root.AddUser("old", 1002, 100, "", "1");  // expired long ago
+  ASSERT_TRUE(ChangeMembersSaved("administrators", {"ann", "old"}, {}));
+  // A stale object (loaded when admin was still listed) cannot take away
+  // the last valid one either.
+  GroupPtr stale(SDK::Group::LoadGroup("administrators"));
+  ASSERT_TRUE(stale);
+  ASSERT_TRUE(ChangeMembersSaved("administrators", {}, {"admin"}));
+  ASSERT_TRUE(stale->RemoveMember("ANN"));
+  EXPECT_FALSE(stale->Save());
+  EXPECT_EQ(TAVO_ERR_NO_USER, TLIBCErrGet());
+  EXPECT_TRUE(Contains(root.Read("/etc/group"), "\nadministrators:x:101:ann,old\n"));
+  // Expired members go; the valid one stays until another is there.
+  EXPECT_TRUE(ChangeMembersSaved("administrators", {}, {"old"}));
+  EXPECT_FALSE(ChangeMembersSaved("administrators", {}, {"ann"}));
+  EXPECT_TRUE(ChangeMembersSaved("administrators", {"admin"}, {"ann"}));
+  // Other groups may lose every member.
+  root.AddGroup("team", 1300, {"ann"});
+  EXPECT_TRUE(ChangeMembersSaved("team", {}, {"ann"}));
+
+  // maxgroups counts the local groups, as TAVOGroupTotalNum(1) does.
+  const int groups = TAVOGroupTotalNum(1);
+  ASSERT_GT(groups, 0);
+  root.Write("/etc/tavo/tavo.conf", "maxgroups = " + std::to_string(groups + 1) + "\n");
+  EXPECT_NE(0u, CreateSaved("second"));
+  EXPECT_EQ(0u, CreateSaved("third"));
+  EXPECT_EQ(TAVO_ERR_LIMIT, TLIBCErrGet());
+  EXPECT_FALSE(SDK::Group::IsGroupExist("third"));
+  EXPECT_TRUE(ChangeMembersSaved("second", {"ann"}, {}));  // changes stay allowed at the limit
+}
