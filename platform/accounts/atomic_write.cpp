@@ -15,6 +15,7 @@
 #include "acct_error.h"
 #include "change_journal.h"
 #include "snapshot.h"
+#include "store_stats_internal.h"
 #include "tavo/testing.h"
 
 namespace tavo {
@@ -68,7 +69,7 @@ bool FileSetWriter::Prepare(Item* item) {
                     : fchmod(fd, item->mode) == 0;
   if (!ok) ACCT_ERR(TAVO_ERR_IO);
   if (ok && TAVO_FAULT("file.write")) ok = false;
-  if (ok && !(WriteAll(fd, item->content) && fsync(fd) == 0)) {
+  if (ok && !(WriteAll(fd, item->content) && TimedFsync(fd) == 0)) {
     ok = false;
     ACCT_ERR(TAVO_ERR_IO);
   }
@@ -87,6 +88,7 @@ bool FileSetWriter::Commit() {
   for (Item& it : items_) {
     if (!Prepare(&it)) {
       Discard();
+      CountCommit(false, 0);
       return false;
     }
   }
@@ -105,6 +107,7 @@ bool FileSetWriter::Commit() {
   }
   if (!WriteJournal(entries)) {
     Discard();
+    CountCommit(false, 0);
     return false;
   }
   // 3. The renames; the journal now owns the temporary files.
@@ -127,6 +130,7 @@ bool FileSetWriter::Commit() {
     // exists, and the next writer removes it).
     for (const std::string& d : dirs) SyncDir(d);
     RemoveJournal();
+    CountCommit(true, items_.size());
     return true;
   }
   int code = TLIBCErrGet();
@@ -139,6 +143,7 @@ bool FileSetWriter::Commit() {
     RemoveJournal();
     if (lstat(JournalPath().c_str(), &st) != 0) {
       Discard();
+      CountCommit(false, 0);
       TLIBCErrSet(code, file, line);
       return false;
     }
@@ -154,6 +159,7 @@ bool FileSetWriter::Commit() {
       whole = false;
     it.tmp.clear();  // left to the journal
   }
+  CountCommit(whole, whole ? items_.size() : 0);
   if (whole) return true;
   TLIBCErrSet(code, file, line);
   return false;

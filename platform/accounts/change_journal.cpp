@@ -12,6 +12,7 @@
 
 #include "acct_error.h"
 #include "snapshot.h"
+#include "store_stats_internal.h"
 #include "tavo/eventlog.h"
 #include "tavo/root.h"
 #include "tavo/testing.h"
@@ -37,7 +38,7 @@ bool WriteFileDurably(const std::string& path, const std::string& content) {
     if (n <= 0) ok = false;
     else done += static_cast<size_t>(n);
   }
-  ok = ok && fsync(fd) == 0;
+  ok = ok && TimedFsync(fd) == 0;
   ok = close(fd) == 0 && ok;
   ok = ok && rename(tmp.c_str(), path.c_str()) == 0;
   if (!ok) {
@@ -60,7 +61,7 @@ std::string DirOf(const std::string& path) {
 bool SyncDir(const std::string& dir) {
   int fd = open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   if (fd < 0) return ACCT_ERR(TAVO_ERR_IO), false;
-  bool ok = fsync(fd) == 0;
+  bool ok = TimedFsync(fd) == 0;
   close(fd);
   if (!ok) ACCT_ERR(TAVO_ERR_IO);
   return ok;

@@ -2,6 +2,8 @@
 // runs it, and the static files of the admin page.
 #include <strings.h>
 
+#include <functional>
+
 #include "compress.h"
 #include "http_impl.h"
 #include "random.h"
@@ -86,7 +88,46 @@ HttpServer::Impl::Impl(const ServeOptions& o, AccountOps& a)
       {"GET", "/api/info", Lane::kWorker, [this](Req q, Res r) { ApiInfo(q, r); }},
       {"POST", "/api", Lane::kWorker, [this](Req q, Res r) { ApiPost(q, r); }},
       {"GET", "/api", Lane::kWorker, [this](Req q, Res r) { ApiGet(q, r); }},
+      // Operations: health for load balancers, the API's description, and
+      // counters for administrators (the account side's figures are asked
+      // for, so a worker answers).
+      {"GET", "/healthz", Lane::kEvent, [this](Req q, Res r) { Health(q, r); }},
+      {"GET", "/api/openapi.json", Lane::kEvent, [this](Req q, Res r) { OpenApi(q, r); }},
+      {"GET", "/metrics", Lane::kWorker, [this](Req q, Res r) { MetricsText(q, r); }},
   };
+  openapi_etag = "\"" + std::to_string(std::hash<std::string>()(options.openapi_json)) + "\"";
+}
+
+void HttpServer::Impl::Health(const HttpRequest&, HttpResponse& res) {
+  Json::Value out(Json::objectValue);
+  out["status"] = "ok";
+  res.SetHeader("Cache-Control", "no-store");
+  SendJson(res, out);
+}
+
+void HttpServer::Impl::OpenApi(const HttpRequest& req, HttpResponse& res) {
+  if (options.openapi_json.empty()) {
+    SendError(res, 404, "no API description was made at start");
+    return;
+  }
+  res.SetHeader("Cache-Control", "no-cache");
+  res.SetHeader("ETag", openapi_etag);
+  if (EtagMatches(req.Header("If-None-Match"), openapi_etag)) {
+    res.status = 304;
+    return;
+  }
+  res.status = 200;
+  res.content_type = "application/json";
+  res.body = options.openapi_json;
+}
+
+void HttpServer::Impl::MetricsText(const HttpRequest& req, HttpResponse& res) {
+  SessionStore::Session s;
+  if (!Authorize(req, res, &s)) return;
+  res.status = 200;
+  res.SetHeader("Cache-Control", "no-store");
+  res.content_type = "text/plain; version=0.0.4; charset=utf-8";
+  res.body = metrics.Render(sessions.Size(), ops.Stats());
 }
 
 const HttpServer::Impl::Route* HttpServer::Impl::Find(const HttpRequest& req) const {
@@ -118,6 +159,7 @@ void HttpServer::Impl::Handle(const Route* route, const HttpRequest& req, HttpRe
 }
 
 void HttpServer::Impl::Finish(const HttpRequest& req, HttpResponse& res) {
+  metrics.Answered(res.log, res.status);
   res.SetHeader("X-Content-Type-Options", "nosniff");
   res.SetHeader("X-Frame-Options", "DENY");
   res.SetHeader("Content-Security-Policy", kContentSecurityPolicy);

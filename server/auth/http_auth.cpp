@@ -116,6 +116,7 @@ void HttpServer::Impl::Login(const HttpRequest& req, HttpResponse& res) {
   res.log.account = attempt.account;
   LoginGate::Outcome outcome = logins.Try(attempt, ops);
   if (outcome.status != 200) {
+    metrics.FailedLogin();
     if (outcome.retry_after > 0) res.SetHeader("Retry-After", std::to_string(outcome.retry_after));
     SendError(res, outcome.status, outcome.error);
     return;

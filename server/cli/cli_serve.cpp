@@ -28,6 +28,8 @@
 #include "tavo/error.h"
 #include "tavo/root.h"
 #include "tavo/store_check.h"
+#include "json_util.h"
+#include "openapi.h"
 #include "terminal_text.h"
 
 namespace tavo_server {
@@ -164,6 +166,8 @@ int ServeMain(const std::vector<std::string>& command_line) {
 
   ModuleSet modules;
   if (!LoadAllModules(options.modules_dir, &modules, true)) return kExitFailure;
+  // Made here, where the modules are: a split-off front has none of its own.
+  options.openapi_json = ToCompactJson(BuildOpenApi(modules));
 
   // SIGINT and SIGTERM are taken by a thread of their own, which stops the
   // server; every other thread (the workers too) keeps them blocked.

@@ -18,6 +18,7 @@
 #include "conn_deadlines.h"
 #include "http_server.h"
 #include "login_gate.h"
+#include "metrics.h"
 #include "sessions.h"
 #include "site_check.h"
 #include "static_cache.h"
@@ -47,6 +48,8 @@ struct HttpServer::Impl {
   LoginGate logins;
   StaticFiles files;
   StaticCache cache;
+  Metrics metrics;
+  std::string openapi_etag;  // of options.openapi_json
   std::vector<Route> routes;
 
   // Serving state (http_server.cpp).
@@ -81,6 +84,9 @@ struct HttpServer::Impl {
   void ApiPost(const HttpRequest& req, HttpResponse& res);
   void ApiGet(const HttpRequest& req, HttpResponse& res);
   void StaticFile(const HttpRequest& req, HttpResponse& res);
+  void Health(const HttpRequest& req, HttpResponse& res);
+  void OpenApi(const HttpRequest& req, HttpResponse& res);
+  void MetricsText(const HttpRequest& req, HttpResponse& res);
 
   // Finds the session of the request's token (X-Tavo-Token or Authorization:
   // Bearer) and checks that its account is still a valid administrator. On

@@ -238,6 +238,7 @@ void OnCompleted(void* cls, MHD_Connection*, void** con_cls, MHD_RequestTerminat
   const double ms = std::chrono::duration<double, std::milli>(Clock::now() - x->start).count();
   s->log->Write(x->req.remote_addr, x->req.method, x->req.path, x->sent ? x->res.status : 0,
                 x->res.log, ms);
+  s->metrics.Completed(ms);
   if (x->conn != nullptr) {
     x->conn->idle = true;
     ConnDeadlines::Set(&x->conn->slot, Seconds(s->options.keepalive_timeout));

@@ -3,6 +3,8 @@
 #include <gnutls/crypto.h>
 
 #include "random.h"
+#include "dir_status.h"
+#include "tavo/store_stats.h"
 
 namespace tavo_server {
 
@@ -55,5 +57,27 @@ AccountOps::Answer LocalAccountOps::Call(const ApiCall& call, const LoginIdentit
 }
 
 Json::Value LocalAccountOps::Info() { return modules_.Info(); }
+
+Json::Value LocalStats() {
+  Json::Value out(Json::objectValue);
+  const tavo::StoreStats s = tavo::GetStoreStats();
+  Json::Value& store = out["store"];
+  store["commits"] = static_cast<Json::UInt64>(s.commits);
+  store["failed_commits"] = static_cast<Json::UInt64>(s.failed_commits);
+  store["files_written"] = static_cast<Json::UInt64>(s.files_written);
+  store["fsyncs"] = static_cast<Json::UInt64>(s.fsyncs);
+  store["fsync_ns"] = static_cast<Json::UInt64>(s.fsync_ns);
+  for (tavo_dir::Kind kind : {tavo_dir::Kind::kLdap, tavo_dir::Kind::kDomain}) {
+    Json::Value& d = out["directory"][tavo_dir::KindName(kind)];
+    tavo_dir::Binding b;
+    std::string error;
+    const tavo_dir::SyncState st = tavo_dir::ReadSyncState(kind);
+    d["bound"] = tavo_dir::ReadBinding(kind, &b, &error);
+    d["groups"] = static_cast<Json::Int64>(st.groups);
+    d["last_sync"] = static_cast<Json::Int64>(st.last_sync);
+    d["last_error_time"] = static_cast<Json::Int64>(st.last_error_time);
+  }
+  return out;
+}
 
 }  // namespace tavo_server

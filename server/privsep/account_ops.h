@@ -39,7 +39,14 @@ class AccountOps {
   virtual Answer Call(const ApiCall& call, const LoginIdentity& who) = 0;
   // The APIs and methods served (ModuleSet::Info).
   virtual Json::Value Info() = 0;
+  // Figures of the side that holds the account files, for /metrics:
+  // {"store": tavo::StoreStats as numbers, "directory": {"ldap"|"domain":
+  // {"bound", "groups", "last_sync", "last_error_time"}}}. Holds no names.
+  virtual Json::Value Stats() = 0;
 };
+
+// Stats() of the account files and directories of this process.
+Json::Value LocalStats();
 
 // Grants: HMAC-SHA256 over the identity's name and stamp under `key`.
 std::string GrantFor(const std::string& key, const LoginIdentity& who);
@@ -54,6 +61,7 @@ class LocalAccountOps : public AccountOps {
   LoginResult Recheck(const LoginIdentity& who) override;
   Answer Call(const ApiCall& call, const LoginIdentity& who) override;
   Json::Value Info() override;
+  Json::Value Stats() override { return LocalStats(); }
 
  private:
   const ModuleSet& modules_;

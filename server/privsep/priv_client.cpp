@@ -77,6 +77,13 @@ AccountOps::Answer PrivClient::Call(const ApiCall& call, const LoginIdentity& wh
   return a;
 }
 
+Json::Value PrivClient::Stats() {
+  Json::Value req(Json::objectValue), answer;
+  req["op"] = "stats";
+  if (!Ask(req, &answer) || ResultOf(answer) != LoginResult::kOk) return Json::Value(Json::objectValue);
+  return answer["stats"];
+}
+
 Json::Value PrivClient::Info() {
   Json::Value req(Json::objectValue), answer;
   req["op"] = "info";

@@ -26,6 +26,7 @@ class PrivClient : public AccountOps {
   LoginResult Recheck(const LoginIdentity& who) override;
   Answer Call(const ApiCall& call, const LoginIdentity& who) override;
   Json::Value Info() override;
+  Json::Value Stats() override;
 
   // Sends one request and receives its answer; false when that fails.
   bool Ask(const Json::Value& request, Json::Value* answer);

@@ -135,6 +135,10 @@ Json::Value PrivServer::Answer(const Json::Value& req) {
     if (!HasExactKeys(req, {"op"})) return Json::Value();
     out["result"] = "ok";
     out["info"] = ops_.Info();
+  } else if (op == "stats") {
+    if (!HasExactKeys(req, {"op"})) return Json::Value();
+    out["result"] = "ok";
+    out["stats"] = ops_.Stats();
   } else {
     return Json::Value();
   }

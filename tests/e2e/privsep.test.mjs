@@ -22,6 +22,9 @@ test('the front runs as nobody, cannot open etc/shadow, and the API works', { sk
     assert.match(token, /^[0-9a-f]{64}$/);
     assert.equal((await call(server.url, token, 'TAVO.Core.Group', 'create', { name: 'split' })).success, true);
     assert.ok(readFileSync(join(root, 'etc/group'), 'utf8').includes('\nsplit:'));
+    // The store's figures come from the account process.
+    const metrics = await (await fetch(`${server.url}/metrics`, { headers: { Authorization: `Bearer ${token}` } })).text();
+    assert.match(metrics, /^tavo_store_commits_total\{result="written"\} 1$/m);
 
     const children = readFileSync(`/proc/${server.child.pid}/task/${server.child.pid}/children`, 'utf8').trim().split(/\s+/);
     assert.equal(children.length, 1, children.join(' '));
