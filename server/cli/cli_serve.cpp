@@ -1,8 +1,10 @@
 // `tavo serve`: loads the modules and serves them over HTTP until SIGINT or
 // SIGTERM.
+#include <netdb.h>
 #include <pthread.h>
 #include <signal.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
 #include <unistd.h>
 #include <syslog.h>
 
@@ -50,6 +52,31 @@ bool LoadAllModules(const std::string& dir, ModuleSet* modules, bool warn_if_non
 }
 
 namespace {
+
+// Takes the listening socket systemd passed, if any (tavo.socket): the server
+// then answers on its address, whatever `listen` says, under the same rule
+// that plain HTTP beyond loopback needs --insecure-http.
+Status AdoptActivatedSocket(ServeOptions* options) {
+  std::string error;
+  const int fd = ActivatedListenSocket(&error);
+  if (fd == -2) return Status::Error(error);
+  if (fd < 0) return Status::OK();
+  sockaddr_storage addr{};
+  socklen_t len = sizeof(addr);
+  char host[NI_MAXHOST], port[NI_MAXSERV];
+  if (getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len) != 0 ||
+      getnameinfo(reinterpret_cast<sockaddr*>(&addr), len, host, sizeof host, port, sizeof port,
+                  NI_NUMERICHOST | NI_NUMERICSERV) != 0)
+    return Status::Error("the socket systemd passed has no address");
+  options->activated_fd = fd;
+  options->host = host;
+  options->port = atoi(port);
+  if (!options->tls() && !options->insecure_http && !IsLoopbackHost(options->host))
+    return Status::Error(std::string("the socket systemd passed listens on ") + host +
+                         ", not loopback: serve HTTPS (--tls-cert, --tls-key) or allow plain HTTP "
+                         "with --insecure-http");
+  return Status::OK();
+}
 
 // Binds, announces and serves HTTP until a stop signal (blocked in every
 // thread) arrives. `after_bind` runs once the socket is bound and the TLS
@@ -143,6 +170,11 @@ int ServeMain(const std::vector<std::string>& command_line) {
   if (options.help) {
     fputs(ServeUsage().c_str(), stdout);
     return kExitOk;
+  }
+  s = AdoptActivatedSocket(&options);
+  if (!s.ok()) {
+    fprintf(stderr, "tavo serve: %s\n", TerminalSafe(s.message()).c_str());
+    return kExitFailure;
   }
   s = ResolveRoot(options.root, &options.root);
   if (!s.ok()) {

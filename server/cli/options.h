@@ -43,6 +43,9 @@ struct ServeOptions {
   // Not an option: the OpenAPI document of the loaded modules (compact JSON),
   // made where the modules are loaded, answered at GET /api/openapi.json.
   std::string openapi_json;
+  // Not an option: the listening socket systemd passed (tavo.socket), or -1.
+  // `host` and `port` then name its address.
+  int activated_fd = -1;
   bool help = false;
 
   bool tls() const { return !tls_cert.empty(); }

@@ -2,6 +2,8 @@
 // to the workers, per-connection deadlines, and the graceful stop.
 #include "http_server.h"
 
+#include <fcntl.h>
+
 #include <microhttpd.h>
 #include <netdb.h>
 #include <netinet/in.h>
@@ -293,6 +295,16 @@ Status HttpServer::Bind(int* port) {
     if (!ReadPem(o.tls_cert, &impl_->tls_cert_pem)) return Status::Error("cannot read " + o.tls_cert);
     if (!ReadPem(o.tls_key, &impl_->tls_key_pem)) return Status::Error("cannot read " + o.tls_key);
   }
+  int fd = -1;
+  if (o.activated_fd >= 0) {
+    // A socket systemd listens on for us: served as it is.
+    fd = o.activated_fd;
+    fcntl(fd, F_SETFD, FD_CLOEXEC);
+    fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
+    *port = o.port;
+    impl_->listen_fd = fd;
+    return Status::OK();
+  }
   const std::string where = o.host + ":" + std::to_string(o.port);
   addrinfo hints{};
   hints.ai_family = AF_UNSPEC;
@@ -301,7 +313,6 @@ Status HttpServer::Bind(int* port) {
   addrinfo* found = nullptr;
   if (getaddrinfo(o.host.c_str(), std::to_string(o.port).c_str(), &hints, &found) != 0)
     return Status::Error("cannot listen on " + where + ": unknown address");
-  int fd = -1;
   for (addrinfo* a = found; a != nullptr && fd < 0; a = a->ai_next) {
     fd = socket(a->ai_family, a->ai_socktype | SOCK_CLOEXEC | SOCK_NONBLOCK, a->ai_protocol);
     if (fd < 0) continue;

@@ -6,7 +6,7 @@
 #   - the unpacked tavo makes a root (init), changes it (call), and serves it
 #     (serve, a login and an API call), and serve tells systemd it is ready,
 #     feeds the watchdog and says when it stops (notify_check.py);
-#   - the systemd unit passes systemd-analyze verify, and its confinement
+#   - the systemd units pass systemd-analyze verify, and the service's confinement
 #     scores "OK" or better in systemd-analyze security;
 #   - the example module builds out of tree against the unpacked SDK, with
 #     CMake and with pkg-config, and the unpacked tavo loads it.
@@ -99,7 +99,10 @@ unit=$(ls "$prefix"/lib/systemd/system/tavo.service "$prefix"/usr/lib/systemd/sy
 # verify checks that ExecStart exists: the copy verified runs the unpacked tavo.
 mkdir "$tmp/units"
 sed "s|/usr/bin/tavo|$tavo|g" "$unit" >"$tmp/units/tavo.service"
-systemd-analyze verify --man=no "$tmp/units/tavo.service" >"$tmp/verify" 2>&1 || { cat "$tmp/verify"; fail "systemd-analyze verify"; }
+[ -f "$(dirname "$unit")/tavo.socket" ] || fail "no tavo.socket"
+cp "$(dirname "$unit")/tavo.socket" "$tmp/units/"
+systemd-analyze verify --man=no "$tmp/units/tavo.service" "$tmp/units/tavo.socket" >"$tmp/verify" 2>&1 ||
+  { cat "$tmp/verify"; fail "systemd-analyze verify"; }
 [ ! -s "$tmp/verify" ] || { cat "$tmp/verify"; fail "systemd-analyze verify printed warnings"; }
 score=$(systemd-analyze security --offline=true "$unit" 2>/dev/null | sed -n 's/.*Overall exposure level for tavo.service: \([0-9.]*\) \([A-Z]*\).*/\1 \2/p')
 case "$score" in *" OK"|*" SAFE"|*" PERFECT") ok "systemd-analyze verify clean, security $score" ;;
