@@ -6,6 +6,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include "JsonRead.h"
 #include "tavo/error.h"
@@ -59,7 +60,7 @@ bool GroupHandler::LockFile(const char* path, bool flag, int* fd) {
 
 void GroupHandler::Exit() {
   if (code_ == kApiSuccess) {
-    response_->SetSuccess(result_);
+    response_->SetSuccess(std::move(result_));
   } else {
     response_->SetError(code_, Json::Value());
   }

@@ -3,6 +3,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include "Group.h"
 #include "JsonRead.h"
@@ -52,7 +53,7 @@ int AppendGroupEntry(const TLIB_GROUP_INFO* record, int /*value*/, void* context
       }
     }
   }
-  (*ctx->result)["groups"].append(entry);
+  (*ctx->result)["groups"].append(std::move(entry));
   free(buffer);
   return 0;
 }

@@ -80,6 +80,22 @@ const std::vector<int>& GroupDb::Sorted() const {
   });
   return sorted_;
 }
+
+std::shared_ptr<const std::vector<int>> GroupDb::SortedReachable(const LoginDefs& defs) const {
+  {
+    std::lock_guard<std::mutex> lock(reachable_mu_);
+    if (reachable_ && reachable_gid_min_ == defs.gid_min) return reachable_;
+  }
+  auto list = std::make_shared<std::vector<int>>();
+  list->reserve(groups.size());
+  for (int idx : Sorted())
+    if (Reachable(idx, defs)) list->push_back(idx);
+  std::lock_guard<std::mutex> lock(reachable_mu_);
+  reachable_ = list;
+  reachable_gid_min_ = defs.gid_min;
+  return list;
+}
+
 int UserDb::Find(const std::string& name) const { return FindIn(*this, name); }
 
 std::shared_ptr<GroupDb> BuildGroupDb(const std::string& content) {
@@ -87,6 +103,7 @@ std::shared_ptr<GroupDb> BuildGroupDb(const std::string& content) {
   const std::vector<std::string> lines = SplitLines(content);
   db->groups.reserve(lines.size());
   db->folded.reserve(lines.size());
+  db->builtin.reserve(lines.size());
   db->by_name.reserve(lines.size());
   db->by_fold.reserve(lines.size());
   for (const std::string& line : lines) {
@@ -94,6 +111,7 @@ std::shared_ptr<GroupDb> BuildGroupDb(const std::string& content) {
     if (!ParseGroupLine(line, &g)) continue;
     int idx = static_cast<int>(db->groups.size());
     db->folded.push_back(FoldCase(g.name));
+    db->builtin.push_back(db->folded.back() == "administrators" || db->folded.back() == "users");
     db->by_name.emplace(g.name, idx);
     db->by_fold[db->folded.back()].push_back(idx);
     db->groups.push_back(std::move(g));
@@ -134,7 +152,10 @@ std::shared_ptr<const LoginDefs> Defs() {
 
 std::shared_ptr<const DescDb> Descriptions() {
   static SnapshotCache<DescDb> cache(
-      [](const std::string& c) { return std::make_shared<DescDb>(ParseDescriptions(c)); }, true);
+      [](const std::string& c) {
+        auto parsed = ParseDescriptions(c);
+        return std::make_shared<DescDb>(parsed.begin(), parsed.end());
+      }, true);
   return cache.Get(TavoRootPath(kDescPath));
 }
 

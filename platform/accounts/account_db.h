@@ -38,6 +38,7 @@ extern const char kLdapGroupPath[];
 struct GroupDb {
   std::vector<GroupLine> groups;   // file order
   std::vector<std::string> folded; // FoldCase of each name
+  std::vector<char> builtin;       // whether each name is a built-in group's
   std::unordered_map<std::string, int> by_name;                // first exact spelling
   std::unordered_map<std::string, std::vector<int>> by_fold;  // every case variant
   // Indexes ordered by folded name, then name; built on first use (only
@@ -45,10 +46,20 @@ struct GroupDb {
   const std::vector<int>& Sorted() const;
   // The group named `name`: the exact spelling wins, then a case variant. -1 if none.
   int Find(const std::string& name) const;
+  // Whether the group at `idx` is reachable under `defs` (see IsReachable).
+  bool Reachable(int idx, const LoginDefs& defs) const {
+    return groups[idx].gid >= defs.gid_min || builtin[idx];
+  }
+  // The reachable groups under `defs` in the order of Sorted(). Built once per
+  // GID_MIN and kept (a listing page is then a slice of it); any thread.
+  std::shared_ptr<const std::vector<int>> SortedReachable(const LoginDefs& defs) const;
 
  private:
   mutable std::once_flag sorted_once_;
   mutable std::vector<int> sorted_;
+  mutable std::mutex reachable_mu_;
+  mutable unsigned reachable_gid_min_ = 0;
+  mutable std::shared_ptr<const std::vector<int>> reachable_;  // guarded by reachable_mu_
 };
 
 struct UserDb {
@@ -60,7 +71,7 @@ struct UserDb {
 };
 
 using ShadowDb = std::unordered_map<std::string, ShadowLine>;
-using DescDb = std::map<std::string, std::string>;
+using DescDb = std::unordered_map<std::string, std::string>;
 
 std::shared_ptr<GroupDb> BuildGroupDb(const std::string& content);
 

@@ -5,6 +5,7 @@
 
 #include "group_internal.h"
 #include "names.h"
+#include "snapshot.h"
 #include "tavo/group.h"
 #include "tavo/testing.h"
 
@@ -68,7 +69,7 @@ int FindReachable(const std::string& name, std::shared_ptr<const GroupDb>* db, i
   if (i >= 0 && *kind == TAVO_GROUP_LOCAL) {
     auto defs = Defs();
     if (!defs) return -1;
-    if (!IsReachable((*db)->groups[i], *defs)) i = -1;
+    if (!(*db)->Reachable(i, *defs)) i = -1;
   }
   if (i < 0) ACCT_ERR(TAVO_ERR_NO_GROUP);
   return i;
@@ -172,9 +173,7 @@ int TAVOGroupTotalNum(int kind) {
     if (kind != TAVO_GROUP_LOCAL) return static_cast<int>(db->groups.size());
     auto defs = Defs();
     if (!defs) return -1;
-    int n = 0;
-    for (const GroupLine& g : db->groups) n += IsReachable(g, *defs) ? 1 : 0;
-    return n;
+    return static_cast<int>(db->SortedReachable(*defs)->size());
   });
 }
 
@@ -188,18 +187,43 @@ int TLIBGroupInfoEnumBySubstr(int kind, const char* domain_name, int offset, int
   if (offset < 0 || limit < -1) return TAVO_ERR_SET(TAVO_ERR_ARGUMENT);
   if (TAVO_FAULT("group.enum")) return -1;
   return Guarded(-1, [&] {
+    // The callback's own lookups see the same snapshots as the enumeration.
+    SnapshotPin pin;
     auto db = GroupsOfKind(kind);
     if (!db) return -1;
     std::shared_ptr<const LoginDefs> defs;
     if (kind == TAVO_GROUP_LOCAL && !(defs = Defs())) return -1;
+    std::shared_ptr<const std::vector<int>> reachable;
+    if (defs) reachable = db->SortedReachable(*defs);
+    const std::vector<int>& order = reachable ? *reachable : db->Sorted();
     const std::string domain = domain_name ? domain_name : "";
     const std::string needle = substr ? substr : "";
     const std::string folded_needle = FoldCase(needle);
-    int matched = 0;
+    const bool filtered = !needle.empty() || (kind == TAVO_GROUP_DOMAIN && !domain.empty());
     std::vector<const char*> members;
-    for (int idx : db->Sorted()) {
+    auto deliver = [&](int idx, int pos) {
       const GroupLine& g = db->groups[idx];
-      if (defs && !IsReachable(g, *defs)) continue;
+      members.clear();
+      for (const std::string& m : g.members) members.push_back(m.c_str());
+      members.push_back(nullptr);
+      TLIB_GROUP_INFO info{g.name.c_str(), g.gid, members.data()};
+      TLIBCErrClear();
+      if (cb(&info, pos - offset, ctx) >= 0) return true;
+      // Keep the error the callback's own platform call left, if any.
+      if (TLIBCErrGet() == TAVO_ERR_NONE) ACCT_ERR(TAVO_ERR_FAULT);
+      return false;
+    };
+    const long long end = limit == -1 ? static_cast<long long>(order.size())
+                                      : static_cast<long long>(offset) + limit;
+    if (!filtered) {  // the page is a slice of the order
+      for (long long pos = offset; cb && pos < end && pos < static_cast<long long>(order.size());
+           ++pos)
+        if (!deliver(order[pos], static_cast<int>(pos))) return -1;
+      return static_cast<int>(order.size());
+    }
+    int matched = 0;
+    for (int idx : order) {
+      const GroupLine& g = db->groups[idx];
       if (kind == TAVO_GROUP_DOMAIN && !MatchesDomain(g.name, domain)) continue;
       if (!needle.empty()) {
         bool hit = flag == 1 ? db->folded[idx].find(folded_needle) != std::string::npos
@@ -207,17 +231,8 @@ int TLIBGroupInfoEnumBySubstr(int kind, const char* domain_name, int offset, int
         if (!hit) continue;
       }
       int pos = matched++;
-      if (!cb || pos < offset || (limit != -1 && pos >= static_cast<long long>(offset) + limit)) continue;
-      members.clear();
-      for (const std::string& m : g.members) members.push_back(m.c_str());
-      members.push_back(nullptr);
-      TLIB_GROUP_INFO info{g.name.c_str(), g.gid, members.data()};
-      TLIBCErrClear();
-      if (cb(&info, pos - offset, ctx) < 0) {
-        // Keep the error the callback's own platform call left, if any.
-        if (TLIBCErrGet() == TAVO_ERR_NONE) ACCT_ERR(TAVO_ERR_FAULT);
-        return -1;
-      }
+      if (!cb || pos < offset || pos >= end) continue;
+      if (!deliver(idx, pos)) return -1;
     }
     return matched;
   });

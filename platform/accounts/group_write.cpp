@@ -333,7 +333,7 @@ bool ApplyGroupChange(GroupChange* c) {
   if (c->create || renaming || c->desc_changed) {
     std::string desc = c->desc;
     if (!c->desc_changed && !c->create) {
-      DescDb old = ParseDescriptions(f.desc_text);
+      auto old = ParseDescriptions(f.desc_text);
       auto it = old.find(old_name);
       desc = it == old.end() ? "" : it->second;
     }

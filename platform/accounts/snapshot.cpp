@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <ctime>
+#include <vector>
 
 #include "acct_error.h"
 
@@ -35,7 +36,40 @@ void FillKey(const struct stat& st, FileKey* key) {
 // stamps file times, plus the lag of that clock behind the real time.
 constexpr long long kRecentNs = 50LL * 1000 * 1000;
 
+// What the pins of this thread hold.
+struct PinState {
+  int depth = 0;
+  struct Entry {
+    const void* cache;
+    std::string path;
+    std::shared_ptr<const void> value;
+  };
+  std::vector<Entry> entries;  // a handful: one per file the call reads
+};
+thread_local PinState t_pins;
+
 }  // namespace
+
+SnapshotPin::SnapshotPin() { ++t_pins.depth; }
+SnapshotPin::~SnapshotPin() {
+  if (--t_pins.depth == 0) t_pins.entries.clear();
+}
+
+namespace internal {
+
+std::shared_ptr<const void> PinnedValue(const void* cache, const std::string& path) {
+  if (t_pins.depth == 0) return nullptr;
+  for (const PinState::Entry& e : t_pins.entries)
+    if (e.cache == cache && e.path == path) return e.value;
+  return nullptr;
+}
+
+void PinValue(const void* cache, const std::string& path, std::shared_ptr<const void> value) {
+  if (t_pins.depth == 0) return;
+  t_pins.entries.push_back(PinState::Entry{cache, path, std::move(value)});
+}
+
+}  // namespace internal
 
 bool RecentlyChanged(const FileKey& key) {
   if (!key.exists) return false;
@@ -53,6 +87,7 @@ unsigned long long SnapshotGeneration(const std::string& path) {
 }
 
 void InvalidateSnapshot(const std::string& path) {
+  t_pins.entries.clear();
   std::lock_guard<std::mutex> lock(g_gen_mu);
   if (!g_generations) g_generations = new std::map<std::string, unsigned long long>();
   if (g_generations->size() > 256) {  // roots change between tests

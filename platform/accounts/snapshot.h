@@ -51,6 +51,28 @@ bool ReadWholeFile(const std::string& path, std::string* content, FileKey* key);
 bool RecentlyChanged(const FileKey& key);
 // Forces every cache to re-read the file at `path` on its next Get.
 void InvalidateSnapshot(const std::string& path);
+
+// While a SnapshotPin lives, every Get on its thread returns the snapshot the
+// first Get of that file returned in the pin's lifetime, without looking at
+// the file again: one call (an enumeration and the lookups its callback
+// makes) then sees the files at one point in time and stats each file once.
+// Pins nest; InvalidateSnapshot drops what the thread's pin holds.
+// Thread-safety: a pin belongs to the thread that made it.
+class SnapshotPin {
+ public:
+  SnapshotPin();
+  ~SnapshotPin();
+  SnapshotPin(const SnapshotPin&) = delete;
+  SnapshotPin& operator=(const SnapshotPin&) = delete;
+};
+
+namespace internal {
+// The value pinned on this thread for (cache, path); null when none or when
+// no pin is alive.
+std::shared_ptr<const void> PinnedValue(const void* cache, const std::string& path);
+// Keeps `value` for (cache, path) when a pin is alive on this thread.
+void PinValue(const void* cache, const std::string& path, std::shared_ptr<const void> value);
+}  // namespace internal
 // The count of invalidations of `path` so far (part of its key).
 unsigned long long SnapshotGeneration(const std::string& path);
 
@@ -64,6 +86,7 @@ class SnapshotCache {
   std::shared_ptr<const T> Get(const std::string& path);
 
  private:
+  std::shared_ptr<const T> GetFresh(const std::string& path);
   struct Entry {
     FileKey key;
     bool recent;  // read within a clock tick or so of its change: not trusted
@@ -79,6 +102,15 @@ bool ReportMissing(const std::string& path);  // sets TAVO_ERR_IO, returns false
 
 template <typename T>
 std::shared_ptr<const T> SnapshotCache<T>::Get(const std::string& path) {
+  if (std::shared_ptr<const void> pinned = internal::PinnedValue(this, path))
+    return std::static_pointer_cast<const T>(pinned);
+  std::shared_ptr<const T> value = GetFresh(path);
+  if (value) internal::PinValue(this, path, value);
+  return value;
+}
+
+template <typename T>
+std::shared_ptr<const T> SnapshotCache<T>::GetFresh(const std::string& path) {
   FileKey now;
   if (!StatKey(path, &now)) return nullptr;
   {

@@ -39,6 +39,13 @@ void APIResponse::SetSuccess(const Json::Value& data) {
   ++writes_;
 }
 
+void APIResponse::SetSuccess(Json::Value&& data) {
+  success_ = true;
+  code_ = kCodeSuccess;
+  data_ = std::move(data);
+  ++writes_;
+}
+
 void APIResponse::SetError(int code, const Json::Value& data) {
   success_ = false;
   code_ = code;
@@ -56,6 +63,15 @@ Json::Value APIResponse::Envelope() const {
   env["success"] = false;
   env["error"] = Json::Value(Json::objectValue);
   env["error"]["code"] = writes_ > 0 ? code_ : kCodeUnwritten;
+  return env;
+}
+
+Json::Value APIResponse::TakeEnvelope() {
+  if (writes_ == 0 || !success_) return Envelope();
+  Json::Value env(Json::objectValue);
+  env["success"] = true;
+  env["data"] = std::move(data_);
+  data_ = Json::Value();
   return env;
 }
 

@@ -84,10 +84,10 @@ CallResult Dispatch(const ModuleSet& modules, const ApiCall& call, const std::st
   if (response.WriteCount() != 1)
     syslog(LOG_WARNING, "tavo: %s v%d %s wrote its response %d times", call.api.c_str(),
            call.version, call.method.c_str(), response.WriteCount());
-  result.envelope = response.Envelope();
   result.code = response.WriteCount() == 0 ? kCodeUnknown
                 : response.IsSuccess()     ? kCodeSuccess
                                            : response.Code();
+  result.envelope = response.TakeEnvelope();
   return result;
 }
 

@@ -105,6 +105,43 @@ TEST(GroupRead, PagesAreOrderedIgnoringCaseAndCountAllMatches) {
   EXPECT_EQ(-1, TLIBGroupInfoEnumBySubstr(3, "", 0, -1, "", 1, Collect, &page));
 }
 
+// Reads the description of each listed group, and rewrites the description
+// file after the first one, as another writer would in the middle of a listing.
+struct DescsSeen {
+  TempRoot* root;
+  std::vector<std::string> descs;
+};
+int DescAndRewrite(const TLIB_GROUP_INFO* info, int, void* ctx) {
+  DescsSeen* seen = static_cast<DescsSeen*>(ctx);
+  char* desc = nullptr;
+  unsigned size = 0;
+  if (TAVOGroupDescGet(info->name, &desc, &size) != 0) return -1;
+  seen->descs.push_back(desc);
+  free(desc);
+  seen->root->Write("/etc/tavo/group_desc", "alpha:changed\nbeta:changed\n");
+  return 0;
+}
+
+TEST(GroupRead, AListingSeesOnePointInTimeAndTheNextSeesTheChange) {
+  TempRoot root;
+  root.AddGroup("alpha", 2000);
+  root.AddGroup("beta", 2001);
+  root.SetDescription("alpha", "first");
+  root.SetDescription("beta", "second");
+  DescsSeen seen{&root, {}};
+  EXPECT_EQ(5, TLIBGroupInfoEnumBySubstr(1, "", 0, 2, "", 1, DescAndRewrite, &seen));
+  EXPECT_EQ((std::vector<std::string>{"", "first"}), seen.descs);  // administrators, alpha
+  seen.descs.clear();
+  EXPECT_EQ(5, TLIBGroupInfoEnumBySubstr(1, "", 1, 2, "", 1, DescAndRewrite, &seen));
+  EXPECT_EQ((std::vector<std::string>{"changed", "changed"}), seen.descs);
+  // A new GID_MIN re-decides which groups a page holds.
+  root.Write("/etc/login.defs", "GID_MIN 2001\nGID_MAX 60000\n");
+  Page page;
+  EXPECT_EQ(4, TLIBGroupInfoEnumBySubstr(1, "", 0, -1, "", 1, Collect, &page));
+  EXPECT_EQ((std::vector<std::string>{"administrators", "beta", "nogroup", "users"}), page);
+  EXPECT_EQ(4, TAVOGroupTotalNum(TAVO_GROUP_LOCAL));
+}
+
 TEST(GroupRead, DomainAndDirectoryLists) {
   TempRoot root;
   root.Write("/etc/tavo/domain_group", "CORP\\Sales:x:300001:CORP\\ann\nOTHER\\ops:x:300002:\n");

@@ -49,6 +49,8 @@ class APIResponse {
 
   // Marks the call as successful; `data` is the method's answer.
   void SetSuccess(const Json::Value& data);
+  // As above, taking over `data` without a copy.
+  void SetSuccess(Json::Value&& data);
   // Marks the call as failed with an API error code. `data` is kept but the
   // envelope of a failure never carries it.
   void SetError(int code, const Json::Value& data);
@@ -63,6 +65,9 @@ class APIResponse {
   // {"success": true, "data": DATA} or {"success": false, "error": {"code": N}}.
   // A response that was never written yields code 3299.
   Json::Value Envelope() const;
+  // The same envelope, taking over the data without a copy; the response
+  // holds null data afterwards.
+  Json::Value TakeEnvelope();
 
  private:
   bool success_ = false;
