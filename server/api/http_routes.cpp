@@ -159,7 +159,7 @@ void HttpServer::Impl::Handle(const Route* route, const HttpRequest& req, HttpRe
 }
 
 void HttpServer::Impl::Finish(const HttpRequest& req, HttpResponse& res) {
-  metrics.Answered(res.log, res.status);
+  if (!req.remote_addr.empty()) metrics.Answered(res.log, res.status);  // not the watchdog's probe
   res.SetHeader("X-Content-Type-Options", "nosniff");
   res.SetHeader("X-Frame-Options", "DENY");
   res.SetHeader("Content-Security-Policy", kContentSecurityPolicy);

@@ -8,6 +8,7 @@
 #include <unistd.h>
 #include <syslog.h>
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
@@ -106,16 +107,24 @@ int RunFront(const ServeOptions& options, AccountOps& ops, const sigset_t& stop_
   NotifyReady(std::string("serving ") + (options.tls() ? "https" : "http") + "://" + host + ":" +
               std::to_string(port));
 
-  // The watchdog is fed while the server runs, at half the interval asked for.
+  // The watchdog is fed at half the interval asked for, each time the event
+  // threads have answered a connection handed to them (a stuck event loop
+  // stops the pings, and systemd restarts the service).
   std::mutex watchdog_mutex;
   std::condition_variable watchdog_wake;
   bool stopping = false;
   std::thread watchdog;
   if (uint64_t usec = WatchdogIntervalUsec()) {
     watchdog = std::thread([&, usec] {
+      const int probe_ms = static_cast<int>(std::min<uint64_t>(usec / 4000, 5000));
       std::unique_lock<std::mutex> lock(watchdog_mutex);
-      while (!watchdog_wake.wait_for(lock, std::chrono::microseconds(usec / 2), [&] { return stopping; }))
-        NotifyWatchdog();
+      while (!watchdog_wake.wait_for(lock, std::chrono::microseconds(usec / 2), [&] { return stopping; })) {
+        lock.unlock();
+        const bool alive = server.ProbeEventLoop(probe_ms);
+        lock.lock();
+        if (alive) NotifyWatchdog();
+        else if (!stopping) syslog(LOG_WARNING, "the event threads did not answer within %d ms", probe_ms);
+      }
     });
   }
   std::unique_ptr<tavo_dir::PeriodicSync> directory_sync;

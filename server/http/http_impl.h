@@ -56,7 +56,12 @@ struct HttpServer::Impl {
   std::unique_ptr<AccessLog> log;
   std::unique_ptr<ConnDeadlines> deadlines;
   std::unique_ptr<Executor> workers;
-  MHD_Daemon* daemon = nullptr;
+  MHD_Daemon* daemon = nullptr;  // set and cleared by Run under probe_mu
+  // The event-loop probe (event_probe.cpp): the descriptor of the probe's
+  // connection, and whether an event thread has taken it up.
+  std::mutex probe_mu;
+  std::atomic<int> probe_fd{-1};
+  std::atomic<bool> probe_seen{false};
   int listen_fd = -1;
   std::string keep_alive_header;  // "timeout=N"
   SitePolicy site;                 // Host and Origin

@@ -93,6 +93,7 @@ void OnConnection(void* cls, MHD_Connection* connection, void** socket_context,
     ConnDeadlines::Set(&c->slot, Seconds(s->options.read_timeout));
     s->deadlines->Add(&c->slot);
     s->connections.fetch_add(1);
+    if (c->slot.fd >= 0 && c->slot.fd == s->probe_fd.load()) s->probe_seen.store(true);
     *socket_context = c;
   } else if (toe == MHD_CONNECTION_NOTIFY_CLOSED) {
     Conn* c = static_cast<Conn*>(*socket_context);
@@ -238,9 +239,12 @@ void OnCompleted(void* cls, MHD_Connection*, void** con_cls, MHD_RequestTerminat
   if (x == nullptr) return;
   *con_cls = nullptr;
   const double ms = std::chrono::duration<double, std::milli>(Clock::now() - x->start).count();
-  s->log->Write(x->req.remote_addr, x->req.method, x->req.path, x->sent ? x->res.status : 0,
-                x->res.log, ms);
-  s->metrics.Completed(ms);
+  // The watchdog's own probes (no client address) are neither logged nor counted.
+  if (!x->req.remote_addr.empty()) {
+    s->log->Write(x->req.remote_addr, x->req.method, x->req.path, x->sent ? x->res.status : 0,
+                  x->res.log, ms);
+    s->metrics.Completed(ms);
+  }
   if (x->conn != nullptr) {
     x->conn->idle = true;
     ConnDeadlines::Set(&x->conn->slot, Seconds(s->options.keepalive_timeout));
@@ -354,7 +358,7 @@ Status HttpServer::Run() {
     tls_options.push_back({MHD_OPTION_HTTPS_MEM_CERT, 0, const_cast<char*>(s.tls_cert_pem.c_str())});
   }
   tls_options.push_back({MHD_OPTION_END, 0, nullptr});
-  s.daemon = MHD_start_daemon(
+  MHD_Daemon* daemon = MHD_start_daemon(
       MHD_USE_EPOLL_INTERNAL_THREAD | MHD_ALLOW_SUSPEND_RESUME | MHD_USE_ITC | MHD_USE_ERROR_LOG |
           (o.tls() ? MHD_USE_TLS : 0),
       0, nullptr, nullptr, OnRequest, &s,
@@ -370,7 +374,11 @@ Status HttpServer::Run() {
       MHD_OPTION_NOTIFY_CONNECTION, OnConnection, &s,
       MHD_OPTION_URI_LOG_CALLBACK, OnRequestLine, &s,
       MHD_OPTION_END);
-  if (s.daemon == nullptr) return Status::Error("the HTTP server could not start");
+  if (daemon == nullptr) return Status::Error("the HTTP server could not start");
+  {
+    std::lock_guard<std::mutex> probe(s.probe_mu);
+    s.daemon = daemon;
+  }
 
   std::unique_lock<std::mutex> lock(s.stop_mu);
   s.stop_cv.wait(lock, [&s] { return s.stopping.load(); });
@@ -384,8 +392,11 @@ Status HttpServer::Run() {
   if (!drained)
     return Status::Error(std::to_string(s.in_flight.load()) + " requests still running after " +
                          std::to_string(o.stop_timeout) + " s");
-  MHD_stop_daemon(s.daemon);
-  s.daemon = nullptr;
+  {
+    std::lock_guard<std::mutex> probe(s.probe_mu);
+    MHD_stop_daemon(s.daemon);
+    s.daemon = nullptr;
+  }
   s.workers.reset();
   s.deadlines.reset();
   s.log.reset();

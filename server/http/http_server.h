@@ -69,6 +69,12 @@ class HttpServer {
   // Stops accepting connections and makes Run return once the requests in
   // flight are answered (or the stop time has passed).
   void Stop();
+  // Whether the event threads are serving: hands them a connection of our
+  // own (a socket pair, so no client limit applies) and waits up to
+  // `timeout_ms` until it is answered: a whole GET /healthz over plain HTTP,
+  // its being taken up by an event thread over TLS. False before Run serves
+  // and after it stopped. Any thread; one probe at a time.
+  bool ProbeEventLoop(int timeout_ms);
 
   struct Impl;
 
