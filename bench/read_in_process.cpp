@@ -4,6 +4,7 @@
 // For each size prints the mean time of one call, in microseconds, of
 //   list     TAVO.Core.Group list limit=50 name_only=false (a page, with the total)
 //   members  TAVO.Core.Group.Member list of one group, limit=50
+//   others   the same with ingroup=false: a page of the group's non-members
 // through the same module dispatch as `tavo serve`.
 #include <chrono>
 #include <cstdio>
@@ -58,7 +59,8 @@ int main(int argc, char** argv) {
   std::vector<int> sizes;
   for (int i = 3; i < argc; ++i) sizes.push_back(std::atoi(argv[i]));
   if (sizes.empty()) sizes = {1000, 10000, 100000};
-  std::printf("%8s  %14s  %14s\n", "groups", "list 50 (us)", "members (us)");
+  std::printf("%8s  %14s  %14s  %14s\n", "groups", "list 50 (us)", "members (us)",
+              "others (us)");
   for (int n : sizes) {
     BenchRoot root(n);
     tavo::TavoRootSet(root.dir());
@@ -72,9 +74,12 @@ int main(int argc, char** argv) {
     members.method = "list";
     members.params["group"] = BenchRoot::GroupName(n / 2);
     members.params["limit"] = 50;
+    tavo_server::ApiCall others = members;
+    others.params["ingroup"] = false;
     const double l = TimeCalls(modules, list, n, rounds);
     const double m = TimeCalls(modules, members, n, rounds);
-    std::printf("%8d  %14.1f  %14.1f\n", n, l, m);
+    const double o = TimeCalls(modules, others, n, rounds / 10 + 1);
+    std::printf("%8d  %14.1f  %14.1f  %14.1f\n", n, l, m, o);
   }
   return 0;
 }
