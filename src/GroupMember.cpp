@@ -142,6 +142,22 @@ void GroupHandler::ListMember() {
       if (pager.Next()) AppendUserRecord(member, result_);
     }
     result_["total"] = pager.count();
+  } else if (substr.empty()) {
+    // The group's non-members: a page of the users its member names leave.
+    const std::vector<std::string> members = group->GetMembers();
+    std::vector<const char*> excluded;
+    excluded.reserve(members.size() + 1);
+    for (const std::string& m : members) excluded.push_back(m.c_str());
+    excluded.push_back(nullptr);
+    int total = TLIBUserInfoEnumExcept(1, offset, limit, excluded.data(), AppendUserInfoCallback,
+                                       &result_);
+    if (total < 0) {
+      syslog(LOG_ERR, "%s:%d TLIBUserInfoEnumExcept failed [0x%04X %s:%d]", "src/Group.cpp", 696,
+             TLIBCErrGet(), TLIBCErrorGetFile(), TLIBCErrorGetLine());
+      code_ = TranslateError();
+      goto end;
+    }
+    result_["total"] = total;
   } else {
     list = TLIBCSzListAlloc(1024);
     if (list == nullptr) {
@@ -149,14 +165,7 @@ void GroupHandler::ListMember() {
              TLIBCErrGet(), TLIBCErrorGetFile(), TLIBCErrorGetLine());
       goto end;
     }
-    if (substr.empty()) {
-      if (TLIBUserEnum(&list, 1, 0) < 0) {
-        syslog(LOG_ERR, "%s:%d TLIBUserEnum failed [0x%04X %s:%d]", "src/Group.cpp", 696,
-               TLIBCErrGet(), TLIBCErrorGetFile(), TLIBCErrorGetLine());
-        code_ = TranslateError();
-        goto end;
-      }
-    } else if (TLIBUserEnumBySubstr(&list, 1, 0, substr.c_str(), 1) < 0) {
+    if (TLIBUserEnumBySubstr(&list, 1, 0, substr.c_str(), 1) < 0) {
       syslog(LOG_ERR, "%s:%d TLIBUserEnumBySubstr failed [0x%04X %s:%d]", "src/Group.cpp", 702,
              TLIBCErrGet(), TLIBCErrorGetFile(), TLIBCErrorGetLine());
       code_ = TranslateError();

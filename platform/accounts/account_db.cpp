@@ -98,6 +98,25 @@ std::shared_ptr<const std::vector<int>> GroupDb::SortedReachable(const LoginDefs
 
 int UserDb::Find(const std::string& name) const { return FindIn(*this, name); }
 
+std::shared_ptr<const UserDb::LocalOrder> UserDb::Local(const LoginDefs& defs) const {
+  {
+    std::lock_guard<std::mutex> lock(local_mu_);
+    if (local_ && local_min_ == defs.uid_min && local_max_ == defs.uid_max) return local_;
+  }
+  auto local = std::make_shared<LocalOrder>();
+  local->rank.assign(users.size(), -1);
+  for (int idx : sorted) {
+    if (!IsLocalUser(users[idx], defs)) continue;
+    local->rank[idx] = static_cast<int>(local->order.size());
+    local->order.push_back(idx);
+  }
+  std::lock_guard<std::mutex> lock(local_mu_);
+  local_ = local;
+  local_min_ = defs.uid_min;
+  local_max_ = defs.uid_max;
+  return local;
+}
+
 std::shared_ptr<GroupDb> BuildGroupDb(const std::string& content) {
   auto db = std::make_shared<GroupDb>();
   const std::vector<std::string> lines = SplitLines(content);

@@ -68,6 +68,20 @@ struct UserDb {
   std::unordered_map<std::string, int> by_name;
   std::unordered_map<std::string, std::vector<int>> by_fold;
   int Find(const std::string& name) const;
+
+  // The local users (IsLocalUser) in the order of `sorted`, and the rank of
+  // each user in that order (-1 for users that are not local).
+  struct LocalOrder {
+    std::vector<int> order;
+    std::vector<int> rank;
+  };
+  // Built once per UID range and kept; any thread.
+  std::shared_ptr<const LocalOrder> Local(const LoginDefs& defs) const;
+
+ private:
+  mutable std::mutex local_mu_;
+  mutable unsigned local_min_ = 0, local_max_ = 0;
+  mutable std::shared_ptr<const LocalOrder> local_;  // guarded by local_mu_
 };
 
 using ShadowDb = std::unordered_map<std::string, ShadowLine>;

@@ -87,8 +87,12 @@ TEST_F(MemberTest, ListFailures) {
   EXPECT_EQ(CallMember("list", "{\"group\": \"staff\", \"ingroup\": false, \"substr\": \"a\"}").code,
             3205);
   EXPECT_TRUE(LoggedPrefix(3, "src/Group.cpp:702 TLIBUserEnumBySubstr failed [0x1800 "));
+  tavo::testing::FailNext("user.infoenum", 0x1800);
+  EXPECT_EQ(CallMember("list", "{\"group\": \"staff\", \"ingroup\": false}").code, 3205);
+  EXPECT_TRUE(LoggedPrefix(3, "src/Group.cpp:696 TLIBUserInfoEnumExcept failed [0x1800 "));
   tavo::testing::FailNext("szlist.alloc", 0x0100);
-  EXPECT_EQ(CallMember("list", "{\"group\": \"staff\", \"ingroup\": false}").code, 3299);
+  EXPECT_EQ(CallMember("list", "{\"group\": \"staff\", \"ingroup\": false, \"substr\": \"a\"}").code,
+            3299);
   EXPECT_TRUE(LoggedPrefix(3, "src/Group.cpp:691 TLIBCSzListAlloc failed [0x0100 "));
   // A member whose name cannot be upper-cased is not counted.
   tavo::testing::FailNext("user.upper", 0x0300);
