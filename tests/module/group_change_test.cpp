@@ -75,6 +75,9 @@ TEST_F(GroupChangeTest, CreateHonoursTheGroupLimit) {
   root_->Write("/etc/tavo/tavo.conf", "maxgroups = " + std::to_string(count + 1) + "\n");
   EXPECT_TRUE(CallGroup("create", "{\"name\": \"last\"}").success);
   EXPECT_EQ(CallGroup("create", "{\"name\": \"one_more\"}").code, 3209);
+  // Exactly at the limit the handler refuses on its own count, before the lock.
+  tavo::testing::FailNext("lock.handler", 0x0400);
+  EXPECT_EQ(CallGroup("create", "{\"name\": \"one_more\"}").code, 3209);
   root_->Write("/etc/tavo/tavo.conf", "maxgroups = many\n");
   EXPECT_EQ(CallGroup("create", "{\"name\": \"none\"}").code, 3209);
   // The limit is tested before the lock is taken.
