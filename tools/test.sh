@@ -69,7 +69,7 @@ if [ "${TAVO_SKIP_TSAN:-0}" != 1 ]; then
   # No suppressions: a report fails the step.
   export TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1"
   ctest --test-dir "$top/build-tsan" --output-on-failure -j 2 \
-    -R 'Concurrency|Concurrent|ProcessesWriteTogether|HandlerLockTest'
+    -R 'Concurrency|Concurrent|ProcessesWriteTogether|HandlerLockTest|EventProbe'
   TAVO_BIN="$top/build-tsan/bin/tavo" node --test "$top"/tests/e2e/*.test.mjs
   unset TSAN_OPTIONS
 fi
