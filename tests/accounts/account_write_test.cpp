@@ -101,6 +101,7 @@ TEST(GroupWrite, SaveKeepsOtherWritersChangesAndNoticesDeletion) {
   text.replace(text.find("team:x:1500:admin"), 17, "team:x:1500:admin,guest");
   root.Write("/etc/group", text);
   EXPECT_TRUE(g->RemoveMember("ADMIN"));
+  EXPECT_TRUE(g->AddMember("GUEST"));  // added meanwhile by the other program: kept once
   ASSERT_TRUE(g->Save());
   EXPECT_TRUE(Contains(root.Read("/etc/group"), "\nteam:x:1500:guest\n"));
   EXPECT_TRUE(Contains(root.Read("/etc/group"), "\nother:x:1501:\n"));
