@@ -270,12 +270,6 @@ bool ApplyGroupChange(GroupChange* c) {
     if (mine && valid[i]) self = static_cast<int>(i);
   }
   if (!c->create && self < 0) return ACCT_ERR(TAVO_ERR_NO_GROUP), false;
-  if (!c->create && !renaming && !c->desc_changed && c->added.empty() && c->removed.empty()) {
-    // Nothing to change: the lines stay as they are, byte for byte, even
-    // where a rewrite would tidy them.
-    c->gid_out = parsed[self].gid;
-    return true;
-  }
   if (c->create || renaming) {
     int why = CheckNewName(f.group_lines, parsed, valid, *defs, self, c->new_name);
     if (why != TAVO_ERR_NONE) return TAVO_ERR_SET(why), false;

@@ -269,3 +269,18 @@ TEST(GroupWrite, SaveKeepsAValidAdministratorAndTheGroupLimit) {
   EXPECT_FALSE(SDK::Group::IsGroupExist("third"));
   EXPECT_TRUE(ChangeMembersSaved("second", {"ann"}, {}));  // changes stay allowed at the limit
 }
+
+// A save with nothing to change leaves both files byte for byte, even lines
+// a rewrite would tidy (a short gshadow line, no final newline).
+TEST(GroupWrite, UnchangedSaveLeavesUntidyLinesAlone) {
+  TempRoot root;
+  root.Write("/etc/group", root.Read("/etc/group") + "team:x:1600:admin");
+  root.Write("/etc/gshadow", root.Read("/etc/gshadow") + "team:!\n");
+  const std::string group = root.Read("/etc/group"), gshadow = root.Read("/etc/gshadow");
+  GroupPtr g(SDK::Group::LoadGroup("team"));
+  ASSERT_TRUE(g);
+  EXPECT_TRUE(g->AddMember("ADMIN"));  // already there
+  ASSERT_TRUE(g->Save());
+  EXPECT_EQ(group, root.Read("/etc/group"));
+  EXPECT_EQ(gshadow, root.Read("/etc/gshadow"));
+}
