@@ -22,62 +22,70 @@ const char kLdapGroupPath[] = "/usr/tavo/etc/private/ldap_group";
 
 namespace {
 
+// Orders entry numbers by folded name, then name, then file order.
 template <typename Db>
-int FindIn(const Db& db, const std::string& name) {
-  auto ex = db.by_name.find(name);
-  if (ex != db.by_name.end()) return ex->second;
-  auto it = db.by_fold.find(FoldCase(name));
-  if (it == db.by_fold.end() || it->second.empty()) return -1;
-  return it->second.front();
+struct ByFoldedName {
+  const Db& db;
+  const NameIndex& index;
+  bool operator()(int a, int b) const {
+    const std::string_view fa = index.Folded(a), fb = index.Folded(b);
+    if (fa != fb) return fa < fb;
+    const std::string_view na = db.Name(a), nb = db.Name(b);
+    if (na != nb) return na < nb;
+    return a < b;  // the same name twice: file order, so every sort agrees
+  }
+};
+
+template <typename Db>
+std::vector<int> SortByFoldedName(const Db& db, const NameIndex& index) {
+  std::vector<int> order(db.size());
+  for (size_t i = 0; i < order.size(); ++i) order[i] = static_cast<int>(i);
+  std::sort(order.begin(), order.end(), ByFoldedName<Db>{db, index});
+  return order;
 }
 
-std::shared_ptr<UserDb> BuildUserDb(const std::string& content) {
-  auto db = std::make_shared<UserDb>();
-  std::vector<std::string> folded;
-  const std::vector<std::string> lines = SplitLines(content);
-  db->users.reserve(lines.size());
-  db->by_name.reserve(lines.size());
-  db->by_fold.reserve(lines.size());
-  for (const std::string& line : lines) {
-    PasswdLine u;
-    if (!ParsePasswdLine(line, &u)) continue;
-    int idx = static_cast<int>(db->users.size());
-    folded.push_back(FoldCase(u.name));
-    db->by_name.emplace(u.name, idx);
-    db->by_fold[folded.back()].push_back(idx);
-    db->users.push_back(std::move(u));
-  }
-  db->sorted.resize(db->users.size());
-  for (size_t i = 0; i < db->sorted.size(); ++i) db->sorted[i] = static_cast<int>(i);
-  std::sort(db->sorted.begin(), db->sorted.end(), [&](int a, int b) {
-    if (folded[a] != folded[b]) return folded[a] < folded[b];
-    return db->users[a].name < db->users[b].name;
-  });
-  return db;
-}
-
-std::shared_ptr<ShadowDb> BuildShadowDb(const std::string& content) {
-  auto db = std::make_shared<ShadowDb>();
-  for (const std::string& line : SplitLines(content)) {
-    ShadowLine s;
-    if (ParseShadowLine(line, &s)) db->emplace(s.name, std::move(s));
-  }
-  return db;
+// The number of lines of `text` (an upper bound of its entries).
+size_t CountLines(const std::string& text) {
+  return static_cast<size_t>(std::count(text.begin(), text.end(), '\n')) + 1;
 }
 
 }  // namespace
 
-int GroupDb::Find(const std::string& name) const { return FindIn(*this, name); }
+GroupDb::GroupDb(std::string text) : text_(std::move(text)) {
+  std::vector<std::string_view> names;
+  ReservePrefaulted(&names, CountLines(text_));
+  ReservePrefaulted(&recs_, names.capacity());
+  ForEachLine(text_, [&](std::string_view line) {
+    GroupView g;
+    if (!ParseGroupView(line, &g)) return;
+    recs_.push_back(g);
+    names.push_back(g.name);
+  });
+  index_.Build(std::move(names));
+  builtin_.resize(recs_.size());
+  for (size_t i = 0; i < recs_.size(); ++i) {
+    const std::string_view f = index_.Folded(static_cast<int>(i));
+    builtin_[i] = f == "administrators" || f == "users";
+  }
+}
+
+std::vector<std::string> GroupDb::Members(int i) const {
+  std::vector<std::string> out;
+  ForEachMember(recs_[i].members, [&](std::string_view m) { out.emplace_back(m); });
+  return out;
+}
+
+GroupLine GroupDb::Line(int i) const {
+  GroupLine g;
+  g.name.assign(recs_[i].name);
+  g.password.assign(recs_[i].password);
+  g.gid = recs_[i].gid;
+  g.members = Members(i);
+  return g;
+}
 
 const std::vector<int>& GroupDb::Sorted() const {
-  std::call_once(sorted_once_, [this] {
-    sorted_.resize(groups.size());
-    for (size_t i = 0; i < sorted_.size(); ++i) sorted_[i] = static_cast<int>(i);
-    std::sort(sorted_.begin(), sorted_.end(), [this](int a, int b) {
-      if (folded[a] != folded[b]) return folded[a] < folded[b];
-      return groups[a].name < groups[b].name;
-    });
-  });
+  std::call_once(sorted_once_, [this] { sorted_ = SortByFoldedName(*this, index_); });
   return sorted_;
 }
 
@@ -87,7 +95,7 @@ std::shared_ptr<const std::vector<int>> GroupDb::SortedReachable(const LoginDefs
     if (reachable_ && reachable_gid_min_ == defs.gid_min) return reachable_;
   }
   auto list = std::make_shared<std::vector<int>>();
-  list->reserve(groups.size());
+  list->reserve(size());
   for (int idx : Sorted())
     if (Reachable(idx, defs)) list->push_back(idx);
   std::lock_guard<std::mutex> lock(reachable_mu_);
@@ -96,7 +104,47 @@ std::shared_ptr<const std::vector<int>> GroupDb::SortedReachable(const LoginDefs
   return list;
 }
 
-int UserDb::Find(const std::string& name) const { return FindIn(*this, name); }
+std::vector<int> GroupDb::Head(size_t count, const LoginDefs* defs, size_t* total) const {
+  if (heads_.fetch_add(1) == 0 && count < size() / 4) {
+    std::vector<int> head;
+    head.reserve(size());
+    for (size_t i = 0; i < size(); ++i)
+      if (!defs || Reachable(static_cast<int>(i), *defs)) head.push_back(static_cast<int>(i));
+    *total = head.size();
+    const size_t k = std::min(count, head.size());
+    std::partial_sort(head.begin(), head.begin() + k, head.end(), ByFoldedName<GroupDb>{*this, index_});
+    head.resize(k);
+    return head;
+  }
+  std::shared_ptr<const std::vector<int>> reachable;
+  if (defs) reachable = SortedReachable(*defs);
+  const std::vector<int>& order = reachable ? *reachable : Sorted();
+  *total = order.size();
+  return std::vector<int>(order.begin(), order.begin() + std::min(count, order.size()));
+}
+
+size_t GroupDb::MemoryBytes() const {
+  return text_.capacity() + recs_.capacity() * sizeof(GroupView) + builtin_.capacity() +
+         index_.MemoryBytes() + sorted_.capacity() * sizeof(int);
+}
+
+UserDb::UserDb(std::string text) : text_(std::move(text)) {
+  std::vector<std::string_view> names;
+  ReservePrefaulted(&names, CountLines(text_));
+  ReservePrefaulted(&recs_, names.capacity());
+  ForEachLine(text_, [&](std::string_view line) {
+    PasswdView u;
+    if (!ParsePasswdView(line, &u)) return;
+    recs_.push_back(u);
+    names.push_back(u.name);
+  });
+  index_.Build(std::move(names));
+}
+
+const std::vector<int>& UserDb::Sorted() const {
+  std::call_once(sorted_once_, [this] { sorted_ = SortByFoldedName(*this, index_); });
+  return sorted_;
+}
 
 std::shared_ptr<const UserDb::LocalOrder> UserDb::Local(const LoginDefs& defs) const {
   {
@@ -104,9 +152,9 @@ std::shared_ptr<const UserDb::LocalOrder> UserDb::Local(const LoginDefs& defs) c
     if (local_ && local_min_ == defs.uid_min && local_max_ == defs.uid_max) return local_;
   }
   auto local = std::make_shared<LocalOrder>();
-  local->rank.assign(users.size(), -1);
-  for (int idx : sorted) {
-    if (!IsLocalUser(users[idx], defs)) continue;
+  local->rank.assign(size(), -1);
+  for (int idx : Sorted()) {
+    if (!IsLocal(idx, defs)) continue;
     local->rank[idx] = static_cast<int>(local->order.size());
     local->order.push_back(idx);
   }
@@ -117,25 +165,47 @@ std::shared_ptr<const UserDb::LocalOrder> UserDb::Local(const LoginDefs& defs) c
   return local;
 }
 
-std::shared_ptr<GroupDb> BuildGroupDb(const std::string& content) {
-  auto db = std::make_shared<GroupDb>();
-  const std::vector<std::string> lines = SplitLines(content);
-  db->groups.reserve(lines.size());
-  db->folded.reserve(lines.size());
-  db->builtin.reserve(lines.size());
-  db->by_name.reserve(lines.size());
-  db->by_fold.reserve(lines.size());
-  for (const std::string& line : lines) {
-    GroupLine g;
-    if (!ParseGroupLine(line, &g)) continue;
-    int idx = static_cast<int>(db->groups.size());
-    db->folded.push_back(FoldCase(g.name));
-    db->builtin.push_back(db->folded.back() == "administrators" || db->folded.back() == "users");
-    db->by_name.emplace(g.name, idx);
-    db->by_fold[db->folded.back()].push_back(idx);
-    db->groups.push_back(std::move(g));
-  }
-  return db;
+size_t UserDb::MemoryBytes() const {
+  return text_.capacity() + recs_.capacity() * sizeof(PasswdView) + index_.MemoryBytes() +
+         sorted_.capacity() * sizeof(int);
+}
+
+ShadowDb::ShadowDb(std::string text) : text_(std::move(text)) {
+  std::vector<std::string_view> names;
+  ReservePrefaulted(&names, CountLines(text_));
+  ReservePrefaulted(&recs_, names.capacity());
+  ForEachLine(text_, [&](std::string_view line) {
+    ShadowView s;
+    if (!ParseShadowView(line, &s)) return;
+    recs_.push_back(s);
+    names.push_back(s.name);
+  });
+  index_.Build(std::move(names), /*last_wins=*/false);
+}
+
+size_t ShadowDb::MemoryBytes() const {
+  return text_.capacity() + recs_.capacity() * sizeof(ShadowView) + index_.MemoryBytes();
+}
+
+DescDb::DescDb(std::string text) : text_(std::move(text)) {
+  std::vector<std::string_view> names;
+  ReservePrefaulted(&names, CountLines(text_));
+  ReservePrefaulted(&texts_, names.capacity());
+  ForEachLine(text_, [&](std::string_view line) {
+    std::string_view name, desc;
+    if (!ParseDescView(line, &name, &desc)) return;
+    names.push_back(name);
+    texts_.push_back(desc);
+  });
+  index_.Build(std::move(names), /*last_wins=*/true);
+}
+
+size_t DescDb::MemoryBytes() const {
+  return text_.capacity() + texts_.capacity() * sizeof(std::string_view) + index_.MemoryBytes();
+}
+
+std::shared_ptr<GroupDb> BuildGroupDb(std::string content) {
+  return std::make_shared<GroupDb>(std::move(content));
 }
 
 std::shared_ptr<const GroupDb> LocalGroups() {
@@ -154,27 +224,26 @@ std::shared_ptr<const GroupDb> LdapGroups() {
 }
 
 std::shared_ptr<const UserDb> Passwd() {
-  static SnapshotCache<UserDb> cache(BuildUserDb, false);
+  static SnapshotCache<UserDb> cache(
+      [](std::string c) { return std::make_shared<UserDb>(std::move(c)); }, false);
   return cache.Get(TavoRootPath(kPasswdPath));
 }
 
 std::shared_ptr<const ShadowDb> Shadow() {
-  static SnapshotCache<ShadowDb> cache(BuildShadowDb, true);
+  static SnapshotCache<ShadowDb> cache(
+      [](std::string c) { return std::make_shared<ShadowDb>(std::move(c)); }, true);
   return cache.Get(TavoRootPath(kShadowPath));
 }
 
 std::shared_ptr<const LoginDefs> Defs() {
   static SnapshotCache<LoginDefs> cache(
-      [](const std::string& c) { return std::make_shared<LoginDefs>(ParseLoginDefs(c)); }, true);
+      [](std::string c) { return std::make_shared<LoginDefs>(ParseLoginDefs(c)); }, true);
   return cache.Get(TavoRootPath(kLoginDefsPath));
 }
 
 std::shared_ptr<const DescDb> Descriptions() {
   static SnapshotCache<DescDb> cache(
-      [](const std::string& c) {
-        auto parsed = ParseDescriptions(c);
-        return std::make_shared<DescDb>(parsed.begin(), parsed.end());
-      }, true);
+      [](std::string c) { return std::make_shared<DescDb>(std::move(c)); }, true);
   return cache.Get(TavoRootPath(kDescPath));
 }
 
@@ -182,17 +251,13 @@ bool IsReachable(const GroupLine& g, const LoginDefs& defs) {
   return g.gid >= defs.gid_min || IsBuiltinGroupName(g.name);
 }
 
-bool IsLocalUser(const PasswdLine& u, const LoginDefs& defs) {
-  return u.uid >= defs.uid_min && u.uid <= defs.uid_max && u.name != "nobody";
-}
-
-bool IsExpired(const PasswdLine& u, const ShadowDb& shadow) {
-  auto it = shadow.find(u.name);
-  const std::string& hash = it != shadow.end() ? it->second.hash : u.password;
+bool IsExpired(const UserDb& users, int i, const ShadowDb& shadow) {
+  const ShadowView* s = shadow.Find(users.Name(i));
+  const std::string_view hash = s ? s->hash : users.Password(i);
   if (!hash.empty() && (hash[0] == '!' || hash[0] == '*')) return true;
-  if (it == shadow.end() || it->second.expire_days < 0) return false;
+  if (!s || s->expire_days < 0) return false;
   long today = static_cast<long>(std::time(nullptr) / 86400);
-  return it->second.expire_days <= today;
+  return s->expire_days <= today;
 }
 
 }  // namespace acct

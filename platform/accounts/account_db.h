@@ -13,14 +13,16 @@
 #ifndef TAVO_PLATFORM_ACCOUNT_DB_H_
 #define TAVO_PLATFORM_ACCOUNT_DB_H_
 
-#include <map>
+#include <atomic>
 #include <memory>
 #include <mutex>
 #include <string>
-#include <unordered_map>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 #include "account_files.h"
+#include "name_index.h"
 
 namespace tavo {
 namespace acct {
@@ -35,26 +37,56 @@ extern const char kDescPath[];
 extern const char kDomainGroupPath[];
 extern const char kLdapGroupPath[];
 
-struct GroupDb {
-  std::vector<GroupLine> groups;   // file order
-  std::vector<std::string> folded; // FoldCase of each name
-  std::vector<char> builtin;       // whether each name is a built-in group's
-  std::unordered_map<std::string, int> by_name;                // first exact spelling
-  std::unordered_map<std::string, std::vector<int>> by_fold;  // every case variant
-  // Indexes ordered by folded name, then name; built on first use (only
+// One account file held once: its bytes, the parsed lines as views into
+// them, and a name index. Neither copied nor moved (the views point into it).
+// Entries are numbered in file order; lines that do not parse are not entries.
+
+class GroupDb {
+ public:
+  explicit GroupDb(std::string text);
+  GroupDb(const GroupDb&) = delete;
+  GroupDb& operator=(const GroupDb&) = delete;
+
+  size_t size() const { return recs_.size(); }
+  std::string_view Name(int i) const { return recs_[i].name; }
+  std::string_view Folded(int i) const { return index_.Folded(i); }
+  unsigned Gid(int i) const { return recs_[i].gid; }
+  std::string_view MemberList(int i) const { return recs_[i].members; }
+  std::vector<std::string> Members(int i) const;
+  GroupLine Line(int i) const;  // a copy of the parsed line
+  bool Builtin(int i) const { return builtin_[i] != 0; }
+  // The group named `name`: the exact spelling wins, then a case variant. -1 if none.
+  int Find(std::string_view name) const { return index_.Find(name); }
+  // Calls f(i) for every group whose folded name is `folded`, in file order.
+  template <typename F>
+  void ForEachVariant(std::string_view folded, F&& f) const {
+    index_.ForEachVariant(folded, std::forward<F>(f));
+  }
+  // Built-ins and groups with GID >= GID_MIN; system groups are not.
+  bool Reachable(int i, const LoginDefs& defs) const {
+    return recs_[i].gid >= defs.gid_min || builtin_[i];
+  }
+  // Indexes ordered by folded name, then name, then file order; built on first use (only
   // listings need it), safely from any thread.
   const std::vector<int>& Sorted() const;
-  // The group named `name`: the exact spelling wins, then a case variant. -1 if none.
-  int Find(const std::string& name) const;
-  // Whether the group at `idx` is reachable under `defs` (see IsReachable).
-  bool Reachable(int idx, const LoginDefs& defs) const {
-    return groups[idx].gid >= defs.gid_min || builtin[idx];
-  }
   // The reachable groups under `defs` in the order of Sorted(). Built once per
   // GID_MIN and kept (a listing page is then a slice of it); any thread.
   std::shared_ptr<const std::vector<int>> SortedReachable(const LoginDefs& defs) const;
+  // The first `count` entries of SortedReachable(*defs), or of Sorted() when
+  // `defs` is null, and in `total` the length of that order. The first call
+  // on a snapshot with a short head selects it without sorting everything
+  // (a one-off reader, such as a command-line call, needs no more); later
+  // calls build the whole order once and keep it.
+  std::vector<int> Head(size_t count, const LoginDefs* defs, size_t* total) const;
+  // Heap bytes held, the file's bytes included.
+  size_t MemoryBytes() const;
 
  private:
+  const std::string text_;
+  std::vector<GroupView> recs_;
+  std::vector<char> builtin_;
+  NameIndex index_;
+  mutable std::atomic<unsigned> heads_{0};
   mutable std::once_flag sorted_once_;
   mutable std::vector<int> sorted_;
   mutable std::mutex reachable_mu_;
@@ -62,32 +94,90 @@ struct GroupDb {
   mutable std::shared_ptr<const std::vector<int>> reachable_;  // guarded by reachable_mu_
 };
 
-struct UserDb {
-  std::vector<PasswdLine> users;  // file order
-  std::vector<int> sorted;        // indexes ordered by folded name, then name
-  std::unordered_map<std::string, int> by_name;
-  std::unordered_map<std::string, std::vector<int>> by_fold;
-  int Find(const std::string& name) const;
+class UserDb {
+ public:
+  explicit UserDb(std::string text);
+  UserDb(const UserDb&) = delete;
+  UserDb& operator=(const UserDb&) = delete;
 
-  // The local users (IsLocalUser) in the order of `sorted`, and the rank of
-  // each user in that order (-1 for users that are not local).
+  size_t size() const { return recs_.size(); }
+  std::string_view Name(int i) const { return recs_[i].name; }
+  std::string_view Password(int i) const { return recs_[i].password; }
+  std::string_view Gecos(int i) const { return recs_[i].gecos; }
+  unsigned Uid(int i) const { return recs_[i].uid; }
+  unsigned Gid(int i) const { return recs_[i].gid; }
+  // Local users: UID_MIN <= uid <= UID_MAX, except "nobody".
+  bool IsLocal(int i, const LoginDefs& defs) const {
+    return recs_[i].uid >= defs.uid_min && recs_[i].uid <= defs.uid_max && recs_[i].name != "nobody";
+  }
+  int Find(std::string_view name) const { return index_.Find(name); }
+  template <typename F>
+  void ForEachVariant(std::string_view folded, F&& f) const {
+    index_.ForEachVariant(folded, std::forward<F>(f));
+  }
+  // Indexes ordered by folded name, then name; built on first use; any thread.
+  const std::vector<int>& Sorted() const;
+
+  // The local users in the order of Sorted(), and the rank of each user in
+  // that order (-1 for users that are not local).
   struct LocalOrder {
     std::vector<int> order;
     std::vector<int> rank;
   };
   // Built once per UID range and kept; any thread.
   std::shared_ptr<const LocalOrder> Local(const LoginDefs& defs) const;
+  size_t MemoryBytes() const;
 
  private:
+  const std::string text_;
+  std::vector<PasswdView> recs_;
+  NameIndex index_;
+  mutable std::once_flag sorted_once_;
+  mutable std::vector<int> sorted_;
   mutable std::mutex local_mu_;
   mutable unsigned local_min_ = 0, local_max_ = 0;
   mutable std::shared_ptr<const LocalOrder> local_;  // guarded by local_mu_
 };
 
-using ShadowDb = std::unordered_map<std::string, ShadowLine>;
-using DescDb = std::unordered_map<std::string, std::string>;
+// etc/shadow: the first line of a name counts.
+class ShadowDb {
+ public:
+  explicit ShadowDb(std::string text);
+  ShadowDb(const ShadowDb&) = delete;
+  ShadowDb& operator=(const ShadowDb&) = delete;
+  // The entry of exactly `name`, or null.
+  const ShadowView* Find(std::string_view name) const {
+    int i = index_.Find(name);
+    return i < 0 ? nullptr : &recs_[i];
+  }
+  size_t MemoryBytes() const;
 
-std::shared_ptr<GroupDb> BuildGroupDb(const std::string& content);
+ private:
+  const std::string text_;
+  std::vector<ShadowView> recs_;
+  ExactIndex index_;
+};
+
+// The description file: "NAME:TEXT" lines, the last line of a name counts.
+class DescDb {
+ public:
+  explicit DescDb(std::string text);
+  DescDb(const DescDb&) = delete;
+  DescDb& operator=(const DescDb&) = delete;
+  // The description of exactly `name` ("" when none).
+  std::string_view Find(std::string_view name) const {
+    int i = index_.Find(name);
+    return i < 0 ? std::string_view() : texts_[i];
+  }
+  size_t MemoryBytes() const;
+
+ private:
+  const std::string text_;
+  std::vector<std::string_view> texts_;
+  ExactIndex index_;
+};
+
+std::shared_ptr<GroupDb> BuildGroupDb(std::string content);
 
 std::shared_ptr<const GroupDb> LocalGroups();
 std::shared_ptr<const GroupDb> DomainGroups();
@@ -99,10 +189,8 @@ std::shared_ptr<const DescDb> Descriptions();
 
 // Built-ins and groups with GID >= GID_MIN; system groups are not.
 bool IsReachable(const GroupLine& g, const LoginDefs& defs);
-// passwd entries with UID_MIN <= uid <= UID_MAX, except "nobody".
-bool IsLocalUser(const PasswdLine& u, const LoginDefs& defs);
-// Expired, or locked with "!" or "*" in its password field.
-bool IsExpired(const PasswdLine& u, const ShadowDb& shadow);
+// User `i` is expired, or locked with "!" or "*" in its password field.
+bool IsExpired(const UserDb& users, int i, const ShadowDb& shadow);
 
 }  // namespace acct
 }  // namespace tavo

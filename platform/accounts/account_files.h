@@ -13,6 +13,7 @@
 
 #include <map>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace tavo {
@@ -48,6 +49,50 @@ struct LoginDefs {
   unsigned gid_min = 1000, gid_max = 60000;
   unsigned uid_min = 1000, uid_max = 60000;
 };
+
+// Fields of one line as views into the line's bytes (no copies): what the
+// snapshots keep. The Parse*Line functions below apply the same rules.
+struct GroupView {
+  std::string_view name, password, members;  // members: the raw comma list
+  unsigned gid = 0;
+};
+struct PasswdView {
+  std::string_view name, password, gecos;
+  unsigned uid = 0, gid = 0;
+};
+struct ShadowView {
+  std::string_view name, hash;
+  long expire_days = -1;
+};
+bool ParseGroupView(std::string_view line, GroupView* out);
+bool ParsePasswdView(std::string_view line, PasswdView* out);
+bool ParseShadowView(std::string_view line, ShadowView* out);
+// A description line "NAME:TEXT" (not a comment, NAME not empty).
+bool ParseDescView(std::string_view line, std::string_view* name, std::string_view* text);
+
+// Calls f(line) for each line of `content`, as SplitLines splits it.
+template <typename F>
+void ForEachLine(std::string_view content, F&& f) {
+  size_t start = 0;
+  while (start < content.size()) {
+    size_t nl = content.find('\n', start);
+    if (nl == std::string_view::npos) nl = content.size();
+    f(content.substr(start, nl - start));
+    start = nl + 1;
+  }
+}
+
+// Calls f(member) for each non-empty entry of a comma-separated list.
+template <typename F>
+void ForEachMember(std::string_view list, F&& f) {
+  size_t start = 0;
+  while (start <= list.size()) {
+    size_t comma = list.find(',', start);
+    if (comma == std::string_view::npos) comma = list.size();
+    if (comma > start) f(list.substr(start, comma - start));
+    start = comma + 1;
+  }
+}
 
 // Splits a file into its lines (without the newline; a final line without a
 // newline is kept).

@@ -37,7 +37,7 @@ int KindOfName(const std::string& name);
 // (TAVO_ERR_ARGUMENT for an unknown kind).
 std::shared_ptr<const GroupDb> GroupsOfKind(int kind);
 // The description of a local group by its stored name ("" when none).
-std::string DescriptionOf(const DescDb& descs, const std::string& stored_name);
+std::string DescriptionOf(const DescDb& descs, std::string_view stored_name);
 
 // One group's change, applied by ApplyGroupChange to the files as they are
 // under the account locks.

@@ -79,14 +79,12 @@ int NewNameProblem(const std::string& name, const std::string& self) {
   auto db = LocalGroups();
   auto defs = Defs();
   if (!db || !defs) return TLIBCErrGet();
-  auto it = db->by_fold.find(FoldCase(name));
-  if (it == db->by_fold.end()) return TAVO_ERR_NONE;
-  for (int i : it->second) {
-    const GroupLine& g = db->groups[i];
-    if (!self.empty() && g.name == self) continue;
-    return IsReachable(g, *defs) ? TAVO_ERR_EXISTS : TAVO_ERR_RESERVED;
-  }
-  return TAVO_ERR_NONE;
+  int why = TAVO_ERR_NONE;
+  db->ForEachVariant(FoldCase(name), [&](int i) {
+    if (why != TAVO_ERR_NONE || (!self.empty() && db->Name(i) == self)) return;
+    why = db->Reachable(i, *defs) ? TAVO_ERR_EXISTS : TAVO_ERR_RESERVED;
+  });
+  return why;
 }
 
 void Erase(std::vector<std::string>* v, const std::string& s) {
@@ -153,7 +151,7 @@ bool Group::AddMember(const std::string& user_in) {
     std::string user = user_in;
     if (auto users = Passwd()) {
       int u = users->Find(user_in);
-      if (u >= 0) user = users->users[u].name;
+      if (u >= 0) user.assign(users->Name(u));
     }
     rep_->members.push_back(user);
     rep_->member_index.Appended(rep_->members);

@@ -1,5 +1,6 @@
 // The group database's read functions: lookups, descriptions, counts and the
 // paged enumerator. All of them work on the shared snapshots of account_db.h.
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 
@@ -27,31 +28,34 @@ std::shared_ptr<const GroupDb> GroupsOfKind(int kind) {
   }
 }
 
-std::string DescriptionOf(const DescDb& descs, const std::string& stored_name) {
-  auto it = descs.find(stored_name);
-  return it == descs.end() ? std::string() : it->second;
+std::string DescriptionOf(const DescDb& descs, std::string_view stored_name) {
+  return std::string(descs.Find(stored_name));
 }
 
 namespace {
 
-char* Dup(const std::string& s) {
+char* Dup(std::string_view s) {
   char* p = static_cast<char*>(std::malloc(s.size() + 1));
   if (!p) throw std::bad_alloc();
-  std::memcpy(p, s.c_str(), s.size() + 1);
+  std::memcpy(p, s.data(), s.size());
+  p[s.size()] = '\0';
   return p;
 }
 
-// A new TAVO_GROUP record for `g`; frees what it allocated on failure.
-TAVO_GROUP* NewRecord(const GroupLine& g, int kind) {
+// A new TAVO_GROUP record for group `i` of `db`; frees what it allocated on failure.
+TAVO_GROUP* NewRecord(const GroupDb& db, int i, int kind) {
   TAVO_GROUP* r = static_cast<TAVO_GROUP*>(std::calloc(1, sizeof(TAVO_GROUP)));
   if (!r) throw std::bad_alloc();
   try {
-    r->gid = g.gid;
+    r->gid = db.Gid(i);
     r->kind = kind;
-    r->members = static_cast<char**>(std::calloc(g.members.size() + 1, sizeof(char*)));
+    size_t count = 0;
+    ForEachMember(db.MemberList(i), [&](std::string_view) { ++count; });
+    r->members = static_cast<char**>(std::calloc(count + 1, sizeof(char*)));
     if (!r->members) throw std::bad_alloc();
-    r->name = Dup(g.name);
-    for (const std::string& m : g.members) r->members[r->member_count++] = Dup(m);
+    r->name = Dup(db.Name(i));
+    ForEachMember(db.MemberList(i),
+                  [&](std::string_view m) { r->members[r->member_count++] = Dup(m); });
   } catch (...) {
     TAVOGroupFree(r);
     throw;
@@ -98,7 +102,7 @@ int TAVOGroupGet(const char* name, TAVO_GROUP** out) {
     int kind;
     int i = FindReachable(name, &db, &kind);
     if (i < 0) return -1;
-    *out = NewRecord(db->groups[i], kind);
+    *out = NewRecord(*db, i, kind);
     return 0;
   });
 }
@@ -111,9 +115,9 @@ int TAVOGroupGetByGID(unsigned int gid, TAVO_GROUP** out) {
     auto db = LocalGroups();
     auto defs = Defs();
     if (!db || !defs) return -1;
-    for (const GroupLine& g : db->groups) {
-      if (g.gid == gid && IsReachable(g, *defs)) {
-        *out = NewRecord(g, TAVO_GROUP_LOCAL);
+    for (size_t i = 0; i < db->size(); ++i) {
+      if (db->Gid(static_cast<int>(i)) == gid && db->Reachable(static_cast<int>(i), *defs)) {
+        *out = NewRecord(*db, static_cast<int>(i), TAVO_GROUP_LOCAL);
         return 0;
       }
     }
@@ -142,7 +146,7 @@ int TAVOGroupDescGet(const char* name, char** buf, unsigned int* size) {
     if (kind == TAVO_GROUP_LOCAL) {
       auto descs = Descriptions();
       if (!descs) return -1;
-      desc = DescriptionOf(*descs, db->groups[i].name);
+      desc = DescriptionOf(*descs, db->Name(i));
     }
     char* copy = static_cast<char*>(std::malloc(desc.size() + 1));
     if (!copy) return TAVO_ERR_SET(TAVO_ERR_NOMEM);
@@ -170,7 +174,7 @@ int TAVOGroupTotalNum(int kind) {
   return Guarded(-1, [&] {
     auto db = GroupsOfKind(kind);
     if (!db) return -1;
-    if (kind != TAVO_GROUP_LOCAL) return static_cast<int>(db->groups.size());
+    if (kind != TAVO_GROUP_LOCAL) return static_cast<int>(db->size());
     auto defs = Defs();
     if (!defs) return -1;
     return static_cast<int>(db->SortedReachable(*defs)->size());
@@ -193,41 +197,52 @@ int TLIBGroupInfoEnumBySubstr(int kind, const char* domain_name, int offset, int
     if (!db) return -1;
     std::shared_ptr<const LoginDefs> defs;
     if (kind == TAVO_GROUP_LOCAL && !(defs = Defs())) return -1;
-    std::shared_ptr<const std::vector<int>> reachable;
-    if (defs) reachable = db->SortedReachable(*defs);
-    const std::vector<int>& order = reachable ? *reachable : db->Sorted();
     const std::string domain = domain_name ? domain_name : "";
     const std::string needle = substr ? substr : "";
     const std::string folded_needle = FoldCase(needle);
     const bool filtered = !needle.empty() || (kind == TAVO_GROUP_DOMAIN && !domain.empty());
+    // NUL-terminated copies of one group's name and members at a time.
+    std::string name_buf, member_buf;
     std::vector<const char*> members;
     auto deliver = [&](int idx, int pos) {
-      const GroupLine& g = db->groups[idx];
+      name_buf.assign(db->Name(idx));
+      member_buf.clear();
+      std::vector<size_t> starts;
+      ForEachMember(db->MemberList(idx), [&](std::string_view m) {
+        starts.push_back(member_buf.size());
+        member_buf.append(m.data(), m.size());
+        member_buf.push_back('\0');
+      });
       members.clear();
-      for (const std::string& m : g.members) members.push_back(m.c_str());
+      for (size_t s : starts) members.push_back(member_buf.data() + s);
       members.push_back(nullptr);
-      TLIB_GROUP_INFO info{g.name.c_str(), g.gid, members.data()};
+      TLIB_GROUP_INFO info{name_buf.c_str(), db->Gid(idx), members.data()};
       TLIBCErrClear();
       if (cb(&info, pos - offset, ctx) >= 0) return true;
       // Keep the error the callback's own platform call left, if any.
       if (TLIBCErrGet() == TAVO_ERR_NONE) ACCT_ERR(TAVO_ERR_FAULT);
       return false;
     };
-    const long long end = limit == -1 ? static_cast<long long>(order.size())
+    const long long end = limit == -1 ? static_cast<long long>(db->size())
                                       : static_cast<long long>(offset) + limit;
     if (!filtered) {  // the page is a slice of the order
-      for (long long pos = offset; cb && pos < end && pos < static_cast<long long>(order.size());
-           ++pos)
-        if (!deliver(order[pos], static_cast<int>(pos))) return -1;
-      return static_cast<int>(order.size());
+      size_t total = 0;
+      const size_t want = cb ? static_cast<size_t>(std::min<long long>(end, db->size())) : 0;
+      const std::vector<int> head = db->Head(want, defs.get(), &total);
+      for (long long pos = offset; pos < static_cast<long long>(head.size()); ++pos)
+        if (!deliver(head[pos], static_cast<int>(pos))) return -1;
+      return static_cast<int>(total);
     }
+    std::shared_ptr<const std::vector<int>> reachable;
+    if (defs) reachable = db->SortedReachable(*defs);
+    const std::vector<int>& order = reachable ? *reachable : db->Sorted();
     int matched = 0;
     for (int idx : order) {
-      const GroupLine& g = db->groups[idx];
-      if (kind == TAVO_GROUP_DOMAIN && !MatchesDomain(g.name, domain)) continue;
+      const std::string_view name = db->Name(idx);
+      if (kind == TAVO_GROUP_DOMAIN && !MatchesDomain(std::string(name), domain)) continue;
       if (!needle.empty()) {
-        bool hit = flag == 1 ? db->folded[idx].find(folded_needle) != std::string::npos
-                             : g.name.find(needle) != std::string::npos;
+        bool hit = flag == 1 ? db->Folded(idx).find(folded_needle) != std::string_view::npos
+                             : name.find(needle) != std::string_view::npos;
         if (!hit) continue;
       }
       int pos = matched++;

@@ -248,7 +248,7 @@ bool ApplyGroupChange(GroupChange* c) {
   // tools match them exactly; a name that is no user's stays as given.
   for (std::string& a : c->added) {
     int u = users->Find(a);
-    if (u >= 0) a = users->users[u].name;
+    if (u >= 0) a.assign(users->Name(u));
   }
   const bool renaming = !c->create && c->new_name != c->orig_name;
   if (!c->create && !renaming && !c->desc_changed) return ApplyMemberChange(c);
@@ -356,7 +356,7 @@ int DeleteGroups(const std::vector<std::string>& names) {
   auto users = Passwd();
   if (!defs || !users) return -1;
   std::set<unsigned> primary;
-  for (const PasswdLine& u : users->users) primary.insert(u.gid);
+  for (size_t u = 0; u < users->size(); ++u) primary.insert(users->Gid(static_cast<int>(u)));
 
   std::shared_ptr<GroupDb> db = BuildGroupDb(f.group_text);
   // The groups to delete by stored name and GID: another line of the same
@@ -365,9 +365,8 @@ int DeleteGroups(const std::vector<std::string>& names) {
   for (const std::string& name : names) {
     int i = db->Find(name);
     if (i < 0) continue;
-    const GroupLine& g = db->groups[i];
-    if (!IsReachable(g, *defs) || IsBuiltinGroupName(g.name) || primary.count(g.gid)) continue;
-    gone.emplace(g.name, g.gid);
+    if (!db->Reachable(i, *defs) || db->Builtin(i) || primary.count(db->Gid(i))) continue;
+    gone.emplace(std::string(db->Name(i)), db->Gid(i));
   }
   if (gone.empty()) return 0;
   std::set<std::string> kept;  // names that still have a group line

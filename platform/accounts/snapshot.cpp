@@ -2,10 +2,12 @@
 #include "snapshot.h"
 
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <ctime>
 #include <vector>
 
@@ -71,6 +73,20 @@ void PinValue(const void* cache, const std::string& path, std::shared_ptr<const 
 
 }  // namespace internal
 
+void PrefaultHeap(void* p, size_t bytes) {
+  // Worth it only where the allocator maps whole pages of its own.
+  if (bytes < (64u << 10)) return;
+  const uintptr_t page = static_cast<uintptr_t>(sysconf(_SC_PAGESIZE));
+  uintptr_t begin = (reinterpret_cast<uintptr_t>(p) + page - 1) & ~(page - 1);
+  uintptr_t end = (reinterpret_cast<uintptr_t>(p) + bytes) & ~(page - 1);
+#ifdef MADV_POPULATE_WRITE
+  if (end > begin) madvise(reinterpret_cast<void*>(begin), end - begin, MADV_POPULATE_WRITE);
+#else
+  (void)begin;
+  (void)end;
+#endif
+}
+
 bool RecentlyChanged(const FileKey& key) {
   if (!key.exists) return false;
   struct timespec now;
@@ -124,15 +140,24 @@ bool ReadWholeFile(const std::string& path, std::string* content, FileKey* key) 
   bool ok = fstat(fd, &st) == 0;
   if (ok) {
     FillKey(st, key);
-    content->reserve(static_cast<size_t>(st.st_size));
-    char buf[65536];
+    // Read straight into the string; the file may still grow while read.
+    const size_t expect = static_cast<size_t>(st.st_size);
+    content->reserve(expect + 1);
+    PrefaultHeap(&(*content)[0], expect + 1);
+    content->resize(expect);
+    size_t have = 0;
+    char extra[4096];  // what the file gained since fstat, if anything
     for (;;) {
-      ssize_t n = read(fd, buf, sizeof buf);
+      const bool full = have == content->size();
+      ssize_t n = full ? read(fd, extra, sizeof extra)
+                       : read(fd, &(*content)[have], content->size() - have);
       if (n < 0 && errno == EINTR) continue;
       if (n < 0) { ok = false; break; }
       if (n == 0) break;
-      content->append(buf, static_cast<size_t>(n));
+      if (full) content->append(extra, static_cast<size_t>(n));
+      have += static_cast<size_t>(n);
     }
+    content->resize(ok ? have : 0);
   }
   close(fd);
   if (!ok) ACCT_ERR(TAVO_ERR_IO);

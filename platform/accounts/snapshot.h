@@ -49,6 +49,16 @@ bool ReadWholeFile(const std::string& path, std::string* content, FileKey* key);
 // True when a file with this key changed so recently that a further change
 // could still leave the key as it is.
 bool RecentlyChanged(const FileKey& key);
+// Asks the kernel to map the pages of a large fresh heap block in one go,
+// rather than one page fault at a time as it is first written (page faults
+// are costly on virtual machines). Best effort; small blocks are left alone.
+void PrefaultHeap(void* p, size_t bytes);
+// Reserves room for `n` elements and prefaults it.
+template <typename V>
+void ReservePrefaulted(V* v, size_t n) {
+  v->reserve(n);
+  if (v->capacity() > 0) PrefaultHeap(v->data(), v->capacity() * sizeof(*v->data()));
+}
 // Forces every cache to re-read the file at `path` on its next Get.
 void InvalidateSnapshot(const std::string& path);
 
@@ -79,7 +89,7 @@ unsigned long long SnapshotGeneration(const std::string& path);
 template <typename T>
 class SnapshotCache {
  public:
-  using Parser = std::function<std::shared_ptr<T>(const std::string& content)>;
+  using Parser = std::function<std::shared_ptr<T>(std::string content)>;
   SnapshotCache(Parser parser, bool missing_ok) : parser_(std::move(parser)), missing_ok_(missing_ok) {}
 
   // `path` is a host path (already inside the root).
@@ -126,7 +136,7 @@ std::shared_ptr<const T> SnapshotCache<T>::GetFresh(const std::string& path) {
     ReportMissing(path);
     return nullptr;
   }
-  std::shared_ptr<const T> value = parser_(content);
+  std::shared_ptr<const T> value = parser_(std::move(content));
   const bool recent = RecentlyChanged(read_key);
   std::lock_guard<std::mutex> lock(mu_);
   if (entries_.size() > 64) entries_.clear();  // roots change between tests

@@ -28,21 +28,23 @@ constexpr int kAmbiguous = -2;
 // is none, kAmbiguous when several case variants match and none exactly (a
 // name never stands for two accounts, so nothing is guessed).
 int ResolveUser(const UserDb& users, const std::string& name) {
-  auto ex = users.by_name.find(name);
-  if (ex != users.by_name.end()) return ex->second;
-  auto it = users.by_fold.find(FoldCase(name));
-  if (it == users.by_fold.end() || it->second.empty()) return kUnknown;
-  const int first = it->second.front();
-  for (int k : it->second)
-    if (users.users[k].name != users.users[first].name) return kAmbiguous;
-  return first;
+  int exact = -1, first = -1;
+  bool several = false;
+  users.ForEachVariant(FoldCase(name), [&](int k) {
+    if (exact < 0 && users.Name(k) == name) exact = k;
+    if (first < 0) first = k;
+    else if (users.Name(k) != users.Name(first)) several = true;
+  });
+  if (exact >= 0) return exact;
+  if (first < 0) return kUnknown;
+  return several ? kAmbiguous : first;
 }
 
 // The index of the local user that `name` stands for, or -1 (unknown,
 // ambiguous or a system account).
 int FindLocalUser(const UserDb& users, const LoginDefs& defs, const std::string& name) {
   int i = ResolveUser(users, name);
-  return i >= 0 && IsLocalUser(users.users[i], defs) ? i : -1;
+  return i >= 0 && users.IsLocal(i, defs) ? i : -1;
 }
 
 bool UsableHash(const std::string& hash) {
@@ -50,10 +52,16 @@ bool UsableHash(const std::string& hash) {
 }
 
 // The stored password hash of entry `u` (shadow first, else passwd).
-std::string HashOf(const PasswdLine& u, const ShadowDb& shadow) {
-  auto it = shadow.find(u.name);
-  return it != shadow.end() ? it->second.hash : u.password;
+std::string HashOf(const UserDb& users, int i, const ShadowDb& shadow) {
+  const ShadowView* s = shadow.Find(users.Name(i));
+  return std::string(s ? s->hash : users.Password(i));
 }
+
+// What the enumerators hand out: NUL-terminated copies of one user's fields.
+struct UserFields {
+  std::string name, gecos;
+  unsigned uid = 0;
+};
 
 // Calls `visit` for each local user ordered by name ignoring case whose name
 // contains `substr`. Stops when `visit` returns false.
@@ -63,9 +71,13 @@ bool ForEachLocalUser(const char* substr, bool ignore_case, Visit visit) {
   auto defs = Defs();
   if (!users || !defs) return false;
   std::string needle = substr ? substr : "";
-  for (int i : users->sorted) {
-    const PasswdLine& u = users->users[i];
-    if (!IsLocalUser(u, *defs) || !ContainsText(u.name, needle, ignore_case)) continue;
+  UserFields u;
+  for (int i : users->Sorted()) {
+    if (!users->IsLocal(i, *defs)) continue;
+    u.name.assign(users->Name(i));
+    if (!ContainsText(u.name, needle, ignore_case)) continue;
+    u.gecos.assign(users->Gecos(i));
+    u.uid = users->Uid(i);
     if (!visit(u)) break;
   }
   return true;
@@ -77,7 +89,7 @@ int EnumNames(TLIBC_SZLIST** list, int type, const char* substr, int match_flag)
   return Guarded(-1, [&] {
     int added = 0;
     bool failed = false;
-    bool ok = ForEachLocalUser(substr, match_flag == 1, [&](const PasswdLine& u) {
+    bool ok = ForEachLocalUser(substr, match_flag == 1, [&](const UserFields& u) {
       if (TLIBCSzListAdd(list, u.name.c_str()) != 0) {
         failed = true;
         return false;
@@ -96,7 +108,7 @@ int EnumInfo(int type, int offset, int limit, const char* substr, int match_flag
   return Guarded(-1, [&] {
     int matched = 0;
     bool stopped = false;
-    bool ok = ForEachLocalUser(substr, match_flag == 1, [&](const PasswdLine& u) {
+    bool ok = ForEachLocalUser(substr, match_flag == 1, [&](const UserFields& u) {
       int pos = matched++;
       if (!cb || pos < offset || (limit != -1 && pos >= static_cast<long long>(offset) + limit)) return true;
       TLIB_USER_INFO info{u.name.c_str(), u.uid, u.gecos.c_str()};
@@ -117,7 +129,7 @@ bool AdminMembers(std::vector<std::string>* out) {
   auto db = LocalGroups();
   if (!db) return false;
   int i = db->Find("administrators");
-  if (i >= 0) *out = db->groups[i].members;
+  if (i >= 0) *out = db->Members(i);
   return true;
 }
 
@@ -138,7 +150,7 @@ int CountValidAdmins(const std::vector<std::string>& members) {
   std::vector<int> valid;  // each user once, however often listed
   for (const std::string& m : members) {
     int i = FindLocalUser(*users, *defs, m);
-    if (i >= 0 && !IsExpired(users->users[i], *shadow) &&
+    if (i >= 0 && !IsExpired(*users, i, *shadow) &&
         std::find(valid.begin(), valid.end(), i) == valid.end())
       valid.push_back(i);
   }
@@ -161,7 +173,7 @@ int TAVOUserCheckExpired(const char* name) {
     if (!users || !defs || !shadow) return 1;
     int i = FindLocalUser(*users, *defs, name);
     if (i < 0) return ACCT_ERR(TAVO_ERR_NO_USER), 1;
-    return IsExpired(users->users[i], *shadow) ? 1 : 0;
+    return IsExpired(*users, i, *shadow) ? 1 : 0;
   });
 }
 
@@ -202,7 +214,7 @@ int TAVOUserCheckPassword(const char* name, const char* password) {
     if (!users || !shadow) return -1;
     int i = ResolveUser(*users, name);
     if (i < 0) return 0;
-    const std::string hash = HashOf(users->users[i], *shadow);
+    const std::string hash = HashOf(*users, i, *shadow);
     if (!UsableHash(hash)) return 0;
     auto data = std::make_unique<crypt_data>();
     std::memset(data.get(), 0, sizeof(crypt_data));
@@ -246,10 +258,9 @@ int TLIBUserInfoEnumExcept(int type, int offset, int limit, const char* const* e
     // Ranks (in the local order) of the excluded users, sorted, each once.
     std::vector<int> gone;
     for (const char* const* e = excluded; e && *e; ++e) {
-      auto it = users->by_fold.find(FoldCase(*e));
-      if (it == users->by_fold.end()) continue;
-      for (int idx : it->second)
+      users->ForEachVariant(FoldCase(*e), [&](int idx) {
         if (local->rank[idx] >= 0) gone.push_back(local->rank[idx]);
+      });
     }
     std::sort(gone.begin(), gone.end());
     gone.erase(std::unique(gone.begin(), gone.end()), gone.end());
@@ -263,8 +274,9 @@ int TLIBUserInfoEnumExcept(int type, int offset, int limit, const char* const* e
         ++j;
         ++p;
       }
-      const PasswdLine& u = users->users[local->order[p]];
-      TLIB_USER_INFO info{u.name.c_str(), u.uid, u.gecos.c_str()};
+      const int u = local->order[p];
+      const std::string name(users->Name(u)), gecos(users->Gecos(u));
+      TLIB_USER_INFO info{name.c_str(), users->Uid(u), gecos.c_str()};
       TLIBCErrClear();
       if (cb(&info, static_cast<int>(k - offset), ctx) < 0) {
         if (TLIBCErrGet() == TAVO_ERR_NONE) ACCT_ERR(TAVO_ERR_FAULT);
@@ -288,11 +300,10 @@ UserMatch ResolveUserName(const std::string& name, UserIdentity* out) {
     const int i = ResolveUser(*users, name);
     if (i == kAmbiguous) return UserMatch::kAmbiguous;
     if (i < 0) return UserMatch::kUnknown;
-    const PasswdLine& u = users->users[i];
-    const std::string hash = HashOf(u, *shadow);
-    out->name = u.name;
-    out->local = IsLocalUser(u, *defs);
-    out->expired = !out->local || IsExpired(u, *shadow);
+    const std::string hash = HashOf(*users, i, *shadow);
+    out->name.assign(users->Name(i));
+    out->local = users->IsLocal(i, *defs);
+    out->expired = !out->local || IsExpired(*users, i, *shadow);
     out->password_set = UsableHash(hash);
     char stamp[17];
     snprintf(stamp, sizeof(stamp), "%016zx", std::hash<std::string>()(hash));
@@ -322,9 +333,9 @@ User* User::LoadUser(const std::string& name) {
     int i = FindLocalUser(*users, *defs, name);
     if (i < 0) return ACCT_ERR(TAVO_ERR_NO_USER), nullptr;
     auto rep = std::make_unique<Rep>();
-    rep->name = users->users[i].name;
-    rep->uid = users->users[i].uid;
-    rep->desc = users->users[i].gecos;
+    rep->name.assign(users->Name(i));
+    rep->uid = users->Uid(i);
+    rep->desc.assign(users->Gecos(i));
     return new User(std::move(rep));
   });
 }
@@ -334,12 +345,13 @@ User* User::LoadUser(int uid) {
     auto users = Passwd();
     auto defs = Defs();
     if (!users || !defs) return nullptr;
-    for (const PasswdLine& u : users->users) {
-      if (static_cast<int>(u.uid) != uid || !IsLocalUser(u, *defs)) continue;
+    for (size_t k = 0; k < users->size(); ++k) {
+      const int i = static_cast<int>(k);
+      if (static_cast<int>(users->Uid(i)) != uid || !users->IsLocal(i, *defs)) continue;
       auto rep = std::make_unique<Rep>();
-      rep->name = u.name;
-      rep->uid = u.uid;
-      rep->desc = u.gecos;
+      rep->name.assign(users->Name(i));
+      rep->uid = users->Uid(i);
+      rep->desc.assign(users->Gecos(i));
       return new User(std::move(rep));
     }
     return ACCT_ERR(TAVO_ERR_NO_USER), nullptr;

@@ -86,7 +86,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     ta::GroupLine g;
     if (ta::ParseGroupLine(line, &g)) names.push_back(g.name);
   }
-  if (db->groups.size() != names.size()) Fail("the reader kept a different number of groups");
+  if (db->size() != names.size()) Fail("the reader kept a different number of groups");
   if (names.empty()) return 0;
   const std::string name = names[(size ? data[size - 1] : 0) % names.size()];
 

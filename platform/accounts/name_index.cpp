@@ -1,0 +1,128 @@
+// Hash indexes over snapshot names.
+#include "name_index.h"
+
+#include "names.h"
+#include "snapshot.h"
+
+namespace tavo {
+namespace acct {
+namespace {
+
+// True when FoldCase leaves `s` as it is: plain ASCII without capitals (the
+// common case, folded without building a string).
+bool FoldsToItself(std::string_view s) {
+  for (unsigned char c : s)
+    if (c >= 0x80 || (c >= 'A' && c <= 'Z')) return false;
+  return true;
+}
+
+}  // namespace
+
+uint32_t HashName(std::string_view s) {
+  uint32_t h = 2166136261u;  // FNV-1a
+  for (unsigned char c : s) {
+    h ^= c;
+    h *= 16777619u;
+  }
+  return h;
+}
+
+void SlotTable::Reset(size_t entries) {
+  size_t n = 16;
+  while (n < entries * 2) n <<= 1;
+  slots_.clear();
+  ReservePrefaulted(&slots_, n);
+  slots_.assign(n, -1);
+  mask_ = n - 1;
+}
+
+void SlotTable::Insert(uint32_t hash, int32_t entry) {
+  size_t s = hash & mask_;
+  while (slots_[s] >= 0) s = (s + 1) & mask_;
+  slots_[s] = entry;
+}
+
+void NameIndex::Build(std::vector<std::string_view> names) {
+  names_ = std::move(names);
+  const size_t n = names_.size();
+  ReservePrefaulted(&folded_, n);
+  folded_.assign(n, std::string_view());
+  ReservePrefaulted(&hashes_, n);
+  hashes_.resize(n);
+  // Folded forms that differ go to the arena first; views into it are taken
+  // once it no longer grows.
+  std::vector<std::pair<uint32_t, uint32_t>> spans(n, {0, UINT32_MAX});
+  for (size_t i = 0; i < n; ++i) {
+    if (FoldsToItself(names_[i])) continue;
+    const std::string f = FoldCase(std::string(names_[i]));
+    spans[i] = {static_cast<uint32_t>(arena_.size()), static_cast<uint32_t>(f.size())};
+    arena_ += f;
+  }
+  arena_.shrink_to_fit();
+  slots_.Reset(n);
+  for (size_t i = 0; i < n; ++i) {
+    folded_[i] = spans[i].second == UINT32_MAX
+                     ? names_[i]
+                     : std::string_view(arena_).substr(spans[i].first, spans[i].second);
+    hashes_[i] = HashName(folded_[i]);
+    slots_.Insert(hashes_[i], static_cast<int32_t>(i));
+  }
+}
+
+int NameIndex::Find(std::string_view name) const {
+  const std::string folded = FoldsToItself(name) ? std::string(name) : FoldCase(std::string(name));
+  int exact = -1, first = -1;
+  ForEachVariant(folded, [&](int i) {
+    if (first < 0) first = i;
+    if (exact < 0 && names_[i] == name) exact = i;
+  });
+  return exact >= 0 ? exact : first;
+}
+
+size_t NameIndex::MemoryBytes() const {
+  return (names_.capacity() + folded_.capacity()) * sizeof(std::string_view) +
+         hashes_.capacity() * sizeof(uint32_t) + arena_.capacity() + slots_.MemoryBytes();
+}
+
+void ExactIndex::Build(std::vector<std::string_view> names, bool last_wins) {
+  names_ = std::move(names);
+  const size_t n = names_.size();
+  ReservePrefaulted(&hashes_, n);
+  hashes_.resize(n);
+  ReservePrefaulted(&winner_, n);
+  winner_.assign(n, -1);
+  slots_.Reset(n);
+  for (size_t i = 0; i < n; ++i) {
+    hashes_[i] = HashName(names_[i]);
+    int32_t seen = -1;
+    slots_.Probe(hashes_[i], hashes_, [&](int32_t e) {
+      if (names_[e] != names_[i]) return true;
+      seen = e;
+      return false;
+    });
+    if (seen < 0) {
+      slots_.Insert(hashes_[i], static_cast<int32_t>(i));
+      winner_[i] = static_cast<int32_t>(i);
+    } else if (last_wins) {
+      winner_[seen] = static_cast<int32_t>(i);
+    }
+  }
+}
+
+int ExactIndex::Find(std::string_view name) const {
+  int found = -1;
+  slots_.Probe(HashName(name), hashes_, [&](int32_t e) {
+    if (names_[e] != name) return true;
+    found = winner_[e];
+    return false;
+  });
+  return found;
+}
+
+size_t ExactIndex::MemoryBytes() const {
+  return names_.capacity() * sizeof(std::string_view) +
+         (hashes_.capacity() + winner_.capacity()) * sizeof(uint32_t) + slots_.MemoryBytes();
+}
+
+}  // namespace acct
+}  // namespace tavo

@@ -1,0 +1,145 @@
+// The one-parse snapshots: their entries and lookups agree with the line
+// parsers and with a plain search, whatever the file holds, and a page taken
+// without sorting everything equals the same page of the kept order.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "account_db.h"
+#include "names.h"
+#include "snapshot.h"
+
+namespace {
+
+namespace ta = tavo::acct;
+
+const char kAwkwardGroupFile[] =
+    "# a comment:x:1:\n"
+    "+nis\n"
+    "staff:x:1500:alice,,bob\n"
+    "Staff:x:1501:\n"
+    "STAFF:x:notanumber:\n"
+    "\n"
+    "ärzte:x:1502:carol\r\n"
+    "ÄRZTE:x:1503:\n"
+    "İstanbul:x:1504:\n"
+    "istanbul:x:1505:\n"
+    "too:few:fields\n"
+    "staff:x:1506:dave\n"
+    "last:x:1507:eve";  // no final newline
+
+// File order of every line that ParseGroupLine accepts.
+std::vector<ta::GroupLine> ParsedByLines(const std::string& text) {
+  std::vector<ta::GroupLine> out;
+  for (const std::string& line : ta::SplitLines(text)) {
+    ta::GroupLine g;
+    if (ta::ParseGroupLine(line, &g)) out.push_back(g);
+  }
+  return out;
+}
+
+// The plain search a lookup must agree with: the first exact spelling, else
+// the first name equal ignoring case.
+int PlainFind(const std::vector<ta::GroupLine>& lines, const std::string& name) {
+  for (size_t i = 0; i < lines.size(); ++i)
+    if (lines[i].name == name) return static_cast<int>(i);
+  for (size_t i = 0; i < lines.size(); ++i)
+    if (ta::EqualIgnoringCase(lines[i].name, name)) return static_cast<int>(i);
+  return -1;
+}
+
+TEST(SnapshotIndex, EntriesAndLookupsAgreeWithTheLineParser) {
+  const ta::GroupDb db{std::string(kAwkwardGroupFile)};
+  const std::vector<ta::GroupLine> lines = ParsedByLines(kAwkwardGroupFile);
+  ASSERT_EQ(lines.size(), db.size());
+  for (size_t i = 0; i < lines.size(); ++i) {
+    const int k = static_cast<int>(i);
+    const ta::GroupLine g = db.Line(k);
+    EXPECT_EQ(lines[i].name, g.name);
+    EXPECT_EQ(lines[i].gid, db.Gid(k));
+    EXPECT_EQ(lines[i].members, db.Members(k));
+    EXPECT_EQ(ta::FoldCase(lines[i].name), std::string(db.Folded(k)));
+  }
+  // The CR of a CRLF line is not part of the last member.
+  EXPECT_EQ(std::vector<std::string>{"carol"}, db.Members(db.Find("ärzte")));
+  for (const char* q : {"staff", "Staff", "STAFF", "sTaFf", "ärzte", "Ärzte", "ÄRZTE", "istanbul",
+                        "İstanbul", "ıstanbul", "ISTANBUL", "last", "LAST", "nis", "too", "none"}) {
+    SCOPED_TRACE(q);
+    EXPECT_EQ(PlainFind(lines, q), db.Find(q));
+    std::vector<int> variants, plain;
+    db.ForEachVariant(ta::FoldCase(q), [&](int i) { variants.push_back(i); });
+    for (size_t i = 0; i < lines.size(); ++i)
+      if (ta::EqualIgnoringCase(lines[i].name, q)) plain.push_back(static_cast<int>(i));
+    EXPECT_EQ(plain, variants);
+  }
+}
+
+TEST(SnapshotIndex, DescriptionsTakeTheLastLineAndShadowTheFirst) {
+  const ta::DescDb descs{std::string("a:first\n#a:comment\nb:x:y\r\na:second\n:nameless\nc\n")};
+  EXPECT_EQ("second", descs.Find("a"));
+  EXPECT_EQ("x:y", descs.Find("b"));
+  EXPECT_EQ("", descs.Find("A"));  // exact names only
+  EXPECT_EQ("", descs.Find("c"));
+  const ta::ShadowDb shadow{std::string("u:$1$first:19000::::::\nu:$1$second:::::::\nv:!:1:::::5\n")};
+  ASSERT_NE(nullptr, shadow.Find("u"));
+  EXPECT_EQ("$1$first", shadow.Find("u")->hash);
+  ASSERT_NE(nullptr, shadow.Find("v"));
+  EXPECT_EQ(5, shadow.Find("v")->expire_days);
+  EXPECT_EQ(nullptr, shadow.Find("U"));
+}
+
+TEST(SnapshotIndex, AOneOffPageEqualsTheSamePageOfTheKeptOrder) {
+  // Names that share long prefixes and differ in case, some unreachable.
+  std::mt19937 rng(7);
+  std::string text;
+  for (int i = 0; i < 3000; ++i) {
+    std::string name = "grp" + std::to_string(rng() % 1000);
+    if (rng() % 3 == 0) name[0] = 'G';
+    if (rng() % 5 == 0) name += "Ä";
+    text += name + ":x:" + std::to_string(rng() % 2 ? 1000 + i : 10 + i % 90) + ":\n";
+  }
+  ta::LoginDefs defs;
+  for (size_t count : {0u, 1u, 50u, 400u}) {
+    SCOPED_TRACE(count);
+    const ta::GroupDb fresh{text}, kept{text};
+    size_t total_fresh = 0, total_kept = 0;
+    const std::vector<int> once = fresh.Head(count, &defs, &total_fresh);
+    kept.Head(0, &defs, &total_kept);  // the second call on `kept` uses the kept order
+    const std::vector<int> again = kept.Head(count, &defs, &total_kept);
+    const std::vector<int>& order = *kept.SortedReachable(defs);
+    EXPECT_EQ(order.size(), total_fresh);
+    EXPECT_EQ(order.size(), total_kept);
+    EXPECT_EQ(std::vector<int>(order.begin(), order.begin() + std::min(count, order.size())), once);
+    EXPECT_EQ(once, again);
+  }
+}
+
+TEST(SnapshotIndex, WholeFilesAreReadByteForByteAtEverySize) {
+  char dir[] = "/tmp/tavo-read-XXXXXX";
+  ASSERT_NE(nullptr, mkdtemp(dir));
+  const std::string path = std::string(dir) + "/f";
+  for (size_t size : {0u, 1u, 4095u, 4096u, 4097u, 65536u, 65537u, 300000u}) {
+    SCOPED_TRACE(size);
+    std::string want(size, '\0');
+    for (size_t i = 0; i < size; ++i) want[i] = static_cast<char>('a' + i % 23);
+    FILE* f = fopen(path.c_str(), "wb");
+    ASSERT_NE(nullptr, f);
+    ASSERT_EQ(size, fwrite(want.data(), 1, size, f));
+    fclose(f);
+    std::string got;
+    ta::FileKey key;
+    ASSERT_TRUE(ta::ReadWholeFile(path, &got, &key));
+    EXPECT_TRUE(key.exists);
+    EXPECT_EQ(size, key.size);
+    EXPECT_TRUE(got == want);
+  }
+  unlink(path.c_str());
+  rmdir(dir);
+}
+
+}  // namespace
