@@ -24,6 +24,7 @@
 #include <string>
 
 #include "bench_root.h"
+#include "tavo/error.h"
 #include "tavo/group.h"
 #include "tavo/root.h"
 
@@ -143,7 +144,7 @@ void CompareWithGpasswd(int n, int rounds) {
     ok = ok && rc == 0 && g && g->RemoveMember(user) && g->Save();
     SDK::Group::Release(g);
     if (!ok) {
-      std::printf("comparison at %d groups failed\n", n);
+      std::printf("comparison at %d groups failed (error 0x%04X)\n", n, TLIBCErrGet());
       return;
     }
     ours += Millis(t1 - t0);
@@ -211,7 +212,7 @@ void CompareWithLimit(int n, int rounds) {
     const char* names[] = {fresh.c_str()};
     ok = ok && TAVOGroupDelete(names, 1) == 1;  // undo, untimed
     if (!ok) {
-      std::printf("comparison at %d groups failed\n", n);
+      std::printf("comparison at %d groups failed (error 0x%04X)\n", n, TLIBCErrGet());
       return;
     }
     change += Millis(t1 - t0);
