@@ -57,9 +57,12 @@ GroupDb::GroupDb(std::string text) : text_(std::move(text)) {
   ReservePrefaulted(&recs_, names.capacity());
   ForEachLine(text_, [&](std::string_view line) {
     GroupView g;
-    if (!ParseGroupView(line, &g)) return;
-    recs_.push_back(g);
-    names.push_back(g.name);
+    if (ParseGroupView(line, &g)) {
+      recs_.push_back(g);
+      names.push_back(g.name);
+    } else if (!line.empty() && line[0] != '#') {
+      unparsed_.push_back(line.substr(0, line.find(':')));
+    }
   });
   index_.Build(std::move(names));
   builtin_.resize(recs_.size());
@@ -67,6 +70,67 @@ GroupDb::GroupDb(std::string text) : text_(std::move(text)) {
     const std::string_view f = index_.Folded(static_cast<int>(i));
     builtin_[i] = f == "administrators" || f == "users";
   }
+}
+
+GroupDb::GroupDb(const GroupDb& old, int i, std::string text)
+    : text_(std::move(text)), builtin_(old.builtin_), unparsed_(old.unparsed_.size()) {
+  // Bytes before the changed line stay where they were; bytes after it moved
+  // by the difference in length.
+  const size_t begin = old.LineBegin(i), old_end = old.LineEnd(i);
+  const size_t new_end = text_.find('\n', begin) == std::string::npos ? text_.size()
+                                                                     : text_.find('\n', begin);
+  const std::ptrdiff_t shift = static_cast<std::ptrdiff_t>(new_end) - static_cast<std::ptrdiff_t>(old_end);
+  const char* old_base = old.text_.data();
+  auto move = [&](std::string_view v) {
+    std::ptrdiff_t at = v.data() - old_base;
+    if (at >= static_cast<std::ptrdiff_t>(old_end)) at += shift;
+    return std::string_view(text_.data() + at, v.size());
+  };
+  ReservePrefaulted(&recs_, old.recs_.size());
+  for (const GroupView& o : old.recs_)
+    recs_.push_back(GroupView{move(o.name), move(o.password), move(o.members), o.gid});
+  ParseGroupView(std::string_view(text_).substr(begin, new_end - begin), &recs_[i]);
+  for (size_t k = 0; k < unparsed_.size(); ++k) unparsed_[k] = move(old.unparsed_[k]);
+  index_.CopyMoved(old.index_, move);
+  // The order of the names is the same.
+  if (old.heads_.load() > 0) heads_.store(1);
+  std::lock_guard<std::mutex> lock(old.reachable_mu_);
+  if (old.reachable_) {
+    sorted_ = old.Sorted();
+    std::call_once(sorted_once_, [] {});
+    reachable_ = old.reachable_;
+    reachable_gid_min_ = old.reachable_gid_min_;
+  }
+}
+
+std::shared_ptr<GroupDb> GroupDb::WithMembersChanged(int i, std::string text) const {
+  // Checked cheaply: the bytes after the line are as many as before, and the
+  // new line is the same group's. (The caller built `text` from Text().)
+  const size_t begin = LineBegin(i), old_end = LineEnd(i);
+  if (text.size() < begin) return nullptr;
+  size_t end = text.find('\n', begin);
+  if (end == std::string::npos) end = text.size();
+  GroupView now;
+  if (text.size() - end != text_.size() - old_end ||
+      !ParseGroupView(std::string_view(text).substr(begin, end - begin), &now) ||
+      now.name != recs_[i].name || now.gid != recs_[i].gid || now.password != recs_[i].password)
+    return nullptr;
+  return std::shared_ptr<GroupDb>(new GroupDb(*this, i, std::move(text)));
+}
+
+size_t GroupDb::LineEnd(int i) const {
+  const size_t nl = text_.find('\n', LineBegin(i));
+  return nl == std::string::npos ? text_.size() : nl;
+}
+
+int GroupDb::FindExact(std::string_view name) const {
+  int found = -1;
+  // The variants of the name come in file order; the first exact one wins.
+  std::string folded = FoldCase(std::string(name));
+  index_.ForEachVariant(folded, [&](int k) {
+    if (found < 0 && recs_[k].name == name) found = k;
+  });
+  return found;
 }
 
 std::vector<std::string> GroupDb::Members(int i) const {
@@ -208,9 +272,23 @@ std::shared_ptr<GroupDb> BuildGroupDb(std::string content) {
   return std::make_shared<GroupDb>(std::move(content));
 }
 
-std::shared_ptr<const GroupDb> LocalGroups() {
+namespace {
+SnapshotCache<GroupDb>& LocalGroupCache() {
   static SnapshotCache<GroupDb> cache(BuildGroupDb, false);
-  return cache.Get(TavoRootPath(kGroupPath));
+  return cache;
+}
+}  // namespace
+
+std::shared_ptr<const GroupDb> LocalGroups() {
+  return LocalGroupCache().Get(TavoRootPath(kGroupPath));
+}
+
+std::shared_ptr<const GroupDb> LocalGroupsNow() {
+  return LocalGroupCache().GetUnpinned(TavoRootPath(kGroupPath));
+}
+
+void InstallLocalGroups(std::shared_ptr<const GroupDb> db) {
+  if (db) LocalGroupCache().Install(TavoRootPath(kGroupPath), std::move(db));
 }
 
 std::shared_ptr<const GroupDb> DomainGroups() {

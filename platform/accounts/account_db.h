@@ -48,8 +48,17 @@ class GroupDb {
   GroupDb& operator=(const GroupDb&) = delete;
 
   size_t size() const { return recs_.size(); }
+  const std::string& Text() const { return text_; }
   std::string_view Name(int i) const { return recs_[i].name; }
   std::string_view Folded(int i) const { return index_.Folded(i); }
+  // Byte offsets of group `i`'s line in Text(), its newline not included.
+  size_t LineBegin(int i) const { return static_cast<size_t>(recs_[i].name.data() - text_.data()); }
+  size_t LineEnd(int i) const;
+  // The first group spelt exactly `name` (the line the account tools edit). -1 if none.
+  int FindExact(std::string_view name) const;
+  // The name fields of lines that are not entries (they do not parse) but
+  // still hold their name for the account tools, with their byte offsets.
+  const std::vector<std::string_view>& UnparsedNames() const { return unparsed_; }
   unsigned Gid(int i) const { return recs_[i].gid; }
   std::string_view MemberList(int i) const { return recs_[i].members; }
   std::vector<std::string> Members(int i) const;
@@ -81,10 +90,18 @@ class GroupDb {
   // Heap bytes held, the file's bytes included.
   size_t MemoryBytes() const;
 
+  // The snapshot of `text`, which is Text() with group `i`'s line replaced by
+  // a line of the same name, GID and password (a change of members alone):
+  // the entries and indexes are carried over, shifted, without parsing the
+  // file again. Null when the new line is not such a line.
+  std::shared_ptr<GroupDb> WithMembersChanged(int i, std::string text) const;
+
  private:
+  GroupDb(const GroupDb& old, int i, std::string text);
   const std::string text_;
   std::vector<GroupView> recs_;
   std::vector<char> builtin_;
+  std::vector<std::string_view> unparsed_;
   NameIndex index_;
   mutable std::atomic<unsigned> heads_{0};
   mutable std::once_flag sorted_once_;
@@ -180,6 +197,11 @@ class DescDb {
 std::shared_ptr<GroupDb> BuildGroupDb(std::string content);
 
 std::shared_ptr<const GroupDb> LocalGroups();
+// For writers under the account locks: the snapshot of etc/group as it is
+// now (never a pinned one; reused when the file is unchanged), and the
+// snapshot of the bytes just written.
+std::shared_ptr<const GroupDb> LocalGroupsNow();
+void InstallLocalGroups(std::shared_ptr<const GroupDb> db);
 std::shared_ptr<const GroupDb> DomainGroups();
 std::shared_ptr<const GroupDb> LdapGroups();
 std::shared_ptr<const UserDb> Passwd();

@@ -129,7 +129,7 @@ bool FileSetWriter::Commit() {
     // steps answer (a journal left behind names no temporary file that still
     // exists, and the next writer removes it).
     for (const std::string& d : dirs) SyncDir(d);
-    RemoveJournal();
+    RemoveJournal(/*durable=*/false);
     CountCommit(true, items_.size());
     return true;
   }
@@ -163,6 +163,12 @@ bool FileSetWriter::Commit() {
   if (whole) return true;
   TLIBCErrSet(code, file, line);
   return false;
+}
+
+std::string FileSetWriter::TakeContent(const std::string& path) {
+  for (Item& it : items_)
+    if (it.path == path) return std::move(it.content);
+  return std::string();
 }
 
 }  // namespace acct

@@ -46,6 +46,9 @@ class FileSetWriter {
   void Add(const std::string& path, std::string content, unsigned new_mode = 0644);
   bool empty() const { return items_.empty(); }
   bool Commit();
+  // The content queued for `path`, moved out ("" when none was queued); after
+  // a Commit that answered true, the bytes the file now holds.
+  std::string TakeContent(const std::string& path);
 
  private:
   struct Item {

@@ -77,9 +77,9 @@ bool WriteJournal(const std::vector<JournalEntry>& entries) {
   return WriteFileDurably(JournalPath(), text);
 }
 
-bool RemoveJournal() {
+bool RemoveJournal(bool durable) {
   if (unlink(JournalPath().c_str()) != 0 && errno != ENOENT) return ACCT_ERR(TAVO_ERR_IO), false;
-  return SyncDir(DirOf(JournalPath()));
+  return !durable || SyncDir(DirOf(JournalPath()));
 }
 
 bool ReadJournal(std::vector<JournalEntry>* entries, bool* present) {

@@ -37,8 +37,11 @@ struct JournalEntry {
 std::string JournalPath();
 // Writes the journal durably (temp, fsync, rename, folder fsync).
 bool WriteJournal(const std::vector<JournalEntry>& entries);
-// Removes the journal (and fsyncs its folder).
-bool RemoveJournal();
+// Removes the journal, and fsyncs its folder when `durable`. A change whose
+// files are all in place and synced need not wait for that: a journal that
+// comes back after a crash names no temporary file that still exists, and
+// the next writer removes it (the next journal written replaces it anyway).
+bool RemoveJournal(bool durable = true);
 // Reads the journal; true with an empty list when there is none.
 bool ReadJournal(std::vector<JournalEntry>* entries, bool* present);
 

@@ -58,6 +58,17 @@ struct GroupChange {
 // Callers may have checked both before the locks; these checks see the files
 // as the write will change them, so concurrent writers cannot both pass.
 bool ApplyGroupChange(GroupChange* change);
+// A creation (called by ApplyGroupChange under the account locks, with the
+// added members already spelt as stored): the group's lines are appended to
+// the files' bytes; the name and the limit are checked on the snapshot.
+bool ApplyCreate(GroupChange* change);
+// Removes `gone` (every entry of the exact spelling, else one case variant)
+// from `members` and appends each of `added` not yet present in any case.
+void ApplyMembers(std::vector<std::string>* members, const std::vector<std::string>& added,
+                  const std::vector<std::string>& gone);
+// TAVO_ERR_NONE, or TAVO_ERR_LIMIT when `count` local groups already reach
+// the configured maximum ("maxgroups", read as the group module reads it).
+int CheckGroupLimit(int count);
 // The number of distinct valid local administrators among `members` (local
 // users, resolved as logins resolve them, whose accounts are not expired or
 // locked); -1 with the error state when the account files cannot be read.

@@ -75,28 +75,7 @@ int FindLine(const std::vector<std::string>& lines, const std::string& name) {
   return -1;
 }
 
-// Removes `gone` (every entry of the exact spelling, as a list written by
-// hand may name a member twice; else a case variant) and appends each of
-// `added` not yet present in any case.
-void ApplyMembers(std::vector<std::string>* members, const std::vector<std::string>& added,
-                  const std::vector<std::string>& gone) {
-  for (const std::string& r : gone) {
-    size_t before = members->size();
-    members->erase(std::remove(members->begin(), members->end(), r), members->end());
-    if (members->size() != before) continue;
-    auto it = std::find_if(members->begin(), members->end(),
-                           [&](const std::string& m) { return EqualIgnoringCase(m, r); });
-    if (it != members->end()) members->erase(it);
-  }
-  for (const std::string& a : added) {
-    bool present = std::any_of(members->begin(), members->end(),
-                               [&](const std::string& m) { return EqualIgnoringCase(m, a); });
-    if (!present) members->push_back(a);
-  }
-}
-
-// TAVO_ERR_NONE, or why `name` may not be stored for the group at line `self`
-// (-1 for a new group).
+// TAVO_ERR_NONE, or why `name` may not be stored for the group at line `self`.
 int CheckNewName(const std::vector<std::string>& lines, const std::vector<GroupLine>& parsed,
                  const std::vector<bool>& valid, const LoginDefs& defs, int self,
                  const std::string& name) {
@@ -119,41 +98,6 @@ int CheckNewName(const std::vector<std::string>& lines, const std::vector<GroupL
   return TAVO_ERR_NONE;
 }
 
-// Highest GID in use in the range plus one; past the range, the lowest free.
-// (gid_t)-1 is never given out: it means "no change" to chown(2).
-bool AllocateGid(const std::vector<GroupLine>& parsed, const std::vector<bool>& valid,
-                 const LoginDefs& defs, unsigned* gid) {
-  const unsigned gid_max = std::min(defs.gid_max, 0xFFFFFFFEu);
-  if (defs.gid_min > gid_max) return false;
-  std::unordered_set<unsigned> used;
-  unsigned highest = 0;
-  bool any = false;
-  for (size_t i = 0; i < parsed.size(); ++i) {
-    if (!valid[i]) continue;
-    unsigned g = parsed[i].gid;
-    used.insert(g);
-    if (g >= defs.gid_min && g <= gid_max && (!any || g > highest)) {
-      highest = g;
-      any = true;
-    }
-  }
-  if (!any) {
-    *gid = defs.gid_min;
-    return true;
-  }
-  if (highest < gid_max) {
-    *gid = highest + 1;
-    return true;
-  }
-  for (unsigned long g = defs.gid_min; g <= gid_max; ++g) {
-    if (!used.count(static_cast<unsigned>(g))) {
-      *gid = static_cast<unsigned>(g);
-      return true;
-    }
-  }
-  return false;
-}
-
 // TAVO_ERR_NONE, or TAVO_ERR_NO_USER when a change of the members of `group`
 // from `before` to `after` takes the last valid administrator away. The
 // state of the accounts is read as it is now, under the account locks.
@@ -168,14 +112,6 @@ int CheckAdministratorsLeft(const std::string& group, const std::vector<std::str
   return was > 0 ? TAVO_ERR_NO_USER : TAVO_ERR_NONE;
 }
 
-// TAVO_ERR_NONE, or TAVO_ERR_LIMIT when `count` local groups already reach
-// the configured maximum ("maxgroups", read as the group module reads it).
-int CheckGroupLimit(int count) {
-  TavoConf conf;
-  const long limit = strtol(conf.Def("maxgroups", "128"), nullptr, 10);
-  return count < limit ? TAVO_ERR_NONE : TAVO_ERR_LIMIT;
-}
-
 // Takes the account locks and completes a change a crash cut off.
 bool LockAndRecover(AccountLock* lock) {
   if (!lock->Acquire({TavoRootPath(kGroupPath), TavoRootPath(kGshadowPath)})) return false;
@@ -185,24 +121,26 @@ bool LockAndRecover(AccountLock* lock) {
 
 // A change of members alone: the group's line and its gshadow line are
 // replaced in the files' bytes; nothing else is split, parsed or rebuilt.
+// etc/group comes from its snapshot, which is reused when the file is still
+// the one it was made from, and the snapshot of the bytes written is kept
+// for the next reader.
 bool ApplyMemberChange(GroupChange* c) {
   const std::string group_path = TavoRootPath(kGroupPath);
   const std::string gshadow_path = TavoRootPath(kGshadowPath);
-  std::string group_text, gshadow_text;
-  FileKey gkey, skey;
-  if (!ReadWholeFile(group_path, &group_text, &gkey)) return false;
-  if (!gkey.exists) return ACCT_ERR(TAVO_ERR_IO), false;
+  std::shared_ptr<const GroupDb> db = LocalGroupsNow();
+  if (!db) return false;
+  std::string gshadow_text;
+  FileKey skey;
   if (!ReadWholeFile(gshadow_path, &gshadow_text, &skey)) return false;
 
   // The first line of the stored name that parses is the group's.
+  const int self = db->FindExact(c->orig_name);
+  if (self < 0) return ACCT_ERR(TAVO_ERR_NO_GROUP), false;
+  const std::string& group_text = db->Text();
   LineSpan span;
-  GroupLine g;
-  bool found = false;
-  for (size_t from = 0; !found && FindNamedLine(group_text, c->orig_name, from, &span);
-       from = span.end + 1) {
-    found = ParseGroupLine(group_text.substr(span.begin, span.end - span.begin), &g);
-  }
-  if (!found) return ACCT_ERR(TAVO_ERR_NO_GROUP), false;
+  span.begin = db->LineBegin(self);
+  span.end = db->LineEnd(self);
+  GroupLine g = db->Line(self);
   c->gid_out = g.gid;
   // Nothing to change: the lines stay as they are, byte for byte, even where
   // a rewrite would tidy them.
@@ -214,11 +152,11 @@ bool ApplyMemberChange(GroupChange* c) {
     int why = CheckAdministratorsLeft(g.name, before, g.members);
     if (why != TAVO_ERR_NONE) return TAVO_ERR_SET(why), false;
   }
-  c->gid_out = g.gid;
   const std::string new_line = FormatGroupLine(g);
 
   FileSetWriter writer;
-  if (new_line != old_line) writer.Add(group_path, SpliceLine(group_text, span, new_line));
+  const bool group_changes = new_line != old_line;
+  if (group_changes) writer.Add(group_path, SpliceLine(group_text, span, new_line));
   if (skey.exists) {
     LineSpan s;
     std::string text;
@@ -234,10 +172,38 @@ bool ApplyMemberChange(GroupChange* c) {
     }
     if (!text.empty()) writer.Add(gshadow_path, std::move(text), 0640);
   }
-  return writer.Commit();
+  if (!writer.Commit()) return false;
+  if (group_changes) InstallLocalGroups(db->WithMembersChanged(self, writer.TakeContent(group_path)));
+  return true;
 }
 
 }  // namespace
+
+// Removes `gone` (every entry of the exact spelling, as a list written by
+// hand may name a member twice; else a case variant) and appends each of
+// `added` not yet present in any case.
+void ApplyMembers(std::vector<std::string>* members, const std::vector<std::string>& added,
+                  const std::vector<std::string>& gone) {
+  for (const std::string& r : gone) {
+    size_t before = members->size();
+    members->erase(std::remove(members->begin(), members->end(), r), members->end());
+    if (members->size() != before) continue;
+    auto it = std::find_if(members->begin(), members->end(),
+                           [&](const std::string& m) { return EqualIgnoringCase(m, r); });
+    if (it != members->end()) members->erase(it);
+  }
+  for (const std::string& a : added) {
+    bool present = std::any_of(members->begin(), members->end(),
+                               [&](const std::string& m) { return EqualIgnoringCase(m, a); });
+    if (!present) members->push_back(a);
+  }
+}
+
+int CheckGroupLimit(int count) {
+  TavoConf conf;
+  const long limit = strtol(conf.Def("maxgroups", "128"), nullptr, 10);
+  return count < limit ? TAVO_ERR_NONE : TAVO_ERR_LIMIT;
+}
 
 bool ApplyGroupChange(GroupChange* c) {
   AccountLock lock;
@@ -251,48 +217,34 @@ bool ApplyGroupChange(GroupChange* c) {
     if (u >= 0) a.assign(users->Name(u));
   }
   const bool renaming = !c->create && c->new_name != c->orig_name;
-  if (!c->create && !renaming && !c->desc_changed) return ApplyMemberChange(c);
+  if (c->create) return ApplyCreate(c);
+  if (!renaming && !c->desc_changed) return ApplyMemberChange(c);
 
   GroupFiles f;
   if (!f.Read()) return false;
   auto defs = Defs();
   if (!defs) return false;
 
-  const std::string old_name = c->create ? c->new_name : c->orig_name;
-  // Every line is parsed only when the name or a new GID must be checked
-  // against all groups; a membership change touches its own line alone.
+  const std::string& old_name = c->orig_name;
+  // Every line is parsed only when the name must be checked against all
+  // groups; a change of the description touches the group's own line alone.
   std::vector<GroupLine> parsed(f.group_lines.size());
   std::vector<bool> valid(f.group_lines.size());
   int self = -1;
   for (size_t i = 0; i < f.group_lines.size(); ++i) {
-    bool mine = !c->create && self < 0 && LineName(f.group_lines[i]) == c->orig_name;
-    if (mine || c->create || renaming) valid[i] = ParseGroupLine(f.group_lines[i], &parsed[i]);
+    bool mine = self < 0 && LineName(f.group_lines[i]) == c->orig_name;
+    if (mine || renaming) valid[i] = ParseGroupLine(f.group_lines[i], &parsed[i]);
     if (mine && valid[i]) self = static_cast<int>(i);
   }
-  if (!c->create && self < 0) return ACCT_ERR(TAVO_ERR_NO_GROUP), false;
-  if (c->create || renaming) {
+  if (self < 0) return ACCT_ERR(TAVO_ERR_NO_GROUP), false;
+  if (renaming) {
     int why = CheckNewName(f.group_lines, parsed, valid, *defs, self, c->new_name);
-    if (why != TAVO_ERR_NONE) return TAVO_ERR_SET(why), false;
-  }
-  if (c->create) {
-    int local = 0;
-    for (size_t i = 0; i < parsed.size(); ++i) local += valid[i] && IsReachable(parsed[i], *defs) ? 1 : 0;
-    int why = CheckGroupLimit(local);
     if (why != TAVO_ERR_NONE) return TAVO_ERR_SET(why), false;
   }
 
   // etc/group and etc/gshadow.
   std::vector<std::string> members;
-  if (c->create) {
-    GroupLine g;
-    g.name = c->new_name;
-    g.password = "x";
-    if (!AllocateGid(parsed, valid, *defs, &g.gid)) return ACCT_ERR(TAVO_ERR_LIMIT), false;
-    ApplyMembers(&g.members, c->added, {});
-    members = g.members;
-    c->gid_out = g.gid;
-    f.group_lines.push_back(FormatGroupLine(g));
-  } else {
+  {
     GroupLine& g = parsed[self];
     g.name = c->new_name;
     const std::vector<std::string> before = g.members;
@@ -307,11 +259,11 @@ bool ApplyGroupChange(GroupChange* c) {
   }
   if (f.has_gshadow) {
     // A line left for a group of the new name that is gone is not kept twice.
-    if (c->create || renaming) {
+    if (renaming) {
       int stale = FindLine(f.gshadow_lines, c->new_name);
       if (stale >= 0) f.gshadow_lines.erase(f.gshadow_lines.begin() + stale);
     }
-    int s = c->create ? -1 : FindLine(f.gshadow_lines, c->orig_name);
+    int s = FindLine(f.gshadow_lines, c->orig_name);
     if (s >= 0) {
       std::vector<std::string> gm = SplitMembers(GetField(f.gshadow_lines[s], 3));
       ApplyMembers(&gm, c->added, c->removed);
@@ -324,9 +276,9 @@ bool ApplyGroupChange(GroupChange* c) {
   }
 
   // Descriptions: the line moves with a rename and goes with an empty text.
-  if (c->create || renaming || c->desc_changed) {
+  if (renaming || c->desc_changed) {
     std::string desc = c->desc;
-    if (!c->desc_changed && !c->create) {
+    if (!c->desc_changed) {
       auto old = ParseDescriptions(f.desc_text);
       auto it = old.find(old_name);
       desc = it == old.end() ? "" : it->second;

@@ -3,6 +3,8 @@
 
 #include <cstring>
 
+#include "snapshot.h"
+
 namespace tavo {
 namespace acct {
 
@@ -26,6 +28,7 @@ bool FindNamedLine(const std::string& text, const std::string& name, size_t from
 std::string SpliceLine(const std::string& text, const LineSpan& span, const std::string& line) {
   std::string out;
   out.reserve(text.size() + line.size() + 1);
+  PrefaultHeap(&out[0], out.capacity());
   out.append(text, 0, span.begin);
   out += line;
   if (span.end < text.size()) out.append(text, span.end, std::string::npos);
@@ -36,6 +39,7 @@ std::string SpliceLine(const std::string& text, const LineSpan& span, const std:
 std::string AppendLine(const std::string& text, const std::string& line) {
   std::string out;
   out.reserve(text.size() + line.size() + 2);
+  PrefaultHeap(&out[0], out.capacity());
   out = text;
   if (!out.empty() && out.back() != '\n') out += '\n';
   out += line;

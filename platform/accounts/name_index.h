@@ -54,6 +54,26 @@ class NameIndex {
 
   // `names` are views into bytes the owner keeps alive and in place.
   void Build(std::vector<std::string_view> names);
+  // The index of `old` with each name view passed through `move` (the same
+  // names, now in other bytes); folded forms of its own are copied.
+  template <typename Move>
+  void CopyMoved(const NameIndex& old, Move&& move) {
+    arena_ = old.arena_;
+    hashes_ = old.hashes_;
+    slots_ = old.slots_;
+    names_.resize(old.names_.size());
+    folded_.resize(old.names_.size());  // (views: no constructor to run)
+    const char* arena_begin = old.arena_.data();
+    const char* arena_end = arena_begin + old.arena_.size();
+    for (size_t i = 0; i < names_.size(); ++i) {
+      names_[i] = move(old.names_[i]);
+      const std::string_view f = old.folded_[i];
+      if (f.data() >= arena_begin && f.data() < arena_end && !f.empty())
+        folded_[i] = std::string_view(arena_.data() + (f.data() - arena_begin), f.size());
+      else
+        folded_[i] = f.data() == old.names_[i].data() ? names_[i] : move(f);
+    }
+  }
   size_t size() const { return names_.size(); }
   std::string_view Name(int i) const { return names_[i]; }
   std::string_view Folded(int i) const { return folded_[i]; }

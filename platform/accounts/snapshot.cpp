@@ -8,6 +8,7 @@
 
 #include <cerrno>
 #include <cstdint>
+#include <cstring>
 #include <ctime>
 #include <vector>
 
@@ -162,6 +163,31 @@ bool ReadWholeFile(const std::string& path, std::string* content, FileKey* key) 
   close(fd);
   if (!ok) ACCT_ERR(TAVO_ERR_IO);
   return ok;
+}
+
+bool FileHoldsBytes(const std::string& path, const std::string& bytes, FileKey* key) {
+  *key = FileKey();
+  key->generation = SnapshotGeneration(path);
+  int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return false;
+  struct stat st;
+  bool same = fstat(fd, &st) == 0 && static_cast<size_t>(st.st_size) == bytes.size();
+  if (same) FillKey(st, key);
+  size_t at = 0;
+  char buf[65536];
+  while (same) {
+    ssize_t n = read(fd, buf, sizeof buf);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) {
+      same = n == 0 && at == bytes.size();
+      break;
+    }
+    const size_t got = static_cast<size_t>(n);
+    same = at + got <= bytes.size() && std::memcmp(buf, bytes.data() + at, got) == 0;
+    at += got;
+  }
+  close(fd);
+  return same;
 }
 
 bool ReportMissing(const std::string&) {

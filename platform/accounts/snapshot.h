@@ -1,6 +1,9 @@
 // Cached, immutable snapshots of files, keyed on the file's identity and time.
 //
 // SnapshotCache<T>::Get(path) returns the parsed form of the file as it is now.
+// (A snapshot type that keeps the file's bytes, as T::Text(), is checked
+// against the bytes when its key is too recent to be trusted: equal bytes
+// keep the snapshot instead of parsing the file again.)
 // The parse is kept and shared (shared_ptr<const T>) until the file's device,
 // inode, size, modification time or change time differ, so a file is parsed
 // once per change however many lookups follow. Writers in this process call
@@ -46,6 +49,9 @@ bool StatKey(const std::string& path, FileKey* key);
 // Reads the whole file with the key of the descriptor it was read from.
 // A missing file gives "" with key.exists=false and true.
 bool ReadWholeFile(const std::string& path, std::string* content, FileKey* key);
+// True when the file at `path` holds exactly `bytes` (read in pieces and
+// compared, nothing kept), with the key of the descriptor it was read from.
+bool FileHoldsBytes(const std::string& path, const std::string& bytes, FileKey* key);
 // True when a file with this key changed so recently that a further change
 // could still leave the key as it is.
 bool RecentlyChanged(const FileKey& key);
@@ -94,6 +100,13 @@ class SnapshotCache {
 
   // `path` is a host path (already inside the root).
   std::shared_ptr<const T> Get(const std::string& path);
+  // As Get, but never the value a pin holds: what a writer under the
+  // account locks must see.
+  std::shared_ptr<const T> GetUnpinned(const std::string& path) { return GetFresh(path); }
+  // Keeps `value` as the snapshot of the file as it is now (a writer that
+  // just replaced the file, still under the account locks, installs the
+  // snapshot made from the bytes it wrote). Best effort.
+  void Install(const std::string& path, std::shared_ptr<const T> value);
 
  private:
   std::shared_ptr<const T> GetFresh(const std::string& path);
@@ -119,29 +132,58 @@ std::shared_ptr<const T> SnapshotCache<T>::Get(const std::string& path) {
   return value;
 }
 
+// The file's bytes a snapshot keeps, when it keeps them (see SnapshotCache).
+template <typename T>
+auto SnapshotBytes(const T& v, int) -> decltype(&v.Text()) {
+  return &v.Text();
+}
+template <typename T>
+const std::string* SnapshotBytes(const T&, long) {
+  return nullptr;
+}
+
 template <typename T>
 std::shared_ptr<const T> SnapshotCache<T>::GetFresh(const std::string& path) {
   FileKey now;
   if (!StatKey(path, &now)) return nullptr;
+  std::shared_ptr<const T> cached;  // same key, but too recent to trust the key alone
   {
     std::lock_guard<std::mutex> lock(mu_);
     auto it = entries_.find(path);
-    if (it != entries_.end() && it->second.key == now && !it->second.recent)
-      return it->second.value;
+    if (it != entries_.end() && it->second.key == now) {
+      if (!it->second.recent) return it->second.value;
+      cached = it->second.value;
+    }
   }
-  std::string content;
+  // A recent file whose bytes are still those of the snapshot keeps it.
+  const std::string* kept = cached ? SnapshotBytes(*cached, 0) : nullptr;
   FileKey read_key;
-  if (!ReadWholeFile(path, &content, &read_key)) return nullptr;
-  if (!read_key.exists && !missing_ok_) {
-    ReportMissing(path);
-    return nullptr;
+  std::shared_ptr<const T> value;
+  if (kept && FileHoldsBytes(path, *kept, &read_key) && read_key == now) {
+    value = cached;
+  } else {
+    std::string content;
+    if (!ReadWholeFile(path, &content, &read_key)) return nullptr;
+    if (!read_key.exists && !missing_ok_) {
+      ReportMissing(path);
+      return nullptr;
+    }
+    value = parser_(std::move(content));
   }
-  std::shared_ptr<const T> value = parser_(std::move(content));
   const bool recent = RecentlyChanged(read_key);
   std::lock_guard<std::mutex> lock(mu_);
   if (entries_.size() > 64) entries_.clear();  // roots change between tests
   entries_[path] = Entry{read_key, recent, value};
   return value;
+}
+
+template <typename T>
+void SnapshotCache<T>::Install(const std::string& path, std::shared_ptr<const T> value) {
+  FileKey key;
+  if (!StatKey(path, &key) || !key.exists) return;
+  std::lock_guard<std::mutex> lock(mu_);
+  if (entries_.size() > 64) entries_.clear();
+  entries_[path] = Entry{key, RecentlyChanged(key), std::move(value)};
 }
 
 }  // namespace acct

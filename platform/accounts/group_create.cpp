@@ -1,0 +1,146 @@
+// Creation of a local group under the account locks. The name, the group
+// limit and the new GID are decided on the snapshot of etc/group (reused
+// when the file is unchanged); the new lines are appended to the files'
+// bytes, so every other line stays as it is.
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <unordered_set>
+
+#include "atomic_write.h"
+#include "group_internal.h"
+#include "line_splice.h"
+#include "names.h"
+#include "snapshot.h"
+#include "tavo/error.h"
+#include "tavo/root.h"
+
+namespace tavo {
+namespace acct {
+namespace {
+
+// TAVO_ERR_NONE, or why no new group may be called `name`: the first line in
+// the file whose name equals it ignoring case decides (a line that does not
+// parse still holds its name for the account tools; a system group's name is
+// reserved).
+int CheckNewGroupName(const GroupDb& db, const LoginDefs& defs, const std::string& name) {
+  int syntax = CheckGroupNameSyntax(name);
+  if (syntax != TAVO_ERR_NONE) return syntax;
+  if (IsBuiltinGroupName(name)) return TAVO_ERR_RESERVED;
+  const std::string folded = FoldCase(name);
+  int entry = -1;
+  db.ForEachVariant(folded, [&](int i) {
+    if (entry < 0) entry = i;
+  });
+  const char* first_unparsed = nullptr;
+  for (std::string_view n : db.UnparsedNames()) {
+    if (FoldCase(std::string(n)) == folded) {
+      first_unparsed = n.data();
+      break;
+    }
+  }
+  if (first_unparsed && (entry < 0 || first_unparsed < db.Name(entry).data())) return TAVO_ERR_EXISTS;
+  if (entry < 0) return TAVO_ERR_NONE;
+  return db.Reachable(entry, defs) ? TAVO_ERR_EXISTS : TAVO_ERR_RESERVED;
+}
+
+// Highest GID in use in the range plus one; past the range, the lowest free.
+// (gid_t)-1 is never given out: it means "no change" to chown(2).
+bool AllocateGid(const GroupDb& db, const LoginDefs& defs, unsigned* gid) {
+  const unsigned gid_max = std::min(defs.gid_max, 0xFFFFFFFEu);
+  if (defs.gid_min > gid_max) return false;
+  unsigned highest = 0;
+  bool any = false;
+  for (size_t i = 0; i < db.size(); ++i) {
+    const unsigned g = db.Gid(static_cast<int>(i));
+    if (g >= defs.gid_min && g <= gid_max && (!any || g > highest)) {
+      highest = g;
+      any = true;
+    }
+  }
+  if (!any) {
+    *gid = defs.gid_min;
+    return true;
+  }
+  if (highest < gid_max) {
+    *gid = highest + 1;
+    return true;
+  }
+  std::unordered_set<unsigned> used;
+  for (size_t i = 0; i < db.size(); ++i) used.insert(db.Gid(static_cast<int>(i)));
+  for (unsigned long g = defs.gid_min; g <= gid_max; ++g) {
+    if (!used.count(static_cast<unsigned>(g))) {
+      *gid = static_cast<unsigned>(g);
+      return true;
+    }
+  }
+  return false;
+}
+
+// `text` without its lines whose name field is exactly `name` (at most
+// `max` of them); true when any went.
+bool DropNamedLines(std::string* text, const std::string& name, size_t max) {
+  bool dropped = false;
+  LineSpan span;
+  size_t from = 0;
+  while (max-- > 0 && FindNamedLine(*text, name, from, &span)) {
+    const size_t end = span.end < text->size() ? span.end + 1 : span.end;
+    text->erase(span.begin, end - span.begin);
+    from = span.begin;
+    dropped = true;
+  }
+  return dropped;
+}
+
+}  // namespace
+
+bool ApplyCreate(GroupChange* c) {
+  std::shared_ptr<const GroupDb> db = LocalGroupsNow();
+  auto defs = Defs();
+  if (!db || !defs) return false;
+  int why = CheckNewGroupName(*db, *defs, c->new_name);
+  if (why != TAVO_ERR_NONE) return TAVO_ERR_SET(why), false;
+  int local = 0;
+  for (size_t i = 0; i < db->size(); ++i) local += db->Reachable(static_cast<int>(i), *defs) ? 1 : 0;
+  why = CheckGroupLimit(local);
+  if (why != TAVO_ERR_NONE) return TAVO_ERR_SET(why), false;
+
+  GroupLine g;
+  g.name = c->new_name;
+  g.password = "x";
+  if (!AllocateGid(*db, *defs, &g.gid)) return ACCT_ERR(TAVO_ERR_LIMIT), false;
+  ApplyMembers(&g.members, c->added, {});
+  c->gid_out = g.gid;
+  const std::string members = JoinMembers(g.members);
+
+  const std::string group_path = TavoRootPath(kGroupPath);
+  const std::string gshadow_path = TavoRootPath(kGshadowPath);
+  const std::string desc_path = TavoRootPath(kDescPath);
+  FileSetWriter writer;
+  writer.Add(group_path, AppendLine(db->Text(), FormatGroupLine(g)));
+  // A line left in gshadow for a group of this name that is gone is not kept twice.
+  std::string text;
+  FileKey key;
+  if (!ReadWholeFile(gshadow_path, &text, &key)) return false;
+  if (key.exists) {
+    DropNamedLines(&text, c->new_name, 1);
+    writer.Add(gshadow_path, AppendLine(text, c->new_name + ":!::" + members), 0640);
+  }
+  // Descriptions: an old line of this name goes; the new one is added when
+  // there is a text.
+  if (!ReadWholeFile(desc_path, &text, &key)) return false;
+  bool desc_changed = DropNamedLines(&text, c->new_name, static_cast<size_t>(-1));
+  if (!c->desc.empty()) {
+    text = AppendLine(text, c->new_name + ":" + c->desc);
+    desc_changed = true;
+  }
+  if (desc_changed) {
+    mkdir(desc_path.substr(0, desc_path.rfind('/')).c_str(), 0755);
+    writer.Add(desc_path, std::move(text));
+  }
+  return writer.Commit();
+}
+
+}  // namespace acct
+}  // namespace tavo
