@@ -13,6 +13,7 @@
 #include "account_db.h"
 #include "names.h"
 #include "snapshot.h"
+#include "temp_root.h"
 
 namespace {
 
@@ -117,6 +118,48 @@ TEST(SnapshotIndex, AOneOffPageEqualsTheSamePageOfTheKeptOrder) {
     EXPECT_EQ(std::vector<int>(order.begin(), order.begin() + std::min(count, order.size())), once);
     EXPECT_EQ(once, again);
   }
+}
+
+// A writer keeps the snapshot of the bytes it wrote, carried over from the
+// one before without parsing the file again: it must equal the file parsed
+// afresh, and the file changed in place by another program right after must
+// still be seen.
+TEST(SnapshotIndex, TheSnapshotKeptAfterAChangeIsTheFileParsedAfresh) {
+  tavo_test::TempRoot root;
+  root.Append("/etc/group", "# comment\nÄrzte:x:1500:admin\r\nbroken line\nStaff:x:1501:\n"
+                            "staff:x:1502:admin\nİnfo:x:1503:\nlast:x:1504:guest");
+  ta::LocalGroups()->Sorted();  // an order is kept and carried over
+  for (const char* group : {"Ärzte", "staff", "last", "İnfo", "Staff"}) {
+    SCOPED_TRACE(group);
+    const std::vector<std::string> was = tavo_test::MembersOf(group);
+    const bool had = std::find(was.begin(), was.end(), "guest") != was.end();
+    ASSERT_TRUE(had ? tavo_test::ChangeMembers(group, {}, {"guest"})
+                    : tavo_test::ChangeMembers(group, {"guest"}, {}));
+    const auto kept = ta::LocalGroups();
+    const ta::GroupDb fresh{root.Read("/etc/group")};
+    ASSERT_EQ(fresh.size(), kept->size());
+    EXPECT_EQ(fresh.Text(), kept->Text());
+    for (size_t i = 0; i < fresh.size(); ++i) {
+      const int k = static_cast<int>(i);
+      EXPECT_EQ(fresh.Name(k), kept->Name(k));
+      EXPECT_EQ(fresh.Folded(k), kept->Folded(k));
+      EXPECT_EQ(fresh.Members(k), kept->Members(k));
+      EXPECT_EQ(fresh.LineBegin(k), kept->LineBegin(k));
+      EXPECT_EQ(fresh.Find(std::string(fresh.Name(k))), kept->Find(std::string(kept->Name(k))));
+    }
+    EXPECT_EQ(fresh.Sorted(), kept->Sorted());
+    EXPECT_EQ(fresh.UnparsedNames().size(), kept->UnparsedNames().size());
+  }
+  // Rewritten in place with the same size, at once.
+  const std::string now = root.Read("/etc/group");
+  const size_t at = now.find("\nstaff:x:1502:admin");
+  ASSERT_NE(std::string::npos, at);
+  std::string other = now;
+  other.replace(at + 14, 5, "nimda");
+  root.Write("/etc/group", other);
+  const std::vector<std::string> members = tavo_test::MembersOf("staff");
+  ASSERT_FALSE(members.empty());
+  EXPECT_EQ("nimda", members.front());
 }
 
 TEST(SnapshotIndex, WholeFilesAreReadByteForByteAtEverySize) {
