@@ -2,6 +2,8 @@
 #include "account_db.h"
 
 #include <algorithm>
+#include <climits>
+#include <cstdint>
 #include <ctime>
 
 #include "names.h"
@@ -49,22 +51,36 @@ size_t CountLines(const std::string& text) {
   return static_cast<size_t>(std::count(text.begin(), text.end(), '\n')) + 1;
 }
 
+// The offset of view `v` in `text`.
+uint32_t Off(const std::string& text, std::string_view v) {
+  return static_cast<uint32_t>(v.data() - text.data());
+}
+uint32_t Len(std::string_view v) { return static_cast<uint32_t>(v.size()); }
+
 }  // namespace
 
+bool GroupDb::Parse(uint32_t begin, uint32_t end, Rec* rec) const {
+  GroupView g;
+  if (!ParseGroupView(std::string_view(text_).substr(begin, end - begin), &g)) return false;
+  *rec = Rec{Off(text_, g.name), Len(g.name), Off(text_, g.members), Len(g.members), g.gid};
+  return true;
+}
+
 GroupDb::GroupDb(std::string text) : text_(std::move(text)) {
-  std::vector<std::string_view> names;
+  std::vector<TextSpan> names;
   ReservePrefaulted(&names, CountLines(text_));
   ReservePrefaulted(&recs_, names.capacity());
   ForEachLine(text_, [&](std::string_view line) {
-    GroupView g;
-    if (ParseGroupView(line, &g)) {
-      recs_.push_back(g);
-      names.push_back(g.name);
+    Rec r;
+    const uint32_t begin = Off(text_, line);
+    if (Parse(begin, begin + Len(line), &r)) {
+      recs_.push_back(r);
+      names.push_back(TextSpan{r.line, r.name_len});
     } else if (!line.empty() && line[0] != '#') {
-      unparsed_.push_back(line.substr(0, line.find(':')));
+      unparsed_.push_back(TextSpan{begin, Len(line.substr(0, line.find(':')))});
     }
   });
-  index_.Build(std::move(names));
+  index_.Build(text_.data(), std::move(names));
   builtin_.resize(recs_.size());
   for (size_t i = 0; i < recs_.size(); ++i) {
     const std::string_view f = index_.Folded(static_cast<int>(i));
@@ -73,25 +89,21 @@ GroupDb::GroupDb(std::string text) : text_(std::move(text)) {
 }
 
 GroupDb::GroupDb(const GroupDb& old, int i, std::string text)
-    : text_(std::move(text)), builtin_(old.builtin_), unparsed_(old.unparsed_.size()) {
-  // Bytes before the changed line stay where they were; bytes after it moved
-  // by the difference in length.
-  const size_t begin = old.LineBegin(i), old_end = old.LineEnd(i);
-  const size_t new_end = text_.find('\n', begin) == std::string::npos ? text_.size()
-                                                                     : text_.find('\n', begin);
-  const std::ptrdiff_t shift = static_cast<std::ptrdiff_t>(new_end) - static_cast<std::ptrdiff_t>(old_end);
-  const char* old_base = old.text_.data();
-  auto move = [&](std::string_view v) {
-    std::ptrdiff_t at = v.data() - old_base;
-    if (at >= static_cast<std::ptrdiff_t>(old_end)) at += shift;
-    return std::string_view(text_.data() + at, v.size());
-  };
+    : text_(std::move(text)), builtin_(old.builtin_) {
+  // Bytes before the end of the changed line stay where they were; bytes
+  // after it moved by the difference in length.
+  const uint32_t begin = old.recs_[i].line;
+  const uint32_t old_end = static_cast<uint32_t>(old.LineEnd(i));
+  const size_t nl = text_.find('\n', begin);
+  const uint32_t new_end = static_cast<uint32_t>(nl == std::string::npos ? text_.size() : nl);
+  const int64_t shift = static_cast<int64_t>(new_end) - old_end;
+  auto moved = [&](uint32_t off) { return off >= old_end ? static_cast<uint32_t>(off + shift) : off; };
   ReservePrefaulted(&recs_, old.recs_.size());
-  for (const GroupView& o : old.recs_)
-    recs_.push_back(GroupView{move(o.name), move(o.password), move(o.members), o.gid});
-  ParseGroupView(std::string_view(text_).substr(begin, new_end - begin), &recs_[i]);
-  for (size_t k = 0; k < unparsed_.size(); ++k) unparsed_[k] = move(old.unparsed_[k]);
-  index_.CopyMoved(old.index_, move);
+  for (const Rec& o : old.recs_)
+    recs_.push_back(Rec{moved(o.line), o.name_len, moved(o.members_off), o.members_len, o.gid});
+  Parse(begin, new_end, &recs_[i]);
+  for (TextSpan s : old.unparsed_) unparsed_.push_back(TextSpan{moved(s.off), s.len});
+  index_.CopyShifted(old.index_, text_.data(), old_end, shift);
   // The order of the names is the same.
   if (old.heads_.load() > 0) heads_.store(1);
   std::lock_guard<std::mutex> lock(old.reachable_mu_);
@@ -107,13 +119,14 @@ std::shared_ptr<GroupDb> GroupDb::WithMembersChanged(int i, std::string text) co
   // Checked cheaply: the bytes after the line are as many as before, and the
   // new line is the same group's. (The caller built `text` from Text().)
   const size_t begin = LineBegin(i), old_end = LineEnd(i);
-  if (text.size() < begin) return nullptr;
+  if (text.size() < begin || text.size() >= kMaxSnapshotBytes) return nullptr;
   size_t end = text.find('\n', begin);
   if (end == std::string::npos) end = text.size();
   GroupView now;
   if (text.size() - end != text_.size() - old_end ||
       !ParseGroupView(std::string_view(text).substr(begin, end - begin), &now) ||
-      now.name != recs_[i].name || now.gid != recs_[i].gid || now.password != recs_[i].password)
+      now.name != Name(i) || now.gid != recs_[i].gid ||
+      now.password != Line(i).password)
     return nullptr;
   return std::shared_ptr<GroupDb>(new GroupDb(*this, i, std::move(text)));
 }
@@ -126,24 +139,32 @@ size_t GroupDb::LineEnd(int i) const {
 int GroupDb::FindExact(std::string_view name) const {
   int found = -1;
   // The variants of the name come in file order; the first exact one wins.
-  std::string folded = FoldCase(std::string(name));
-  index_.ForEachVariant(folded, [&](int k) {
-    if (found < 0 && recs_[k].name == name) found = k;
+  index_.ForEachVariant(FoldCase(std::string(name)), [&](int k) {
+    if (found < 0 && Name(k) == name) found = k;
   });
   return found;
 }
 
+std::vector<std::string_view> GroupDb::UnparsedNames() const {
+  std::vector<std::string_view> out;
+  for (TextSpan s : unparsed_) out.push_back(View(s.off, s.len));
+  return out;
+}
+
 std::vector<std::string> GroupDb::Members(int i) const {
   std::vector<std::string> out;
-  ForEachMember(recs_[i].members, [&](std::string_view m) { out.emplace_back(m); });
+  ForEachMember(MemberList(i), [&](std::string_view m) { out.emplace_back(m); });
   return out;
 }
 
 GroupLine GroupDb::Line(int i) const {
+  const Rec& r = recs_[i];
   GroupLine g;
-  g.name.assign(recs_[i].name);
-  g.password.assign(recs_[i].password);
-  g.gid = recs_[i].gid;
+  g.name.assign(Name(i));
+  // The password field lies between the name and the GID.
+  const uint32_t pw = r.line + r.name_len + 1;
+  g.password.assign(text_, pw, text_.find(':', pw) - pw);
+  g.gid = r.gid;
   g.members = Members(i);
   return g;
 }
@@ -188,21 +209,22 @@ std::vector<int> GroupDb::Head(size_t count, const LoginDefs* defs, size_t* tota
 }
 
 size_t GroupDb::MemoryBytes() const {
-  return text_.capacity() + recs_.capacity() * sizeof(GroupView) + builtin_.capacity() +
+  return text_.capacity() + recs_.capacity() * sizeof(Rec) + builtin_.capacity() +
          index_.MemoryBytes() + sorted_.capacity() * sizeof(int);
 }
 
 UserDb::UserDb(std::string text) : text_(std::move(text)) {
-  std::vector<std::string_view> names;
+  std::vector<TextSpan> names;
   ReservePrefaulted(&names, CountLines(text_));
   ReservePrefaulted(&recs_, names.capacity());
   ForEachLine(text_, [&](std::string_view line) {
     PasswdView u;
     if (!ParsePasswdView(line, &u)) return;
-    recs_.push_back(u);
-    names.push_back(u.name);
+    recs_.push_back(Rec{Off(text_, u.name), Len(u.name), Len(u.password), Off(text_, u.gecos),
+                        Len(u.gecos), u.uid, u.gid});
+    names.push_back(TextSpan{recs_.back().line, recs_.back().name_len});
   });
-  index_.Build(std::move(names));
+  index_.Build(text_.data(), std::move(names));
 }
 
 const std::vector<int>& UserDb::Sorted() const {
@@ -230,42 +252,53 @@ std::shared_ptr<const UserDb::LocalOrder> UserDb::Local(const LoginDefs& defs) c
 }
 
 size_t UserDb::MemoryBytes() const {
-  return text_.capacity() + recs_.capacity() * sizeof(PasswdView) + index_.MemoryBytes() +
+  return text_.capacity() + recs_.capacity() * sizeof(Rec) + index_.MemoryBytes() +
          sorted_.capacity() * sizeof(int);
 }
 
 ShadowDb::ShadowDb(std::string text) : text_(std::move(text)) {
-  std::vector<std::string_view> names;
+  std::vector<TextSpan> names;
   ReservePrefaulted(&names, CountLines(text_));
   ReservePrefaulted(&recs_, names.capacity());
   ForEachLine(text_, [&](std::string_view line) {
     ShadowView s;
     if (!ParseShadowView(line, &s)) return;
-    recs_.push_back(s);
-    names.push_back(s.name);
+    const long expire = s.expire_days > INT32_MAX ? INT32_MAX : s.expire_days;
+    recs_.push_back(Rec{Off(text_, s.name), Len(s.name), Len(s.hash), static_cast<int32_t>(expire)});
+    names.push_back(TextSpan{recs_.back().line, recs_.back().name_len});
   });
-  index_.Build(std::move(names), /*last_wins=*/false);
+  index_.Build(text_.data(), std::move(names), /*last_wins=*/false);
+}
+
+bool ShadowDb::Find(std::string_view name, ShadowView* out) const {
+  const int i = index_.Find(name);
+  if (i < 0) return false;
+  const Rec& r = recs_[i];
+  out->name = std::string_view(text_.data() + r.line, r.name_len);
+  out->hash = std::string_view(text_.data() + r.line + r.name_len + 1, r.hash_len);
+  out->expire_days = r.expire_days;
+  return true;
 }
 
 size_t ShadowDb::MemoryBytes() const {
-  return text_.capacity() + recs_.capacity() * sizeof(ShadowView) + index_.MemoryBytes();
+  return text_.capacity() + recs_.capacity() * sizeof(Rec) + index_.MemoryBytes();
 }
 
 DescDb::DescDb(std::string text) : text_(std::move(text)) {
-  std::vector<std::string_view> names;
+  std::vector<TextSpan> names;
   ReservePrefaulted(&names, CountLines(text_));
   ReservePrefaulted(&texts_, names.capacity());
   ForEachLine(text_, [&](std::string_view line) {
     std::string_view name, desc;
     if (!ParseDescView(line, &name, &desc)) return;
-    names.push_back(name);
-    texts_.push_back(desc);
+    names.push_back(TextSpan{Off(text_, name), Len(name)});
+    texts_.push_back(TextSpan{Off(text_, desc), Len(desc)});
   });
-  index_.Build(std::move(names), /*last_wins=*/true);
+  index_.Build(text_.data(), std::move(names), /*last_wins=*/true);
 }
 
 size_t DescDb::MemoryBytes() const {
-  return text_.capacity() + texts_.capacity() * sizeof(std::string_view) + index_.MemoryBytes();
+  return text_.capacity() + texts_.capacity() * sizeof(TextSpan) + index_.MemoryBytes();
 }
 
 std::shared_ptr<GroupDb> BuildGroupDb(std::string content) {
@@ -330,12 +363,13 @@ bool IsReachable(const GroupLine& g, const LoginDefs& defs) {
 }
 
 bool IsExpired(const UserDb& users, int i, const ShadowDb& shadow) {
-  const ShadowView* s = shadow.Find(users.Name(i));
-  const std::string_view hash = s ? s->hash : users.Password(i);
+  ShadowView s;
+  const bool found = shadow.Find(users.Name(i), &s);
+  const std::string_view hash = found ? s.hash : users.Password(i);
   if (!hash.empty() && (hash[0] == '!' || hash[0] == '*')) return true;
-  if (!s || s->expire_days < 0) return false;
+  if (!found || s.expire_days < 0) return false;
   long today = static_cast<long>(std::time(nullptr) / 86400);
-  return s->expire_days <= today;
+  return s.expire_days <= today;
 }
 
 }  // namespace acct

@@ -14,6 +14,7 @@
 #define TAVO_PLATFORM_ACCOUNT_DB_H_
 
 #include <atomic>
+#include <cstdint>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -37,9 +38,10 @@ extern const char kDescPath[];
 extern const char kDomainGroupPath[];
 extern const char kLdapGroupPath[];
 
-// One account file held once: its bytes, the parsed lines as views into
-// them, and a name index. Neither copied nor moved (the views point into it).
-// Entries are numbered in file order; lines that do not parse are not entries.
+// One account file held once: its bytes, and per parsed line a record of
+// 32-bit offsets into them (no copies of names or fields), plus a name index.
+// Neither copied nor moved (the records point into the bytes). Entries are
+// numbered in file order; lines that do not parse are not entries.
 
 class GroupDb {
  public:
@@ -49,21 +51,21 @@ class GroupDb {
 
   size_t size() const { return recs_.size(); }
   const std::string& Text() const { return text_; }
-  std::string_view Name(int i) const { return recs_[i].name; }
+  std::string_view Name(int i) const { return View(recs_[i].line, recs_[i].name_len); }
   std::string_view Folded(int i) const { return index_.Folded(i); }
+  unsigned Gid(int i) const { return recs_[i].gid; }
+  std::string_view MemberList(int i) const { return View(recs_[i].members_off, recs_[i].members_len); }
+  std::vector<std::string> Members(int i) const;
+  GroupLine Line(int i) const;  // a copy of the parsed line
+  bool Builtin(int i) const { return builtin_[i] != 0; }
   // Byte offsets of group `i`'s line in Text(), its newline not included.
-  size_t LineBegin(int i) const { return static_cast<size_t>(recs_[i].name.data() - text_.data()); }
+  size_t LineBegin(int i) const { return recs_[i].line; }
   size_t LineEnd(int i) const;
   // The first group spelt exactly `name` (the line the account tools edit). -1 if none.
   int FindExact(std::string_view name) const;
   // The name fields of lines that are not entries (they do not parse) but
-  // still hold their name for the account tools, with their byte offsets.
-  const std::vector<std::string_view>& UnparsedNames() const { return unparsed_; }
-  unsigned Gid(int i) const { return recs_[i].gid; }
-  std::string_view MemberList(int i) const { return recs_[i].members; }
-  std::vector<std::string> Members(int i) const;
-  GroupLine Line(int i) const;  // a copy of the parsed line
-  bool Builtin(int i) const { return builtin_[i] != 0; }
+  // still hold their name for the account tools (views into Text()).
+  std::vector<std::string_view> UnparsedNames() const;
   // The group named `name`: the exact spelling wins, then a case variant. -1 if none.
   int Find(std::string_view name) const { return index_.Find(name); }
   // Calls f(i) for every group whose folded name is `folded`, in file order.
@@ -97,11 +99,18 @@ class GroupDb {
   std::shared_ptr<GroupDb> WithMembersChanged(int i, std::string text) const;
 
  private:
+  struct Rec {
+    uint32_t line, name_len, members_off, members_len, gid;
+  };
   GroupDb(const GroupDb& old, int i, std::string text);
+  std::string_view View(uint32_t off, uint32_t len) const {
+    return std::string_view(text_.data() + off, len);
+  }
+  bool Parse(uint32_t begin, uint32_t end, Rec* rec) const;
   const std::string text_;
-  std::vector<GroupView> recs_;
+  std::vector<Rec> recs_;
   std::vector<char> builtin_;
-  std::vector<std::string_view> unparsed_;
+  std::vector<TextSpan> unparsed_;
   NameIndex index_;
   mutable std::atomic<unsigned> heads_{0};
   mutable std::once_flag sorted_once_;
@@ -118,21 +127,24 @@ class UserDb {
   UserDb& operator=(const UserDb&) = delete;
 
   size_t size() const { return recs_.size(); }
-  std::string_view Name(int i) const { return recs_[i].name; }
-  std::string_view Password(int i) const { return recs_[i].password; }
-  std::string_view Gecos(int i) const { return recs_[i].gecos; }
+  std::string_view Name(int i) const { return View(recs_[i].line, recs_[i].name_len); }
+  std::string_view Password(int i) const {
+    return View(recs_[i].line + recs_[i].name_len + 1, recs_[i].pw_len);
+  }
+  std::string_view Gecos(int i) const { return View(recs_[i].gecos_off, recs_[i].gecos_len); }
   unsigned Uid(int i) const { return recs_[i].uid; }
   unsigned Gid(int i) const { return recs_[i].gid; }
   // Local users: UID_MIN <= uid <= UID_MAX, except "nobody".
   bool IsLocal(int i, const LoginDefs& defs) const {
-    return recs_[i].uid >= defs.uid_min && recs_[i].uid <= defs.uid_max && recs_[i].name != "nobody";
+    return recs_[i].uid >= defs.uid_min && recs_[i].uid <= defs.uid_max && Name(i) != "nobody";
   }
   int Find(std::string_view name) const { return index_.Find(name); }
   template <typename F>
   void ForEachVariant(std::string_view folded, F&& f) const {
     index_.ForEachVariant(folded, std::forward<F>(f));
   }
-  // Indexes ordered by folded name, then name; built on first use; any thread.
+  // Indexes ordered by folded name, then name, then file order; built on
+  // first use; any thread.
   const std::vector<int>& Sorted() const;
 
   // The local users in the order of Sorted(), and the rank of each user in
@@ -146,8 +158,14 @@ class UserDb {
   size_t MemoryBytes() const;
 
  private:
+  struct Rec {
+    uint32_t line, name_len, pw_len, gecos_off, gecos_len, uid, gid;
+  };
+  std::string_view View(uint32_t off, uint32_t len) const {
+    return std::string_view(text_.data() + off, len);
+  }
   const std::string text_;
-  std::vector<PasswdView> recs_;
+  std::vector<Rec> recs_;
   NameIndex index_;
   mutable std::once_flag sorted_once_;
   mutable std::vector<int> sorted_;
@@ -162,16 +180,17 @@ class ShadowDb {
   explicit ShadowDb(std::string text);
   ShadowDb(const ShadowDb&) = delete;
   ShadowDb& operator=(const ShadowDb&) = delete;
-  // The entry of exactly `name`, or null.
-  const ShadowView* Find(std::string_view name) const {
-    int i = index_.Find(name);
-    return i < 0 ? nullptr : &recs_[i];
-  }
+  // The entry of exactly `name`; false when there is none.
+  bool Find(std::string_view name, ShadowView* out) const;
   size_t MemoryBytes() const;
 
  private:
+  struct Rec {
+    uint32_t line, name_len, hash_len;
+    int32_t expire_days;
+  };
   const std::string text_;
-  std::vector<ShadowView> recs_;
+  std::vector<Rec> recs_;
   ExactIndex index_;
 };
 
@@ -184,13 +203,13 @@ class DescDb {
   // The description of exactly `name` ("" when none).
   std::string_view Find(std::string_view name) const {
     int i = index_.Find(name);
-    return i < 0 ? std::string_view() : texts_[i];
+    return i < 0 ? std::string_view() : std::string_view(text_.data() + texts_[i].off, texts_[i].len);
   }
   size_t MemoryBytes() const;
 
  private:
   const std::string text_;
-  std::vector<std::string_view> texts_;
+  std::vector<TextSpan> texts_;
   ExactIndex index_;
 };
 

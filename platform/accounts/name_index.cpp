@@ -42,30 +42,46 @@ void SlotTable::Insert(uint32_t hash, int32_t entry) {
   slots_[s] = entry;
 }
 
-void NameIndex::Build(std::vector<std::string_view> names) {
+void NameIndex::Build(const char* base, std::vector<TextSpan> names) {
+  base_ = base;
   names_ = std::move(names);
   const size_t n = names_.size();
   ReservePrefaulted(&folded_, n);
-  folded_.assign(n, std::string_view());
+  folded_.assign(n, TextSpan());
   ReservePrefaulted(&hashes_, n);
   hashes_.resize(n);
-  // Folded forms that differ go to the arena first; views into it are taken
-  // once it no longer grows.
-  std::vector<std::pair<uint32_t, uint32_t>> spans(n, {0, UINT32_MAX});
   for (size_t i = 0; i < n; ++i) {
-    if (FoldsToItself(names_[i])) continue;
-    const std::string f = FoldCase(std::string(names_[i]));
-    spans[i] = {static_cast<uint32_t>(arena_.size()), static_cast<uint32_t>(f.size())};
+    const std::string_view name = View(names_[i]);
+    if (FoldsToItself(name)) {
+      folded_[i] = names_[i];
+      continue;
+    }
+    const std::string f = FoldCase(std::string(name));
+    folded_[i] = TextSpan{static_cast<uint32_t>(arena_.size()) | kInArena, static_cast<uint32_t>(f.size())};
     arena_ += f;
   }
   arena_.shrink_to_fit();
   slots_.Reset(n);
   for (size_t i = 0; i < n; ++i) {
-    folded_[i] = spans[i].second == UINT32_MAX
-                     ? names_[i]
-                     : std::string_view(arena_).substr(spans[i].first, spans[i].second);
-    hashes_[i] = HashName(folded_[i]);
+    hashes_[i] = HashName(Folded(static_cast<int>(i)));
     slots_.Insert(hashes_[i], static_cast<int32_t>(i));
+  }
+}
+
+void NameIndex::CopyShifted(const NameIndex& old, const char* base, uint32_t from, int64_t shift) {
+  base_ = base;
+  arena_ = old.arena_;
+  hashes_ = old.hashes_;
+  slots_ = old.slots_;
+  auto moved = [&](TextSpan s) {
+    if (s.off >= from) s.off = static_cast<uint32_t>(s.off + shift);
+    return s;
+  };
+  ReservePrefaulted(&names_, old.names_.size());
+  ReservePrefaulted(&folded_, old.names_.size());
+  for (size_t i = 0; i < old.names_.size(); ++i) {
+    names_.push_back(moved(old.names_[i]));
+    folded_.push_back(old.folded_[i].off & kInArena ? old.folded_[i] : moved(old.folded_[i]));
   }
 }
 
@@ -74,17 +90,18 @@ int NameIndex::Find(std::string_view name) const {
   int exact = -1, first = -1;
   ForEachVariant(folded, [&](int i) {
     if (first < 0) first = i;
-    if (exact < 0 && names_[i] == name) exact = i;
+    if (exact < 0 && Name(i) == name) exact = i;
   });
   return exact >= 0 ? exact : first;
 }
 
 size_t NameIndex::MemoryBytes() const {
-  return (names_.capacity() + folded_.capacity()) * sizeof(std::string_view) +
+  return (names_.capacity() + folded_.capacity()) * sizeof(TextSpan) +
          hashes_.capacity() * sizeof(uint32_t) + arena_.capacity() + slots_.MemoryBytes();
 }
 
-void ExactIndex::Build(std::vector<std::string_view> names, bool last_wins) {
+void ExactIndex::Build(const char* base, std::vector<TextSpan> names, bool last_wins) {
+  base_ = base;
   names_ = std::move(names);
   const size_t n = names_.size();
   ReservePrefaulted(&hashes_, n);
@@ -93,10 +110,11 @@ void ExactIndex::Build(std::vector<std::string_view> names, bool last_wins) {
   winner_.assign(n, -1);
   slots_.Reset(n);
   for (size_t i = 0; i < n; ++i) {
-    hashes_[i] = HashName(names_[i]);
+    const std::string_view name = View(names_[i]);
+    hashes_[i] = HashName(name);
     int32_t seen = -1;
     slots_.Probe(hashes_[i], hashes_, [&](int32_t e) {
-      if (names_[e] != names_[i]) return true;
+      if (View(names_[e]) != name) return true;
       seen = e;
       return false;
     });
@@ -112,7 +130,7 @@ void ExactIndex::Build(std::vector<std::string_view> names, bool last_wins) {
 int ExactIndex::Find(std::string_view name) const {
   int found = -1;
   slots_.Probe(HashName(name), hashes_, [&](int32_t e) {
-    if (names_[e] != name) return true;
+    if (View(names_[e]) != name) return true;
     found = winner_[e];
     return false;
   });
@@ -120,7 +138,7 @@ int ExactIndex::Find(std::string_view name) const {
 }
 
 size_t ExactIndex::MemoryBytes() const {
-  return names_.capacity() * sizeof(std::string_view) +
+  return names_.capacity() * sizeof(TextSpan) +
          (hashes_.capacity() + winner_.capacity()) * sizeof(uint32_t) + slots_.MemoryBytes();
 }
 

@@ -1,14 +1,14 @@
 // Hash indexes over the names of a snapshot, without copies of the names.
 //
 // NameIndex maps a name, ignoring case (FoldCase), to the entries of a list
-// that bear it in any case; FoldedIndex lookups find the exact spelling first.
+// that bear it in any case; lookups find the exact spelling first.
 // ExactIndex maps an exact name to one entry (the first or the last of that
-// name, as the file's own rule says). Both hold views: the bytes they point
-// into must outlive the index and never move, so an index is neither copied
-// nor moved once built.
+// name, as the file's own rule says). Names are kept as 32-bit spans of the
+// owner's bytes (`base`), which must outlive the index and never move.
 //
-// Memory: per entry two views, a 32-bit hash and two 32-bit slots; the folded
-// forms are stored only for names whose folded form differs from the name.
+// Memory: per entry about 28 bytes (NameIndex: name and folded spans, a hash
+// and two slots) or 24 bytes (ExactIndex); folded forms are stored only for
+// names whose folded form differs from the name.
 // Thread-safety: Build once, then any number of concurrent readers.
 // Errors: none; Build may throw std::bad_alloc.
 #ifndef TAVO_PLATFORM_NAME_INDEX_H_
@@ -21,6 +21,11 @@
 
 namespace tavo {
 namespace acct {
+
+// Bytes [off, off + len) of a snapshot's text.
+struct TextSpan {
+  uint32_t off = 0, len = 0;
+};
 
 uint32_t HashName(std::string_view s);
 
@@ -52,31 +57,17 @@ class NameIndex {
   NameIndex(const NameIndex&) = delete;
   NameIndex& operator=(const NameIndex&) = delete;
 
-  // `names` are views into bytes the owner keeps alive and in place.
-  void Build(std::vector<std::string_view> names);
-  // The index of `old` with each name view passed through `move` (the same
-  // names, now in other bytes); folded forms of its own are copied.
-  template <typename Move>
-  void CopyMoved(const NameIndex& old, Move&& move) {
-    arena_ = old.arena_;
-    hashes_ = old.hashes_;
-    slots_ = old.slots_;
-    names_.resize(old.names_.size());
-    folded_.resize(old.names_.size());  // (views: no constructor to run)
-    const char* arena_begin = old.arena_.data();
-    const char* arena_end = arena_begin + old.arena_.size();
-    for (size_t i = 0; i < names_.size(); ++i) {
-      names_[i] = move(old.names_[i]);
-      const std::string_view f = old.folded_[i];
-      if (f.data() >= arena_begin && f.data() < arena_end && !f.empty())
-        folded_[i] = std::string_view(arena_.data() + (f.data() - arena_begin), f.size());
-      else
-        folded_[i] = f.data() == old.names_[i].data() ? names_[i] : move(f);
-    }
-  }
+  // `names` are spans of `base`, which the owner keeps alive and in place.
+  void Build(const char* base, std::vector<TextSpan> names);
+  // The index of `old` over `base`, which holds the same names as old's bytes
+  // except that every byte at or after `from` moved by `shift`.
+  void CopyShifted(const NameIndex& old, const char* base, uint32_t from, int64_t shift);
   size_t size() const { return names_.size(); }
-  std::string_view Name(int i) const { return names_[i]; }
-  std::string_view Folded(int i) const { return folded_[i]; }
+  std::string_view Name(int i) const { return View(names_[i]); }
+  std::string_view Folded(int i) const {
+    const TextSpan f = folded_[i];
+    return f.off & kInArena ? std::string_view(arena_).substr(f.off & ~kInArena, f.len) : View(f);
+  }
   // The entry spelt exactly `name`, else the first (in list order) whose
   // name equals it ignoring case; -1 if none.
   int Find(std::string_view name) const;
@@ -84,14 +75,17 @@ class NameIndex {
   template <typename F>
   void ForEachVariant(std::string_view folded, F&& f) const {
     slots_.Probe(HashName(folded), hashes_, [&](int32_t e) {
-      if (folded_[e] == folded) f(static_cast<int>(e));
+      if (Folded(e) == folded) f(static_cast<int>(e));
       return true;
     });
   }
   size_t MemoryBytes() const;
 
  private:
-  std::vector<std::string_view> names_, folded_;
+  static constexpr uint32_t kInArena = 0x80000000u;  // folded_[i].off: in arena_
+  std::string_view View(TextSpan s) const { return std::string_view(base_ + s.off, s.len); }
+  const char* base_ = nullptr;
+  std::vector<TextSpan> names_, folded_;
   std::vector<uint32_t> hashes_;  // of the folded names
   std::string arena_;             // folded forms that differ from the name
   SlotTable slots_;
@@ -104,12 +98,14 @@ class ExactIndex {
   ExactIndex& operator=(const ExactIndex&) = delete;
 
   // `last_wins`: a name listed twice finds its last entry, else its first.
-  void Build(std::vector<std::string_view> names, bool last_wins);
+  void Build(const char* base, std::vector<TextSpan> names, bool last_wins);
   int Find(std::string_view name) const;
   size_t MemoryBytes() const;
 
  private:
-  std::vector<std::string_view> names_;
+  std::string_view View(TextSpan s) const { return std::string_view(base_ + s.off, s.len); }
+  const char* base_ = nullptr;
+  std::vector<TextSpan> names_;
   std::vector<uint32_t> hashes_;
   std::vector<int32_t> winner_;  // per entry: the entry its name stands for
   SlotTable slots_;

@@ -143,6 +143,11 @@ bool ReadWholeFile(const std::string& path, std::string* content, FileKey* key) 
     FillKey(st, key);
     // Read straight into the string; the file may still grow while read.
     const size_t expect = static_cast<size_t>(st.st_size);
+    if (expect >= kMaxSnapshotBytes) {
+      close(fd);
+      ACCT_ERR(TAVO_ERR_IO);
+      return false;
+    }
     content->reserve(expect + 1);
     PrefaultHeap(&(*content)[0], expect + 1);
     content->resize(expect);
@@ -157,6 +162,7 @@ bool ReadWholeFile(const std::string& path, std::string* content, FileKey* key) 
       if (n == 0) break;
       if (full) content->append(extra, static_cast<size_t>(n));
       have += static_cast<size_t>(n);
+      if (have >= kMaxSnapshotBytes) { ok = false; break; }
     }
     content->resize(ok ? have : 0);
   }

@@ -32,6 +32,10 @@
 namespace tavo {
 namespace acct {
 
+// Files larger than this are not read (TAVO_ERR_IO): snapshots address their
+// bytes with 32-bit offsets, and no account file comes near it.
+constexpr size_t kMaxSnapshotBytes = size_t{1} << 30;
+
 struct FileKey {
   bool exists = false;
   unsigned long long dev = 0, ino = 0, size = 0;

@@ -53,8 +53,8 @@ bool UsableHash(const std::string& hash) {
 
 // The stored password hash of entry `u` (shadow first, else passwd).
 std::string HashOf(const UserDb& users, int i, const ShadowDb& shadow) {
-  const ShadowView* s = shadow.Find(users.Name(i));
-  return std::string(s ? s->hash : users.Password(i));
+  ShadowView s;
+  return std::string(shadow.Find(users.Name(i), &s) ? s.hash : users.Password(i));
 }
 
 // What the enumerators hand out: NUL-terminated copies of one user's fields.

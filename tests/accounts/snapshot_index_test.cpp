@@ -87,11 +87,13 @@ TEST(SnapshotIndex, DescriptionsTakeTheLastLineAndShadowTheFirst) {
   EXPECT_EQ("", descs.Find("A"));  // exact names only
   EXPECT_EQ("", descs.Find("c"));
   const ta::ShadowDb shadow{std::string("u:$1$first:19000::::::\nu:$1$second:::::::\nv:!:1:::::5\n")};
-  ASSERT_NE(nullptr, shadow.Find("u"));
-  EXPECT_EQ("$1$first", shadow.Find("u")->hash);
-  ASSERT_NE(nullptr, shadow.Find("v"));
-  EXPECT_EQ(5, shadow.Find("v")->expire_days);
-  EXPECT_EQ(nullptr, shadow.Find("U"));
+  ta::ShadowView s;
+  ASSERT_TRUE(shadow.Find("u", &s));
+  EXPECT_EQ("$1$first", s.hash);
+  EXPECT_EQ(-1, s.expire_days);
+  ASSERT_TRUE(shadow.Find("v", &s));
+  EXPECT_EQ(5, s.expire_days);
+  EXPECT_FALSE(shadow.Find("U", &s));
 }
 
 TEST(SnapshotIndex, AOneOffPageEqualsTheSamePageOfTheKeptOrder) {
