@@ -16,6 +16,9 @@ constexpr int kExitOk = 0;
 constexpr int kExitFailure = 1;
 constexpr int kExitUsage = 2;
 constexpr int kExitModules = 3;
+// Not an exit status: `call` in the lean program met an API that only the
+// full program serves (launcher.cpp then runs the full program).
+constexpr int kNeedsFullProgram = -100;
 
 int ServeMain(const std::vector<std::string>& args);
 int CallMain(const std::vector<std::string>& args);
@@ -29,6 +32,8 @@ int OpenApiMain(const std::vector<std::string>& args);
 // prints why on stderr and returns false when any module is refused.
 class ModuleSet;
 bool LoadAllModules(const std::string& dir, ModuleSet* modules, bool warn_if_none);
+// True in the lean program, whose LoadAllModules loads the modules only.
+bool OnlyModulesLoaded();
 
 }  // namespace tavo_server
 

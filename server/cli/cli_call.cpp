@@ -95,7 +95,10 @@ int CallMain(const std::vector<std::string>& args) {
   if (!LoadAllModules(modules_dir.empty() ? DefaultModulesDir() : modules_dir, &modules, false))
     return kExitModules;
   CallResult result = Dispatch(modules, call, CallerAccount());
-  if (result.lookup != ModuleSet::Lookup::kFound) return Usage(LookupMessage(result.lookup, call));
+  if (result.lookup != ModuleSet::Lookup::kFound) {
+    if (OnlyModulesLoaded()) return kNeedsFullProgram;
+    return Usage(LookupMessage(result.lookup, call));
+  }
   fputs(TerminalSafeJson(ToPrettyJson(result.envelope)).c_str(), stdout);
   return result.code == 3200 ? kExitOk : kExitFailure;
 }

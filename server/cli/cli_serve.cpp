@@ -37,21 +37,6 @@
 
 namespace tavo_server {
 
-bool LoadAllModules(const std::string& dir, ModuleSet* modules, bool warn_if_none) {
-  Status s = RegisterEventLogApi(modules);
-  if (s.ok()) s = RegisterDirectoryApi(modules);
-  int loaded = 0;
-  if (s.ok()) s = modules->LoadFolder(dir, &loaded);
-  if (!s.ok()) {
-    fprintf(stderr, "tavo: %s\n", TerminalSafe(s.message()).c_str());
-    return false;
-  }
-  if (loaded == 0 && warn_if_none)
-    fprintf(stderr, "tavo: warning: no module found in %s; only the server's own API is served\n",
-            TerminalSafe(dir).c_str());
-  return true;
-}
-
 namespace {
 
 // Takes the listening socket systemd passed, if any (tavo.socket): the server

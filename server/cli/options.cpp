@@ -186,6 +186,9 @@ std::string ServeUsage() {
 }
 
 std::string ExeDir() {
+  // The full program, started by the lean `tavo` (launcher.cpp), finds its
+  // files where `tavo` itself would.
+  if (const char* dir = std::getenv("TAVO_PROGRAM_DIR"); dir && *dir == '/') return dir;
   char buf[PATH_MAX];
   ssize_t n = readlink("/proc/self/exe", buf, sizeof(buf) - 1);
   if (n <= 0) return ".";

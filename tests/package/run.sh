@@ -34,7 +34,7 @@ ma=$(dpkg-architecture -qDEB_HOST_MULTIARCH)
 export LD_LIBRARY_PATH=$prefix/usr/lib/$ma
 tavo=$prefix/usr/bin/tavo
 
-for f in usr/bin/tavo usr/lib/$ma/libtavo.so.1 usr/lib/tavo/modules/TAVO.Core.Group.so \
+for f in usr/bin/tavo usr/lib/tavo/tavo-server usr/lib/$ma/libtavo.so.1 usr/lib/tavo/modules/TAVO.Core.Group.so \
          usr/share/tavo/web/index.html etc/tavo/serve.conf etc/tavo/tavo.conf \
          usr/share/man/man1/tavo.1.gz usr/share/man/man5/tavo.conf.5.gz \
          usr/include/tavo/api.h usr/include/tavo/abi.h usr/lib/$ma/libtavo.so usr/lib/$ma/pkgconfig/tavo.pc \
