@@ -2,10 +2,12 @@
 // `tavo init` and `tavo log`.
 import { test, before, after } from 'node:test';
 import assert from 'node:assert/strict';
+import { spawnSync } from 'node:child_process';
 import { existsSync, mkdirSync, readFileSync } from 'node:fs';
 import { join } from 'node:path';
 import {
   scratch, initRoot, moduleFolder, startServer, login, call, runTavo, GROUP_MODULE, TEST_MODULE_DIR,
+  TAVO_BIN,
 } from './helpers.mjs';
 
 let tmp, root;
@@ -86,6 +88,21 @@ test('tavo call answers 0 on success, 1 on an API error, 2 on a usage error', ()
   const log = runTavo(['log', '--root', root, '--limit', '1']);
   assert.equal(log.status, 0, log.stderr);
   assert.match(log.stdout, /operator\s+Group 'cli-made' was created/);
+});
+
+// `tavo call` for a module's API runs in the small program; the server's own
+// APIs and every other command go to tavo-server.
+test('tavo call reaches the server\'s own APIs too, and the program on the path loads no server library', () => {
+  const log = runTavo(['call', '--root', root, 'TAVO.Core.EventLog', 'list', 'limit=1']);
+  assert.equal(log.status, 0, log.stderr);
+  assert.equal(JSON.parse(log.stdout).success, true);
+  const help = runTavo(['--help']);
+  assert.equal(help.status, 0, help.stderr);
+  assert.match(help.stdout, /^usage: tavo COMMAND/);
+  const libs = spawnSync('ldd', [TAVO_BIN], { encoding: 'utf8' });
+  assert.equal(libs.status, 0, libs.stderr);
+  assert.match(libs.stdout, /libtavo/);
+  assert.doesNotMatch(libs.stdout, /libmicrohttpd|libgnutls|libldap|libsystemd/);
 });
 
 test('tavo init refuses an existing root and creates a plain one', () => {
