@@ -15,23 +15,7 @@ sizes=${*:-1000 10000 100000}
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
-make_root() {  # make_root DIR N
-  local R=$1 n=$2
-  "$tavo" init "$R" >/dev/null
-  awk -v n="$n" 'BEGIN {
-    for (i = 0; i < n; i++) printf "user%06d:x:%d:100::/home/u:/bin/sh\n", i, 2000 + i }' >>"$R/etc/passwd"
-  awk -v n="$n" 'BEGIN { for (i = 0; i < n; i++) printf "user%06d:!:19000:0:99999:7:::\n", i }' >>"$R/etc/shadow"
-  awk -v n="$n" -v out="$R/etc/group" -v gs="$R/etc/gshadow" -v d="$R/etc/tavo/group_desc" 'BEGIN {
-    for (i = 0; i < n; i++) {
-      m = ""
-      for (k = 0; k < 10; k++) m = m (k ? "," : "") sprintf("user%06d", (i * 7 + k * 13) % n)
-      printf "group%06d:x:%d:%s\n", i, 3000 + i, m >>out
-      printf "group%06d:!::%s\n", i, m >>gs
-      printf "group%06d:description of group %d\n", i, i >>d
-    } }'
-  echo "maxgroups = 10000000" >>"$R/etc/tavo/tavo.conf"
-  printf 'GID_MIN 1000\nGID_MAX 900000\nUID_MIN 1000\nUID_MAX 900000\n' >"$R/etc/login.defs"
-}
+. "$top/bench/make_root.sh"
 
 # ms of one command run (wall clock, whole process).
 ms() {
@@ -45,7 +29,7 @@ median() { sort -g | awk '{ v[NR] = $1 } END { printf "%.1f", (NR % 2) ? v[(NR +
 printf "%8s  %26s  %26s  %26s\n" groups "member add: tavo/gpasswd" "create: tavo/groupadd" "list 50: tavo/getent"
 for n in $sizes; do
   R=$work/r$n
-  make_root "$R" "$n"
+  make_root "$R" "$n" "$n"
   g=group$(printf %06d $((n / 2)))
   : >"$work/a"; : >"$work/b"; : >"$work/c"; : >"$work/d"; : >"$work/e"; : >"$work/f"
   for k in $(seq 1 "$rounds"); do

@@ -22,26 +22,7 @@ cleanup() {
 trap cleanup EXIT
 free_port() { python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1",0)); print(s.getsockname()[1])'; }
 
-make_root() {  # make_root DIR USERS GROUPS
-  local R=$1 users=$2 groups=$3
-  TAVO_ADMIN_PASSWORD=bench-Admin-pw-1 "$tavo" init "$R" >/dev/null
-  awk -v n="$users" -v p="$R/etc/passwd" -v s="$R/etc/shadow" 'BEGIN {
-    for (i = 0; i < n; i++) {
-      printf "user%06d:x:%d:100:User %d:/home/u:/bin/sh\n", i, 2000 + i, i >>p
-      printf "user%06d:!:19000:0:99999:7:::\n", i >>s
-    } }'
-  awk -v n="$groups" -v u="$users" -v out="$R/etc/group" -v gs="$R/etc/gshadow" \
-      -v d="$R/etc/tavo/group_desc" 'BEGIN {
-    for (i = 0; i < n; i++) {
-      m = ""
-      for (k = 0; k < 10; k++) m = m (k ? "," : "") sprintf("user%06d", (i * 7 + k * 13) % u)
-      printf "group%06d:x:%d:%s\n", i, 3000 + i, m >>out
-      printf "group%06d:!::%s\n", i, m >>gs
-      printf "group%06d:description of group %d\n", i, i >>d
-    } }'
-  echo "maxgroups = 10000000" >>"$R/etc/tavo/tavo.conf"
-  printf 'GID_MIN 1000\nGID_MAX 900000\nUID_MIN 1000\nUID_MAX 900000\n' >"$R/etc/login.defs"
-}
+. "$top/bench/make_root.sh"
 
 kib_of_files() {
   local R=$1
@@ -54,7 +35,7 @@ for spec in "100000 10000" "100000 100000"; do
   set -- $spec
   users=$1 groups=$2
   R="$work/r$users-$groups"
-  make_root "$R" "$users" "$groups"
+  TAVO_ADMIN_PASSWORD=bench-Admin-pw-1 make_root "$R" "$users" "$groups"
   port=$(free_port)
   "$tavo" serve --root "$R" --listen "127.0.0.1:$port" --web "$top/web" >"$work/out" 2>"$work/err" &
   pid=$!
