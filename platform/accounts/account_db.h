@@ -5,11 +5,16 @@
 // ROOT/etc/passwd, ROOT/etc/shadow, ROOT/etc/login.defs and the description
 // file ROOT/etc/tavo/group_desc.
 //
+// A snapshot holds the file's bytes once; names and fields handed out are
+// views into them (std::string_view), valid while the snapshot is held.
+// Memory: about the file's size plus 40 to 70 bytes a line for the records
+// and the name index.
+//
 // Ownership: snapshots are shared; hold the pointer for as long as you use
 // anything inside it. Thread-safety: any thread. Errors: accessors return null
-// with the error state set (TAVO_ERR_IO when a required file cannot be read,
-// TAVO_ERR_NOMEM); optional files (shadow, login.defs, lists, descriptions)
-// that are missing read as empty.
+// with the error state set (TAVO_ERR_IO when a required file cannot be read
+// or is 1 GiB or more, TAVO_ERR_NOMEM); optional files (shadow, login.defs,
+// lists, descriptions) that are missing read as empty.
 #ifndef TAVO_PLATFORM_ACCOUNT_DB_H_
 #define TAVO_PLATFORM_ACCOUNT_DB_H_
 

@@ -6,6 +6,9 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <memory>
+#include <mutex>
+
 #include "os_util.h"
 #include "tavo/root.h"
 
@@ -63,6 +66,49 @@ int OpenRuntimeDir() {
   return fd;
 }
 
+// The runtime folder once checked: its descriptor stays open for the lock
+// files opened later, by any thread, for as long as its path still names the
+// same folder with the same owner and no access for others (one lstat a use
+// instead of the whole check).
+struct CheckedDir {
+  std::string path;
+  int fd = -1;
+  dev_t dev = 0;
+  ino_t ino = 0;
+  CheckedDir() = default;
+  CheckedDir(const CheckedDir&) = delete;
+  CheckedDir& operator=(const CheckedDir&) = delete;
+  ~CheckedDir() {
+    if (fd >= 0) close(fd);
+  }
+};
+
+std::mutex g_dir_mu;
+std::shared_ptr<const CheckedDir> g_dir;  // guarded by g_dir_mu
+
+std::shared_ptr<const CheckedDir> RuntimeDir() {
+  const std::string path = TavoRootPath(kRuntimeDir);
+  std::shared_ptr<const CheckedDir> cached;
+  {
+    std::lock_guard<std::mutex> lock(g_dir_mu);
+    cached = g_dir;
+  }
+  struct stat st;
+  if (cached && cached->path == path && lstat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode) &&
+      st.st_dev == cached->dev && st.st_ino == cached->ino && st.st_uid == geteuid() &&
+      (st.st_mode & 077) == 0)
+    return cached;
+  auto fresh = std::make_shared<CheckedDir>();
+  fresh->fd = OpenRuntimeDir();
+  if (fresh->fd < 0 || fstat(fresh->fd, &st) != 0) return nullptr;
+  fresh->path = path;
+  fresh->dev = st.st_dev;
+  fresh->ino = st.st_ino;
+  std::lock_guard<std::mutex> lock(g_dir_mu);
+  g_dir = fresh;
+  return fresh;
+}
+
 }  // namespace
 
 std::string LockFilePath(const std::string& abs_path) {
@@ -87,14 +133,11 @@ int OpenLockFile(const std::string& abs_path) {
       fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
     return fd;
   }
-  const int dir = OpenRuntimeDir();
-  if (dir < 0) return -1;
+  const std::shared_ptr<const CheckedDir> dir = RuntimeDir();
+  if (!dir) return -1;
   const std::string name = lock.substr(lock.rfind('/') + 1);
-  int fd = openat(dir, name.c_str(), flags, 0600);
-  const int saved = errno;
-  close(dir);
+  int fd = openat(dir->fd, name.c_str(), flags, 0600);
   if (fd < 0) {
-    errno = saved;
     if (errno == ELOOP) {
       struct stat st {};
       lstat(TavoRootPath(lock).c_str(), &st);

@@ -12,7 +12,9 @@
 // real folder owned by this process's effective user, or when ROOT/run is
 // writable by others without the sticky bit; a lock file in it that is not a
 // regular file owned by that user is refused too. Each refusal is logged to
-// syslog at LOG_ERR with the path, the owner found and what to do.
+// syslog at LOG_ERR with the path, the owner found and what to do. Once
+// checked, the folder stays open for later lock files while its path names
+// the same folder, still this user's and closed to others (one lstat).
 //
 // Thread-safety: any thread. Errors: -1 with errno set (EPERM for a refusal).
 #ifndef TAVO_PLATFORM_LOCK_PATH_H_

@@ -175,4 +175,31 @@ TEST_F(HandlerLockTest, LocksLiveInAPrivateFolderAndForeignFilesAreRefused) {
   EXPECT_EQ(1, tavo_test::LoggedCount(LOG_ERR, "the runtime folder belongs to another user"));
 }
 
+// The runtime folder, once checked, is used again only while its path still
+// names it: a folder put in its place is where the locks are then, and a
+// link in its place is refused.
+TEST_F(HandlerLockTest, AReplacedRuntimeFolderIsCheckedAnew) {
+  {
+    ServerFormHandler h("/tmp/grouplock");
+    ASSERT_TRUE(h.ExLock());
+  }
+  const std::string dir = root_.Path("/run/tavo");
+  ASSERT_EQ(0, rename(dir.c_str(), (dir + ".old").c_str()));
+  ASSERT_EQ(0, mkdir(dir.c_str(), 0700));
+  int other = open((dir + "/grouplock").c_str(), O_RDWR | O_CREAT, 0600);
+  ASSERT_GE(other, 0);
+  ASSERT_EQ(0, flock(other, LOCK_EX));
+  {
+    ServerFormHandler h("/tmp/grouplock");
+    EXPECT_FALSE(h.ExLock());
+    EXPECT_EQ(TAVO_ERR_LOCK, TLIBCErrGet());
+  }
+  close(other);
+  ASSERT_EQ(0, unlink((dir + "/grouplock").c_str()));
+  ASSERT_EQ(0, rmdir(dir.c_str()));
+  ASSERT_EQ(0, symlink((dir + ".old").c_str(), dir.c_str()));
+  ServerFormHandler h("/tmp/grouplock");
+  EXPECT_FALSE(h.ExLock());
+}
+
 }  // namespace
