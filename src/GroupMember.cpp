@@ -2,6 +2,7 @@
 #include <syslog.h>
 
 #include <cstring>
+#include <utility>
 #include <vector>
 
 #include "Group.h"
@@ -18,6 +19,12 @@ namespace {
 
 constexpr int kUpperBufferSize = 492;
 
+// Keys of the user entries, not copied into each entry.
+const Json::StaticString kName("name");
+const Json::StaticString kUid("uid");
+const Json::StaticString kDescription("description");
+const Json::StaticString kUsers("users");
+
 // Appends {"name", "uid", "description"} of the user `name` to result["users"].
 bool AppendUserRecord(const std::string& name, Json::Value& result) {
   SDK::User* user = SDK::User::LoadUser(name);
@@ -25,11 +32,11 @@ bool AppendUserRecord(const std::string& name, Json::Value& result) {
     syslog(LOG_ERR, "%s:%d User '%s' no exists, skip it", "src/Group.cpp", 596, name.c_str());
     return false;
   }
-  Json::Value entry;
-  entry["name"] = user->GetName();
-  entry["uid"] = Json::Value(static_cast<Json::UInt>(user->GetUID()));
-  entry["description"] = user->GetDesc();
-  result["users"].append(entry);
+  Json::Value entry(Json::objectValue);
+  entry[kName] = user->GetName();
+  entry[kUid] = Json::Value(static_cast<Json::UInt>(user->GetUID()));
+  entry[kDescription] = user->GetDesc();
+  result[kUsers].append(std::move(entry));
   SDK::User::Release(user);
   return true;
 }
@@ -42,11 +49,11 @@ int AppendUserInfoCallback(const TLIB_USER_INFO* info, int /*index*/, void* cont
     return 0;
   }
   Json::Value& result = *static_cast<Json::Value*>(context);
-  Json::Value entry;
-  entry["name"] = name;
-  entry["uid"] = Json::Value(static_cast<Json::UInt>(info->uid));
-  entry["description"] = info->desc ? info->desc : "";
-  result["users"].append(entry);
+  Json::Value entry(Json::objectValue);
+  entry[kName] = name;
+  entry[kUid] = Json::Value(static_cast<Json::UInt>(info->uid));
+  entry[kDescription] = info->desc ? info->desc : "";
+  result[kUsers].append(std::move(entry));
   return 0;
 }
 

@@ -19,8 +19,14 @@ namespace {
 struct GroupListContext {
   bool name_only;
   std::string user;
-  Json::Value* result;
+  Json::Value* groups;  // the answer's "groups" array
 };
+
+// Keys of the entries, not copied into each entry.
+const Json::StaticString kName("name");
+const Json::StaticString kDescription("description");
+const Json::StaticString kGid("gid");
+const Json::StaticString kIsMember("is_member");
 
 // Appends one group entry to the context's "groups"; -1 when the group's
 // description cannot be read (the enumeration then fails).
@@ -29,31 +35,25 @@ int AppendGroupEntry(const TLIB_GROUP_INFO* record, int /*value*/, void* context
   char* buffer = nullptr;
   unsigned int size = 0;
   const char* name = record->name ? record->name : "";
-  Json::Value entry;
-  entry["name"] = name;
-  entry["description"] = "";
+  Json::Value entry(Json::objectValue);
+  entry[kName] = name;
   if (!ctx->name_only) {
     if (TAVOGroupDescGet(name, &buffer, &size) < 0) {
       free(buffer);
       return -1;
     }
-    entry["description"] = buffer ? buffer : "";
-    entry["gid"] = Json::Value(static_cast<Json::UInt>(record->gid));
+    entry[kDescription] = buffer ? buffer : "";
+    entry[kGid] = Json::Value(static_cast<Json::UInt>(record->gid));
+  } else {
+    entry[kDescription] = "";
   }
   if (!ctx->user.empty()) {
-    if (strcmp(name, "users") == 0) {
-      entry["is_member"] = true;
-    } else {
-      entry["is_member"] = false;
-      for (const char* const* m = record->members; m != nullptr && *m != nullptr; ++m) {
-        if (ctx->user == *m) {
-          entry["is_member"] = true;
-          break;
-        }
-      }
-    }
+    bool member = strcmp(name, "users") == 0;
+    for (const char* const* m = record->members; !member && m != nullptr && *m != nullptr; ++m)
+      member = ctx->user == *m;
+    entry[kIsMember] = member;
   }
-  (*ctx->result)["groups"].append(std::move(entry));
+  ctx->groups->append(std::move(entry));
   free(buffer);
   return 0;
 }
@@ -68,7 +68,7 @@ void GroupHandler::List() {
   const std::string domain_name = JsonToString(request_->GetParam("domain_name", Json::Value("")));
   const std::string user = JsonToString(request_->GetParam("user", Json::Value("")));
   const bool name_only = JsonToBool(request_->GetParam("name_only", Json::Value("true")));
-  GroupListContext context{name_only, user, &result_};
+  GroupListContext context{name_only, user, nullptr};
   int kind = TAVO_GROUP_LOCAL;
   int total = 0;
 
@@ -113,6 +113,7 @@ void GroupHandler::List() {
   }
   if (!ShLock()) goto end;
   result_["groups"] = Json::Value(Json::arrayValue);
+  context.groups = &result_["groups"];
   total = TLIBGroupInfoEnumBySubstr(kind, domain_name.c_str(), offset, limit, substr.c_str(), 1,
                                     AppendGroupEntry, &context);
   if (total < 0) {

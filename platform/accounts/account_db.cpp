@@ -189,9 +189,11 @@ std::shared_ptr<const std::vector<int>> GroupDb::SortedReachable(const LoginDefs
   return list;
 }
 
-std::vector<int> GroupDb::Head(size_t count, const LoginDefs* defs, size_t* total) const {
+std::shared_ptr<const std::vector<int>> GroupDb::Head(size_t count, const LoginDefs* defs,
+                                                      size_t* total) const {
   if (heads_.fetch_add(1) == 0 && count < size() / 4) {
-    std::vector<int> head;
+    auto owned = std::make_shared<std::vector<int>>();
+    std::vector<int>& head = *owned;
     head.reserve(size());
     for (size_t i = 0; i < size(); ++i)
       if (!defs || Reachable(static_cast<int>(i), *defs)) head.push_back(static_cast<int>(i));
@@ -199,13 +201,17 @@ std::vector<int> GroupDb::Head(size_t count, const LoginDefs* defs, size_t* tota
     const size_t k = std::min(count, head.size());
     std::partial_sort(head.begin(), head.begin() + k, head.end(), ByFoldedName<GroupDb>{*this, index_});
     head.resize(k);
-    return head;
+    return owned;
   }
-  std::shared_ptr<const std::vector<int>> reachable;
-  if (defs) reachable = SortedReachable(*defs);
-  const std::vector<int>& order = reachable ? *reachable : Sorted();
+  if (defs) {
+    std::shared_ptr<const std::vector<int>> reachable = SortedReachable(*defs);
+    *total = reachable->size();
+    return reachable;
+  }
+  // Sorted() lives as long as this snapshot (see above).
+  const std::vector<int>& order = Sorted();
   *total = order.size();
-  return std::vector<int>(order.begin(), order.begin() + std::min(count, order.size()));
+  return std::shared_ptr<const std::vector<int>>(std::shared_ptr<const void>(), &order);
 }
 
 size_t GroupDb::MemoryBytes() const {
@@ -313,7 +319,7 @@ SnapshotCache<GroupDb>& LocalGroupCache() {
 }  // namespace
 
 std::shared_ptr<const GroupDb> LocalGroups() {
-  return LocalGroupCache().Get(TavoRootPath(kGroupPath));
+  return LocalGroupCache().GetAt(kGroupPath);
 }
 
 std::shared_ptr<const GroupDb> LocalGroupsNow() {
@@ -326,36 +332,36 @@ void InstallLocalGroups(std::shared_ptr<const GroupDb> db) {
 
 std::shared_ptr<const GroupDb> DomainGroups() {
   static SnapshotCache<GroupDb> cache(BuildGroupDb, true);
-  return cache.Get(TavoRootPath(kDomainGroupPath));
+  return cache.GetAt(kDomainGroupPath);
 }
 
 std::shared_ptr<const GroupDb> LdapGroups() {
   static SnapshotCache<GroupDb> cache(BuildGroupDb, true);
-  return cache.Get(TavoRootPath(kLdapGroupPath));
+  return cache.GetAt(kLdapGroupPath);
 }
 
 std::shared_ptr<const UserDb> Passwd() {
   static SnapshotCache<UserDb> cache(
       [](std::string c) { return std::make_shared<UserDb>(std::move(c)); }, false);
-  return cache.Get(TavoRootPath(kPasswdPath));
+  return cache.GetAt(kPasswdPath);
 }
 
 std::shared_ptr<const ShadowDb> Shadow() {
   static SnapshotCache<ShadowDb> cache(
       [](std::string c) { return std::make_shared<ShadowDb>(std::move(c)); }, true);
-  return cache.Get(TavoRootPath(kShadowPath));
+  return cache.GetAt(kShadowPath);
 }
 
 std::shared_ptr<const LoginDefs> Defs() {
   static SnapshotCache<LoginDefs> cache(
       [](std::string c) { return std::make_shared<LoginDefs>(ParseLoginDefs(c)); }, true);
-  return cache.Get(TavoRootPath(kLoginDefsPath));
+  return cache.GetAt(kLoginDefsPath);
 }
 
 std::shared_ptr<const DescDb> Descriptions() {
   static SnapshotCache<DescDb> cache(
       [](std::string c) { return std::make_shared<DescDb>(std::move(c)); }, true);
-  return cache.Get(TavoRootPath(kDescPath));
+  return cache.GetAt(kDescPath);
 }
 
 bool IsReachable(const GroupLine& g, const LoginDefs& defs) {

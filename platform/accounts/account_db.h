@@ -89,11 +89,14 @@ class GroupDb {
   // GID_MIN and kept (a listing page is then a slice of it); any thread.
   std::shared_ptr<const std::vector<int>> SortedReachable(const LoginDefs& defs) const;
   // The first `count` entries of SortedReachable(*defs), or of Sorted() when
-  // `defs` is null, and in `total` the length of that order. The first call
-  // on a snapshot with a short head selects it without sorting everything
-  // (a one-off reader, such as a command-line call, needs no more); later
-  // calls build the whole order once and keep it.
-  std::vector<int> Head(size_t count, const LoginDefs* defs, size_t* total) const;
+  // `defs` is null, as the first min(count, size()) entries of the vector
+  // returned (which may hold more), and in `total` the length of that order.
+  // The first call on a snapshot with a short head selects it without sorting
+  // everything (a one-off reader, such as a command-line call, needs no
+  // more); later calls build the whole order once and share it, uncopied.
+  // The result may point into this snapshot: keep the snapshot while using it.
+  std::shared_ptr<const std::vector<int>> Head(size_t count, const LoginDefs* defs,
+                                               size_t* total) const;
   // Heap bytes held, the file's bytes included.
   size_t MemoryBytes() const;
 

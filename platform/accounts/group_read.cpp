@@ -228,9 +228,10 @@ int TLIBGroupInfoEnumBySubstr(int kind, const char* domain_name, int offset, int
     if (!filtered) {  // the page is a slice of the order
       size_t total = 0;
       const size_t want = cb ? static_cast<size_t>(std::min<long long>(end, db->size())) : 0;
-      const std::vector<int> head = db->Head(want, defs.get(), &total);
-      for (long long pos = offset; pos < static_cast<long long>(head.size()); ++pos)
-        if (!deliver(head[pos], static_cast<int>(pos))) return -1;
+      const std::shared_ptr<const std::vector<int>> order = db->Head(want, defs.get(), &total);
+      const long long head = static_cast<long long>(std::min(want, order->size()));
+      for (long long pos = offset; pos < head; ++pos)
+        if (!deliver((*order)[pos], static_cast<int>(pos))) return -1;
       return static_cast<int>(total);
     }
     std::shared_ptr<const std::vector<int>> reachable;

@@ -46,6 +46,8 @@ struct PinState {
     const void* cache;
     std::string path;
     std::shared_ptr<const void> value;
+    const char* abs;          // the platform path asked for, when a constant
+    unsigned long long root;  // the root generation it was resolved under
   };
   std::vector<Entry> entries;  // a handful: one per file the call reads
 };
@@ -67,9 +69,17 @@ std::shared_ptr<const void> PinnedValue(const void* cache, const std::string& pa
   return nullptr;
 }
 
-void PinValue(const void* cache, const std::string& path, std::shared_ptr<const void> value) {
+std::shared_ptr<const void> PinnedAt(const void* cache, const char* abs, unsigned long long root) {
+  if (t_pins.depth == 0) return nullptr;
+  for (const PinState::Entry& e : t_pins.entries)
+    if (e.cache == cache && e.abs == abs && e.root == root) return e.value;
+  return nullptr;
+}
+
+void PinValue(const void* cache, const std::string& path, std::shared_ptr<const void> value,
+              const char* abs, unsigned long long root) {
   if (t_pins.depth == 0) return;
-  t_pins.entries.push_back(PinState::Entry{cache, path, std::move(value)});
+  t_pins.entries.push_back(PinState::Entry{cache, path, std::move(value), abs, root});
 }
 
 }  // namespace internal

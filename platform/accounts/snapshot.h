@@ -1,5 +1,9 @@
 // Cached, immutable snapshots of files, keyed on the file's identity and time.
 //
+// Before it looks at the file, Get asks for the change count of the file's
+// folder (folder_watch.h): while the count is the one seen when the file was
+// read, the snapshot is returned without a stat. Otherwise, or when the
+// count is unknown, the file's key decides, as follows.
 // SnapshotCache<T>::Get(path) returns the parsed form of the file as it is now.
 // (A snapshot type that keeps the file's bytes, as T::Text(), is checked
 // against the bytes when its key is too recent to be trusted: equal bytes
@@ -28,6 +32,9 @@
 #include <memory>
 #include <mutex>
 #include <string>
+
+#include "folder_watch.h"
+#include "tavo/root.h"
 
 namespace tavo {
 namespace acct {
@@ -90,8 +97,13 @@ namespace internal {
 // The value pinned on this thread for (cache, path); null when none or when
 // no pin is alive.
 std::shared_ptr<const void> PinnedValue(const void* cache, const std::string& path);
-// Keeps `value` for (cache, path) when a pin is alive on this thread.
-void PinValue(const void* cache, const std::string& path, std::shared_ptr<const void> value);
+// The value pinned for (cache, platform path `abs` under root generation
+// `root`): found without resolving the path. Null when none.
+std::shared_ptr<const void> PinnedAt(const void* cache, const char* abs, unsigned long long root);
+// Keeps `value` for (cache, path) when a pin is alive on this thread; also
+// under (abs, root) when `abs` is given.
+void PinValue(const void* cache, const std::string& path, std::shared_ptr<const void> value,
+              const char* abs = nullptr, unsigned long long root = 0);
 }  // namespace internal
 // The count of invalidations of `path` so far (part of its key).
 unsigned long long SnapshotGeneration(const std::string& path);
@@ -104,6 +116,9 @@ class SnapshotCache {
 
   // `path` is a host path (already inside the root).
   std::shared_ptr<const T> Get(const std::string& path);
+  // As Get(TavoRootPath(abs_path)) for a platform path with static storage
+  // (a constant): under a pin, found again without resolving the path.
+  std::shared_ptr<const T> GetAt(const char* abs_path);
   // As Get, but never the value a pin holds: what a writer under the
   // account locks must see.
   std::shared_ptr<const T> GetUnpinned(const std::string& path) { return GetFresh(path); }
@@ -118,6 +133,7 @@ class SnapshotCache {
     FileKey key;
     bool recent;  // read within a clock tick or so of its change: not trusted
     std::shared_ptr<const T> value;
+    unsigned long long epoch;  // its folder's change count before it was read; 0: unknown
   };
   Parser parser_;
   bool missing_ok_;
@@ -136,6 +152,19 @@ std::shared_ptr<const T> SnapshotCache<T>::Get(const std::string& path) {
   return value;
 }
 
+template <typename T>
+std::shared_ptr<const T> SnapshotCache<T>::GetAt(const char* abs_path) {
+  const unsigned long long root = TavoRootGeneration();
+  if (std::shared_ptr<const void> pinned = internal::PinnedAt(this, abs_path, root))
+    return std::static_pointer_cast<const T>(pinned);
+  const std::string path = TavoRootPath(abs_path);
+  if (std::shared_ptr<const void> pinned = internal::PinnedValue(this, path))
+    return std::static_pointer_cast<const T>(pinned);
+  std::shared_ptr<const T> value = GetFresh(path);
+  if (value) internal::PinValue(this, path, value, abs_path, root);
+  return value;
+}
+
 // The file's bytes a snapshot keeps, when it keeps them (see SnapshotCache).
 template <typename T>
 auto SnapshotBytes(const T& v, int) -> decltype(&v.Text()) {
@@ -148,6 +177,16 @@ const std::string* SnapshotBytes(const T&, long) {
 
 template <typename T>
 std::shared_ptr<const T> SnapshotCache<T>::GetFresh(const std::string& path) {
+  // Asked before the file is looked at: a change from now on moves it.
+  const unsigned long long epoch = tavo::internal::FolderEpoch(tavo::internal::FolderOf(path));
+  if (epoch != 0) {
+    const unsigned long long generation = SnapshotGeneration(path);
+    std::lock_guard<std::mutex> lock(mu_);
+    auto it = entries_.find(path);
+    if (it != entries_.end() && it->second.epoch == epoch &&
+        it->second.key.generation == generation)
+      return it->second.value;  // nothing in the folder changed since it was read
+  }
   FileKey now;
   if (!StatKey(path, &now)) return nullptr;
   std::shared_ptr<const T> cached;  // same key, but too recent to trust the key alone
@@ -155,7 +194,10 @@ std::shared_ptr<const T> SnapshotCache<T>::GetFresh(const std::string& path) {
     std::lock_guard<std::mutex> lock(mu_);
     auto it = entries_.find(path);
     if (it != entries_.end() && it->second.key == now) {
-      if (!it->second.recent) return it->second.value;
+      if (!it->second.recent) {
+        it->second.epoch = epoch;
+        return it->second.value;
+      }
       cached = it->second.value;
     }
   }
@@ -177,17 +219,19 @@ std::shared_ptr<const T> SnapshotCache<T>::GetFresh(const std::string& path) {
   const bool recent = RecentlyChanged(read_key);
   std::lock_guard<std::mutex> lock(mu_);
   if (entries_.size() > 64) entries_.clear();  // roots change between tests
-  entries_[path] = Entry{read_key, recent, value};
+  entries_[path] = Entry{read_key, recent, value, epoch};
   return value;
 }
 
 template <typename T>
 void SnapshotCache<T>::Install(const std::string& path, std::shared_ptr<const T> value) {
+  // Asked after the write: its own events are counted.
+  const unsigned long long epoch = tavo::internal::FolderEpoch(tavo::internal::FolderOf(path));
   FileKey key;
   if (!StatKey(path, &key) || !key.exists) return;
   std::lock_guard<std::mutex> lock(mu_);
   if (entries_.size() > 64) entries_.clear();
-  entries_[path] = Entry{key, RecentlyChanged(key), std::move(value)};
+  entries_[path] = Entry{key, RecentlyChanged(key), std::move(value), epoch};
 }
 
 }  // namespace acct

@@ -56,7 +56,7 @@ ServerFormHandler::ServerFormHandler(const char* lock_path)
 ServerFormHandler::~ServerFormHandler() {
   if (lock_fd_ >= 0) {
     flock(lock_fd_, LOCK_UN);
-    close(lock_fd_);
+    tavo::internal::CloseLockFile(lock_fd_);
   }
 }
 
@@ -96,7 +96,9 @@ bool ServerFormHandler::TakeHandlerLock(bool exclusive) {
     }
   }
   if (FlockBounded(lock_fd_, exclusive ? LOCK_EX : LOCK_SH)) return true;
-  close(lock_fd_);
+  // A failed conversion may have dropped the lock held: unlock in any case.
+  flock(lock_fd_, LOCK_UN);
+  tavo::internal::CloseLockFile(lock_fd_);
   lock_fd_ = -1;
   return false;
 }
@@ -113,7 +115,7 @@ bool ServerFormHandler::LockFile(const char* path, bool exclusive, int* fd) {
     return false;
   }
   if (!FlockBounded(lock_fd, exclusive ? LOCK_EX : LOCK_SH)) {
-    close(lock_fd);
+    tavo::internal::CloseLockFile(lock_fd);
     return false;
   }
   *fd = lock_fd;
@@ -123,5 +125,5 @@ bool ServerFormHandler::LockFile(const char* path, bool exclusive, int* fd) {
 void ServerFormHandler::UnlockFile(int fd) {
   if (fd < 0) return;
   flock(fd, LOCK_UN);
-  close(fd);
+  tavo::internal::CloseLockFile(fd);
 }

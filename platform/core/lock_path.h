@@ -14,7 +14,8 @@
 // regular file owned by that user is refused too. Each refusal is logged to
 // syslog at LOG_ERR with the path, the owner found and what to do. Once
 // checked, the folder stays open for later lock files while its path names
-// the same folder, still this user's and closed to others (one lstat).
+// the same folder, still this user's and closed to others (one lstat); so do
+// released lock files, while their files are still linked (see CloseLockFile).
 //
 // Thread-safety: any thread. Errors: -1 with errno set (EPERM for a refusal).
 #ifndef TAVO_PLATFORM_LOCK_PATH_H_
@@ -29,8 +30,14 @@ namespace internal {
 // "/run/tavo/grouplock"; others unchanged).
 std::string LockFilePath(const std::string& abs_path);
 // Opens (creating when needed) the lock file named `abs_path` for reading
-// and writing. Returns the descriptor (close-on-exec) or -1.
+// and writing. Returns the descriptor (close-on-exec) or -1. A lock file of
+// the runtime folder may come from the idle ones kept by CloseLockFile: its
+// own open file description, unlocked, its file still linked there.
 int OpenLockFile(const std::string& abs_path);
+// Gives back a descriptor of OpenLockFile once its lock is released: kept
+// idle for the next OpenLockFile of the same file, or closed. Any other
+// descriptor is closed.
+void CloseLockFile(int fd);
 
 }  // namespace internal
 }  // namespace tavo

@@ -1,6 +1,7 @@
 // Resolution of absolute platform paths inside the root folder.
 #include "tavo/root.h"
 
+#include <atomic>
 #include <cstdlib>
 #include <memory>
 #include <mutex>
@@ -10,6 +11,7 @@ namespace {
 
 std::mutex g_mu;
 std::shared_ptr<const std::string> g_root;  // guarded by g_mu; null: not set yet
+std::atomic<unsigned long long> g_generation{0};
 
 std::string Normalise(std::string dir) {
   while (dir.size() > 1 && dir.back() == '/') dir.pop_back();
@@ -34,8 +36,11 @@ bool TavoRootSet(const std::string& dir) {
   auto root = std::make_shared<const std::string>(Normalise(dir));
   std::lock_guard<std::mutex> lock(g_mu);
   g_root = std::move(root);
+  g_generation.fetch_add(1);
   return true;
 }
+
+unsigned long long TavoRootGeneration() { return g_generation.load(); }
 
 std::string TavoRootGet() { return *Current(); }
 

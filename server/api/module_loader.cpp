@@ -119,7 +119,9 @@ Status ModuleSet::LoadFile(const std::string& path) {
   Status abi = CheckModuleAbi(path);
   if (!abi.ok()) return Status::Error("module " + path + " refused: " + abi.message());
   dlerror();
-  void* handle = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+  // RTLD_NODELETE: a module stays mapped until the process ends, so that what it
+  // handed out (answers whose keys point at its constant strings) outlives the set.
+  void* handle = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE);
   if (handle == nullptr) {
     const char* err = dlerror();
     return Status::Error("module " + path + " refused: cannot be loaded: " + (err ? err : "?"));

@@ -13,7 +13,9 @@
 // caller is expected to stop instead of serving a half-loaded module.
 //
 // Ownership: the set owns the library handles and keeps them open for its
-// lifetime (entry functions point into them).
+// lifetime (entry functions point into them). A loaded module stays mapped
+// until the process ends, also after the set is gone: answers it made may
+// point at its constant strings (jsoncpp's static keys).
 // Thread-safety: load and register before serving; after that Find and Info
 // may be called from any number of threads at once.
 #ifndef TAVO_SERVER_MODULE_LOADER_H_

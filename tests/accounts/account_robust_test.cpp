@@ -3,11 +3,13 @@
 // writers side by side.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cstdlib>
+#include <filesystem>
 #include <iterator>
 #include <set>
 #include <sstream>
@@ -164,6 +166,32 @@ TEST(Snapshot, SameSizeRewritesInPlaceAndRenamesAreSeen) {
   root.Write("/etc/group.new", base);
   ASSERT_EQ(0, rename(root.Path("/etc/group.new").c_str(), root.Path("/etc/group").c_str()));
   EXPECT_EQ(std::vector<std::string>{"admin"}, MembersOf("flip"));
+}
+
+// Unchanged files are answered from their folder's change count, without
+// a stat: a folder put in place of the account folder must be seen, and so
+// must a change made by a forked child that read the files too (sharing the
+// parent's event queue, it would take the parent's events).
+TEST(Snapshot, AReplacedFolderAndAChildsChangeAreSeen) {
+  TempRoot root;
+  root.AddGroup("flip", 1500, {"admin"});
+  ASSERT_EQ(std::vector<std::string>{"admin"}, MembersOf("flip"));
+  const std::string etc = root.Path("/etc");
+  ASSERT_EQ(0, rename(etc.c_str(), (etc + ".old").c_str()));
+  std::filesystem::copy(etc + ".old", etc, std::filesystem::copy_options::recursive);
+  const std::string base = root.Read("/etc/group");
+  root.Write("/etc/group", base.substr(0, base.size() - 6) + "guest\n");
+  EXPECT_EQ(std::vector<std::string>{"guest"}, MembersOf("flip"));
+
+  pid_t child = fork();
+  if (child == 0) {
+    root.Write("/etc/group", base.substr(0, base.size() - 6) + "nobdy\n");
+    _exit(MembersOf("flip") == std::vector<std::string>{"nobdy"} ? 0 : 1);
+  }
+  int status = 0;
+  ASSERT_EQ(child, waitpid(child, &status, 0));
+  ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  EXPECT_EQ(std::vector<std::string>{"nobdy"}, MembersOf("flip"));
 }
 
 // At the top of the GID range, (gid_t)-1 is never given out.

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -200,6 +201,57 @@ TEST_F(HandlerLockTest, AReplacedRuntimeFolderIsCheckedAnew) {
   ASSERT_EQ(0, symlink((dir + ".old").c_str(), dir.c_str()));
   ServerFormHandler h("/tmp/grouplock");
   EXPECT_FALSE(h.ExLock());
+}
+
+// Released lock files are kept open for the next lock; one whose file was
+// removed or replaced meanwhile must not be used again (it would exclude no
+// one), and a forked child must not lock through the parent's descriptors.
+TEST_F(HandlerLockTest, AKeptLockFileIsDroppedOnceItsFileIsGone) {
+  const std::string path = root_.Path("/run/tavo/grouplock");
+  for (bool replace : {false, true}) {
+    SCOPED_TRACE(replace ? "replaced" : "removed");
+    { ServerFormHandler h("/tmp/grouplock"); ASSERT_TRUE(h.ExLock()); }
+    if (replace) {
+      const std::string fresh = path + ".new";
+      int fd = open(fresh.c_str(), O_RDWR | O_CREAT, 0600);
+      ASSERT_GE(fd, 0);
+      close(fd);
+      ASSERT_EQ(0, rename(fresh.c_str(), path.c_str()));
+    } else {
+      ASSERT_EQ(0, unlink(path.c_str()));
+    }
+    ServerFormHandler h("/tmp/grouplock");
+    ASSERT_TRUE(h.ExLock());
+    int other = open(path.c_str(), O_RDWR);  // what another process opens now
+    ASSERT_GE(other, 0);
+    EXPECT_NE(0, flock(other, LOCK_EX | LOCK_NB));
+    close(other);
+  }
+  // A child forked while a lock file is kept takes a descriptor of its own:
+  // while it holds the lock, the parent cannot take it.
+  { ServerFormHandler h("/tmp/grouplock"); ASSERT_TRUE(h.ExLock()); }
+  int ready[2], done[2];
+  ASSERT_EQ(0, pipe(ready));
+  ASSERT_EQ(0, pipe(done));
+  pid_t child = fork();
+  if (child == 0) {
+    ServerFormHandler h("/tmp/grouplock");
+    char c = h.ExLock() ? 'y' : 'n';
+    if (write(ready[1], &c, 1) != 1 || read(done[0], &c, 1) != 1) _exit(2);
+    _exit(0);
+  }
+  char taken = 0;
+  ASSERT_EQ(1, read(ready[0], &taken, 1));
+  EXPECT_EQ('y', taken);
+  {
+    ServerFormHandler h("/tmp/grouplock");
+    EXPECT_FALSE(h.ExLock()) << "parent and child locked through one open file";
+  }
+  ASSERT_EQ(1, write(done[1], "x", 1));
+  int status = 0;
+  ASSERT_EQ(child, waitpid(child, &status, 0));
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  for (int fd : {ready[0], ready[1], done[0], done[1]}) close(fd);
 }
 
 }  // namespace

@@ -23,6 +23,9 @@ std::string TavoRootGet();
 // Resolves an absolute platform path inside the root. A relative path is
 // returned unchanged.
 std::string TavoRootPath(const std::string& abs_path);
+// A number that changes each time TavoRootSet does: a cache of resolved
+// paths keyed on it never outlives the root it was made under.
+unsigned long long TavoRootGeneration();
 
 }  // namespace tavo
 

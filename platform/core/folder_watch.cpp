@@ -1,0 +1,136 @@
+#include "folder_watch.h"
+
+#include <errno.h>
+#include <pthread.h>
+#include <sys/inotify.h>
+#include <unistd.h>
+
+#include <functional>
+#include <map>
+#include <mutex>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+namespace tavo {
+namespace internal {
+namespace {
+
+constexpr uint32_t kFolderEvents = IN_CREATE | IN_DELETE | IN_MODIFY | IN_ATTRIB | IN_MOVED_FROM |
+                                   IN_MOVED_TO | IN_CLOSE_WRITE | IN_DELETE_SELF | IN_MOVE_SELF |
+                                   IN_ONLYDIR;
+
+struct Watch {
+  int wd = -1;  // -1: not watched now (added again on the next ask)
+  unsigned long long epoch = 0;
+};
+
+struct State {
+  std::mutex mu;
+  int fd = -1;       // the inotify instance; -1 before the first ask or when unavailable
+  bool failed = false;  // inotify_init1 failed: counts are unknown for good
+  unsigned long long tick = 0;  // the last count handed out; counts are never reused
+  std::map<std::string, Watch, std::less<>> folders;
+  std::unordered_multimap<int, std::string> by_wd;  // one inode may be watched under two paths
+
+  void Reset() {  // forget every watch; counts already handed out never match again
+    if (fd >= 0) close(fd);
+    fd = -1;
+    folders.clear();
+    by_wd.clear();
+  }
+};
+
+State& Get() {
+  static State* state = [] {
+    auto* s = new State;  // never destroyed: threads may ask during exit
+    // A forked child shares the parent's event queue: reading it would take
+    // the parent's events. The child starts without watches.
+    pthread_atfork([] { Get().mu.lock(); }, [] { Get().mu.unlock(); },
+                   [] {
+                     State& c = Get();
+                     c.Reset();
+                     c.mu.unlock();
+                   });
+    return s;
+  }();
+  return *state;
+}
+
+// Moves the count of every folder that `wd` watches; a watch that ended, or
+// a folder that moved, is watched again on its path at the next ask.
+void Bump(State& s, int wd, bool ended) {
+  auto range = s.by_wd.equal_range(wd);
+  for (auto it = range.first; it != range.second; ++it) {
+    auto f = s.folders.find(it->second);
+    if (f == s.folders.end()) continue;
+    f->second.epoch = ++s.tick;
+    if (ended) f->second.wd = -1;
+  }
+  if (ended) {
+    s.by_wd.erase(wd);
+    inotify_rm_watch(s.fd, wd);  // harmless when the kernel already removed it
+  }
+}
+
+// Reads every pending event. False when the queue cannot be read (then
+// every watch is dropped).
+bool Drain(State& s) {
+  alignas(struct inotify_event) char buf[8192];
+  for (;;) {
+    ssize_t n = read(s.fd, buf, sizeof buf);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      if (errno == EAGAIN) return true;
+      s.Reset();
+      return false;
+    }
+    if (n == 0) return true;
+    for (char* p = buf; p < buf + n;) {
+      const auto* e = reinterpret_cast<const struct inotify_event*>(p);
+      if (e->mask & IN_Q_OVERFLOW) {
+        for (auto& f : s.folders) f.second.epoch = ++s.tick;
+      } else {
+        Bump(s, e->wd, (e->mask & (IN_IGNORED | IN_DELETE_SELF | IN_MOVE_SELF)) != 0);
+      }
+      p += sizeof(struct inotify_event) + e->len;
+    }
+  }
+}
+
+}  // namespace
+
+unsigned long long FolderEpoch(std::string_view dir) {
+  State& s = Get();
+  std::lock_guard<std::mutex> lock(s.mu);
+  if (s.failed) return 0;
+  if (s.fd < 0) {
+    s.fd = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+    if (s.fd < 0) {
+      s.failed = true;
+      return 0;
+    }
+  }
+  if (!Drain(s)) return 0;
+  auto it = s.folders.find(dir);
+  if (it != s.folders.end() && it->second.wd >= 0) return it->second.epoch;
+  if (it == s.folders.end() && s.folders.size() >= static_cast<size_t>(kMaxWatchedFolders)) {
+    s.Reset();  // roots come and go (tests): start over rather than grow
+    s.fd = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+    if (s.fd < 0) {
+      s.failed = true;
+      return 0;
+    }
+  }
+  const std::string path(dir);
+  const int wd = inotify_add_watch(s.fd, path.c_str(), kFolderEvents);
+  if (wd < 0) return 0;  // missing folder, or the watch limit: look at the files
+  Watch& w = s.folders[path];
+  w.wd = wd;
+  w.epoch = ++s.tick;
+  s.by_wd.emplace(wd, path);
+  return w.epoch;
+}
+
+}  // namespace internal
+}  // namespace tavo

@@ -1,0 +1,51 @@
+// Change counts of folders, from the kernel's file events (inotify).
+//
+// A snapshot cache (or the lock files' pool) asks, before it looks at a file, for the change count of
+// the file's folder. When the count is the one it saw when it last read the
+// file, nothing in the folder was created, removed, renamed, written to or
+// had its attributes changed since, and the snapshot is still the file: no
+// stat is needed. The events of a change are queued by the kernel before the
+// writer's system call returns, and FolderEpoch reads the queue first, so a
+// change that completed before the call is always counted, also one that
+// leaves size and times as they were.
+//
+// The count also moves when the watch can no longer tell: the folder itself
+// was moved or removed, or the kernel's event queue overflowed. 0 means
+// "unknown" (no inotify, the per-user watch limit reached, or more folders
+// than kMaxFolders): the caller must then look at the file itself. Counts
+// are never reused, so a count kept from an earlier watch never matches.
+//
+// Not seen: writes through a shared memory mapping (no account tool writes
+// that way), and changes on another machine to a network file system. A
+// folder above the watched one that is renamed leaves the watch on the old
+// folder; the account folders of a root are not moved while it is served.
+//
+// Thread-safety: any thread (one lock; the queue is read under it).
+// Errors: none reported; failures give 0.
+#ifndef TAVO_PLATFORM_FOLDER_WATCH_H_
+#define TAVO_PLATFORM_FOLDER_WATCH_H_
+
+#include <string_view>
+
+namespace tavo {
+namespace internal {
+
+// Folders watched at once, at most; past it the watches start over.
+constexpr int kMaxWatchedFolders = 64;
+
+// The change count of the folder `dir` (a host path), after reading the
+// pending events; 0 when unknown (see above).
+unsigned long long FolderEpoch(std::string_view dir);
+
+// The folder part of a host path ("/r/etc/group" -> "/r/etc").
+inline std::string_view FolderOf(std::string_view path) {
+  const size_t slash = path.rfind('/');
+  return slash == std::string_view::npos ? std::string_view(".")
+         : slash == 0                    ? std::string_view("/")
+                                         : path.substr(0, slash);
+}
+
+}  // namespace internal
+}  // namespace tavo
+
+#endif  // TAVO_PLATFORM_FOLDER_WATCH_H_
