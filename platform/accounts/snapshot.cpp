@@ -50,6 +50,7 @@ struct PinState {
     unsigned long long root;  // the root generation it was resolved under
   };
   std::vector<Entry> entries;  // a handful: one per file the call reads
+  bool events_read = false;    // the folders' change events were read in this pin
 };
 thread_local PinState t_pins;
 
@@ -57,7 +58,10 @@ thread_local PinState t_pins;
 
 SnapshotPin::SnapshotPin() { ++t_pins.depth; }
 SnapshotPin::~SnapshotPin() {
-  if (--t_pins.depth == 0) t_pins.entries.clear();
+  if (--t_pins.depth == 0) {
+    t_pins.entries.clear();
+    t_pins.events_read = false;
+  }
 }
 
 namespace internal {
@@ -67,6 +71,13 @@ std::shared_ptr<const void> PinnedValue(const void* cache, const std::string& pa
   for (const PinState::Entry& e : t_pins.entries)
     if (e.cache == cache && e.path == path) return e.value;
   return nullptr;
+}
+
+bool ReadEventsNow() {
+  if (t_pins.depth == 0) return true;
+  if (t_pins.events_read) return false;
+  t_pins.events_read = true;
+  return true;
 }
 
 std::shared_ptr<const void> PinnedAt(const void* cache, const char* abs, unsigned long long root) {
@@ -115,6 +126,7 @@ unsigned long long SnapshotGeneration(const std::string& path) {
 
 void InvalidateSnapshot(const std::string& path) {
   t_pins.entries.clear();
+  t_pins.events_read = false;
   std::lock_guard<std::mutex> lock(g_gen_mu);
   if (!g_generations) g_generations = new std::map<std::string, unsigned long long>();
   if (g_generations->size() > 256) {  // roots change between tests

@@ -104,6 +104,10 @@ std::shared_ptr<const void> PinnedAt(const void* cache, const char* abs, unsigne
 // under (abs, root) when `abs` is given.
 void PinValue(const void* cache, const std::string& path, std::shared_ptr<const void> value,
               const char* abs = nullptr, unsigned long long root = 0);
+// True once per pin (and always without one): whether a Get on this thread
+// must read the folders' pending change events, rather than use the counts
+// as of the read made earlier in the same pin.
+bool ReadEventsNow();
 }  // namespace internal
 // The count of invalidations of `path` so far (part of its key).
 unsigned long long SnapshotGeneration(const std::string& path);
@@ -178,7 +182,8 @@ const std::string* SnapshotBytes(const T&, long) {
 template <typename T>
 std::shared_ptr<const T> SnapshotCache<T>::GetFresh(const std::string& path) {
   // Asked before the file is looked at: a change from now on moves it.
-  const unsigned long long epoch = tavo::internal::FolderEpoch(tavo::internal::FolderOf(path));
+  const unsigned long long epoch = tavo::internal::FolderEpoch(tavo::internal::FolderOf(path),
+                                                               internal::ReadEventsNow());
   if (epoch != 0) {
     const unsigned long long generation = SnapshotGeneration(path);
     std::lock_guard<std::mutex> lock(mu_);

@@ -100,7 +100,7 @@ bool Drain(State& s) {
 
 }  // namespace
 
-unsigned long long FolderEpoch(std::string_view dir) {
+unsigned long long FolderEpoch(std::string_view dir, bool read_events) {
   State& s = Get();
   std::lock_guard<std::mutex> lock(s.mu);
   if (s.failed) return 0;
@@ -111,7 +111,7 @@ unsigned long long FolderEpoch(std::string_view dir) {
       return 0;
     }
   }
-  if (!Drain(s)) return 0;
+  if (read_events && !Drain(s)) return 0;
   auto it = s.folders.find(dir);
   if (it != s.folders.end() && it->second.wd >= 0) return it->second.epoch;
   if (it == s.folders.end() && s.folders.size() >= static_cast<size_t>(kMaxWatchedFolders)) {

@@ -34,8 +34,10 @@ namespace internal {
 constexpr int kMaxWatchedFolders = 64;
 
 // The change count of the folder `dir` (a host path), after reading the
-// pending events; 0 when unknown (see above).
-unsigned long long FolderEpoch(std::string_view dir);
+// pending events (unless `read_events` is false: a caller that read them
+// moments ago, within one call, gets the counts as of that read); 0 when
+// unknown (see above).
+unsigned long long FolderEpoch(std::string_view dir, bool read_events = true);
 
 // The folder part of a host path ("/r/etc/group" -> "/r/etc").
 inline std::string_view FolderOf(std::string_view path) {
