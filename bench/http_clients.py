@@ -47,17 +47,21 @@ def latency(port, path, token, n):
 def change(port, token, group, user, n):
     conn = http.client.HTTPConnection('127.0.0.1', port)
     headers = {'Authorization': f'Bearer {token}', 'Content-Type': 'application/json'}
-    start = time.perf_counter()
+    times = []
     for _ in range(n):
         for method in ('add', 'remove'):
             body = json.dumps({'api': 'TAVO.Core.Group.Member', 'version': 1, 'method': method,
                                'params': {'group': group, 'name': user}})
+            start = time.perf_counter()
             conn.request('POST', '/api', body=body, headers=headers)
             r = conn.getresponse()
             answer = json.loads(r.read())
+            times.append(time.perf_counter() - start)
             if not answer.get('success'):
                 raise SystemExit(f'{method}: {answer}')
-    print(f'http change: {(time.perf_counter() - start) * 1e6 / (2 * n):.1f} us')
+    times.sort()
+    print(f'http change: {sum(times) * 1e6 / len(times):.1f} us mean, '
+          f'{times[len(times) // 2] * 1e6:.1f} us median')
 
 
 def proc_status(pid):
