@@ -13,7 +13,7 @@ build="$work/build"
 list="$top/bench/mutants.txt"
 
 rm -rf "$src" && mkdir -p "$src"
-(cd "$top" && git ls-files -z --cached --others --exclude-standard | xargs -0 tar cf - 2>/dev/null) | (cd "$src" && tar xf -)
+(cd "$top" && git ls-files -z --cached --others --exclude-standard | tar --null -T - -cf - 2>/dev/null) | (cd "$src" && tar xf -)
 cmake -S "$src" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTAVO_BUILD_BENCH=OFF >/dev/null
 run_tests() { ctest --test-dir "$build" -j 2 --timeout 300 >"$work/ctest.log" 2>&1; }
 if ! cmake --build "$build" -j 2 >"$work/build.log" 2>&1 || ! run_tests; then

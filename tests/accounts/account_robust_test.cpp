@@ -182,6 +182,8 @@ TEST(Snapshot, AReplacedFolderAndAChildsChangeAreSeen) {
   const std::string base = root.Read("/etc/group");
   root.Write("/etc/group", base.substr(0, base.size() - 6) + "guest\n");
   EXPECT_EQ(std::vector<std::string>{"guest"}, MembersOf("flip"));
+  root.Write("/etc/group", base.substr(0, base.size() - 6) + "other\n");  // watched there too
+  EXPECT_EQ(std::vector<std::string>{"other"}, MembersOf("flip"));
 
   pid_t child = fork();
   if (child == 0) {
