@@ -5,6 +5,7 @@
 #include <sys/inotify.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <functional>
 #include <map>
 #include <mutex>
@@ -30,6 +31,12 @@ struct State {
   int fd = -1;       // the inotify instance; -1 before the first ask or when unavailable
   bool failed = false;  // inotify_init1 failed: counts are unknown for good
   unsigned long long tick = 0;  // the last count handed out; counts are never reused
+  // Tickets of the askers, and the last ticket drawn before the latest
+  // completed read of the queue began: an asker whose ticket is not above
+  // it needs no read of its own (that read saw every event queued before
+  // the asker came). Many threads asking at once then read the queue once.
+  std::atomic<unsigned long long> tickets{0};
+  unsigned long long read_upto = 0;  // guarded by mu
   std::map<std::string, Watch, std::less<>> folders;
   std::unordered_multimap<int, std::string> by_wd;  // one inode may be watched under two paths
 
@@ -102,7 +109,9 @@ bool Drain(State& s) {
 
 unsigned long long FolderEpoch(std::string_view dir, bool read_events) {
   State& s = Get();
+  const unsigned long long ticket = s.tickets.fetch_add(1) + 1;
   std::lock_guard<std::mutex> lock(s.mu);
+  if (s.read_upto >= ticket) read_events = false;
   if (s.failed) return 0;
   if (s.fd < 0) {
     s.fd = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
@@ -111,7 +120,11 @@ unsigned long long FolderEpoch(std::string_view dir, bool read_events) {
       return 0;
     }
   }
-  if (read_events && !Drain(s)) return 0;
+  if (read_events) {
+    const unsigned long long upto = s.tickets.load();
+    if (!Drain(s)) return 0;
+    s.read_upto = upto;
+  }
   auto it = s.folders.find(dir);
   if (it != s.folders.end() && it->second.wd >= 0) return it->second.epoch;
   if (it == s.folders.end() && s.folders.size() >= static_cast<size_t>(kMaxWatchedFolders)) {
