@@ -125,14 +125,16 @@ class SnapshotCache {
   std::shared_ptr<const T> GetAt(const char* abs_path);
   // As Get, but never the value a pin holds: what a writer under the
   // account locks must see.
-  std::shared_ptr<const T> GetUnpinned(const std::string& path) { return GetFresh(path); }
+  std::shared_ptr<const T> GetUnpinned(const std::string& path) { return GetFresh(path, true); }
   // Keeps `value` as the snapshot of the file as it is now (a writer that
   // just replaced the file, still under the account locks, installs the
   // snapshot made from the bytes it wrote). Best effort.
   void Install(const std::string& path, std::shared_ptr<const T> value);
 
  private:
-  std::shared_ptr<const T> GetFresh(const std::string& path);
+  // `read_events`: read the folders' pending change events first (false only
+  // for a lookup of a pinned call after the call's first).
+  std::shared_ptr<const T> GetFresh(const std::string& path, bool read_events);
   struct Entry {
     FileKey key;
     bool recent;  // read within a clock tick or so of its change: not trusted
@@ -151,7 +153,7 @@ template <typename T>
 std::shared_ptr<const T> SnapshotCache<T>::Get(const std::string& path) {
   if (std::shared_ptr<const void> pinned = internal::PinnedValue(this, path))
     return std::static_pointer_cast<const T>(pinned);
-  std::shared_ptr<const T> value = GetFresh(path);
+  std::shared_ptr<const T> value = GetFresh(path, internal::ReadEventsNow());
   if (value) internal::PinValue(this, path, value);
   return value;
 }
@@ -164,7 +166,7 @@ std::shared_ptr<const T> SnapshotCache<T>::GetAt(const char* abs_path) {
   const std::string path = TavoRootPath(abs_path);
   if (std::shared_ptr<const void> pinned = internal::PinnedValue(this, path))
     return std::static_pointer_cast<const T>(pinned);
-  std::shared_ptr<const T> value = GetFresh(path);
+  std::shared_ptr<const T> value = GetFresh(path, internal::ReadEventsNow());
   if (value) internal::PinValue(this, path, value, abs_path, root);
   return value;
 }
@@ -180,10 +182,10 @@ const std::string* SnapshotBytes(const T&, long) {
 }
 
 template <typename T>
-std::shared_ptr<const T> SnapshotCache<T>::GetFresh(const std::string& path) {
+std::shared_ptr<const T> SnapshotCache<T>::GetFresh(const std::string& path, bool read_events) {
   // Asked before the file is looked at: a change from now on moves it.
-  const unsigned long long epoch = tavo::internal::FolderEpoch(tavo::internal::FolderOf(path),
-                                                               internal::ReadEventsNow());
+  const unsigned long long epoch =
+      tavo::internal::FolderEpoch(tavo::internal::FolderOf(path), read_events);
   if (epoch != 0) {
     const unsigned long long generation = SnapshotGeneration(path);
     std::lock_guard<std::mutex> lock(mu_);
