@@ -1,6 +1,8 @@
 // Snapshots of the account files and their indexes.
 #include "account_db.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <climits>
 #include <cstdint>
@@ -129,6 +131,52 @@ std::shared_ptr<GroupDb> GroupDb::WithMembersChanged(int i, std::string text) co
       now.password != Line(i).password)
     return nullptr;
   return std::shared_ptr<GroupDb>(new GroupDb(*this, i, std::move(text)));
+}
+
+std::shared_ptr<GroupDb> GroupDb::WithLineAppended(std::string text) const {
+  const size_t n = text_.size();
+  if (text.size() <= n || text.size() >= kMaxSnapshotBytes) return nullptr;
+  // Checked cheaply: the old bytes end as they did (the caller built `text`
+  // from Text()), and one whole line follows them.
+  const size_t tail = std::min<size_t>(n, 64);
+  if (text.compare(n - tail, tail, text_, n - tail, tail) != 0) return nullptr;
+  size_t begin = n;
+  if (n > 0 && text_[n - 1] != '\n') {
+    if (text[n] != '\n') return nullptr;
+    begin = n + 1;
+  }
+  size_t end = text.find('\n', begin);
+  if (end == std::string::npos) end = text.size();
+  GroupView g;
+  if (end + 1 < text.size() || !ParseGroupView(std::string_view(text).substr(begin, end - begin), &g))
+    return nullptr;
+  return std::shared_ptr<GroupDb>(new GroupDb(
+      *this, std::move(text), Appended{static_cast<uint32_t>(begin), static_cast<uint32_t>(end)}));
+}
+
+GroupDb::GroupDb(const GroupDb& old, std::string text, Appended line)
+    : text_(std::move(text)), recs_(old.recs_), builtin_(old.builtin_), unparsed_(old.unparsed_) {
+  Rec r;
+  Parse(line.begin, line.end, &r);  // checked by WithLineAppended
+  recs_.push_back(r);
+  const int added = static_cast<int>(recs_.size()) - 1;
+  index_.CopyAppended(old.index_, text_.data(), TextSpan{r.line, r.name_len});
+  const std::string_view f = index_.Folded(added);
+  builtin_.push_back(f == "administrators" || f == "users");
+  if (old.heads_.load() > 0) heads_.store(1);
+  // The kept orders take the new group at its place (after its equals: it
+  // comes last in the file).
+  std::lock_guard<std::mutex> lock(old.reachable_mu_);
+  if (!old.reachable_) return;
+  const ByFoldedName<GroupDb> less{*this, index_};
+  sorted_ = old.Sorted();
+  sorted_.insert(std::upper_bound(sorted_.begin(), sorted_.end(), added, less), added);
+  std::call_once(sorted_once_, [] {});
+  auto reachable = std::make_shared<std::vector<int>>(*old.reachable_);
+  if (recs_[added].gid >= old.reachable_gid_min_ || builtin_[added])
+    reachable->insert(std::upper_bound(reachable->begin(), reachable->end(), added, less), added);
+  reachable_ = std::move(reachable);
+  reachable_gid_min_ = old.reachable_gid_min_;
 }
 
 size_t GroupDb::LineEnd(int i) const {
@@ -358,10 +406,35 @@ std::shared_ptr<const LoginDefs> Defs() {
   return cache.GetAt(kLoginDefsPath);
 }
 
-std::shared_ptr<const DescDb> Descriptions() {
+namespace {
+SnapshotCache<DescDb>& DescCache() {
   static SnapshotCache<DescDb> cache(
       [](std::string c) { return std::make_shared<DescDb>(std::move(c)); }, true);
-  return cache.GetAt(kDescPath);
+  return cache;
+}
+SnapshotCache<FileText>& GshadowCache() {
+  static SnapshotCache<FileText> cache(
+      [](std::string c) { return std::make_shared<FileText>(FileText{std::move(c)}); }, true);
+  return cache;
+}
+}  // namespace
+
+std::shared_ptr<const DescDb> Descriptions() { return DescCache().GetAt(kDescPath); }
+
+std::shared_ptr<const DescDb> DescriptionsNow() {
+  return DescCache().GetUnpinned(TavoRootPath(kDescPath));
+}
+
+std::shared_ptr<const FileText> GshadowNow(bool* exists) {
+  const std::string path = TavoRootPath(kGshadowPath);
+  std::shared_ptr<const FileText> text = GshadowCache().GetUnpinned(path);
+  struct stat st;
+  *exists = text && (!text->text.empty() || stat(path.c_str(), &st) == 0);
+  return text;
+}
+
+void InstallGshadow(std::string text) {
+  GshadowCache().Install(TavoRootPath(kGshadowPath), std::make_shared<FileText>(FileText{std::move(text)}));
 }
 
 bool IsReachable(const GroupLine& g, const LoginDefs& defs) {

@@ -105,12 +105,21 @@ class GroupDb {
   // the entries and indexes are carried over, shifted, without parsing the
   // file again. Null when the new line is not such a line.
   std::shared_ptr<GroupDb> WithMembersChanged(int i, std::string text) const;
+  // The snapshot of `text`, which is Text() with one group line appended (a
+  // creation; a newline first when Text() lacks a last one): the entries,
+  // indexes and kept orders are carried over with the new group put in
+  // place. Null when the added bytes are not one line that parses.
+  std::shared_ptr<GroupDb> WithLineAppended(std::string text) const;
 
  private:
   struct Rec {
     uint32_t line, name_len, members_off, members_len, gid;
   };
   GroupDb(const GroupDb& old, int i, std::string text);
+  struct Appended {
+    uint32_t begin, end;  // the new line's bytes
+  };
+  GroupDb(const GroupDb& old, std::string text, Appended line);
   std::string_view View(uint32_t off, uint32_t len) const {
     return std::string_view(text_.data() + off, len);
   }
@@ -208,6 +217,8 @@ class DescDb {
   explicit DescDb(std::string text);
   DescDb(const DescDb&) = delete;
   DescDb& operator=(const DescDb&) = delete;
+  // Whether a line names exactly `name`.
+  bool Has(std::string_view name) const { return index_.Find(name) >= 0; }
   // The description of exactly `name` ("" when none).
   std::string_view Find(std::string_view name) const {
     int i = index_.Find(name);
@@ -235,6 +246,19 @@ std::shared_ptr<const UserDb> Passwd();
 std::shared_ptr<const ShadowDb> Shadow();
 std::shared_ptr<const LoginDefs> Defs();
 std::shared_ptr<const DescDb> Descriptions();
+// For writers under the account locks: etc/tavo/group_desc as it is now.
+std::shared_ptr<const DescDb> DescriptionsNow();
+
+// A file's bytes, unparsed.
+struct FileText {
+  std::string text;
+  const std::string& Text() const { return text; }
+};
+// For writers under the account locks: etc/gshadow's bytes as they are now
+// (kept between changes: a writer finds its group's line in them), whether
+// the file exists, and the bytes just written.
+std::shared_ptr<const FileText> GshadowNow(bool* exists);
+void InstallGshadow(std::string text);
 
 // Built-ins and groups with GID >= GID_MIN; system groups are not.
 bool IsReachable(const GroupLine& g, const LoginDefs& defs);

@@ -110,6 +110,7 @@ bool FileSetWriter::Commit() {
     CountCommit(false, 0);
     return false;
   }
+  MaybeDieAt("file.decided");
   // 3. The renames; the journal now owns the temporary files.
   bool ok = true;
   size_t renamed = 0;
@@ -140,8 +141,9 @@ bool FileSetWriter::Commit() {
   // is gone.
   struct stat st;
   if (renamed == 0) {
-    RemoveJournal();
-    if (lstat(JournalPath().c_str(), &st) != 0) {
+    // Cleared durably before the temporary files go: a journal that came
+    // back after a crash would otherwise complete a change answered as failed.
+    if (RemoveJournal(/*durable=*/true)) {
       Discard();
       CountCommit(false, 0);
       TLIBCErrSet(code, file, line);

@@ -7,16 +7,17 @@
 //      for a new file), and is fsynced. A failure here removes every temporary
 //      file: nothing changed, and Commit answers false.
 //   2. intent: a small journal (see change_journal.h) naming each target, its
-//      temporary file and the identity of the file it replaces is written and
-//      fsynced. From here on the change is decided and will be completed.
+//      temporary file and the identity of the file it replaces is written in
+//      place and synced. From here on the change is decided and will be
+//      completed.
 //   3. apply: for each file, the old file is kept as the NAME- backup (a hard
 //      link) and the temporary file is renamed over NAME; then the folders are
-//      fsynced and the journal removed.
-// When the first rename fails, the change is abandoned (journal and temporary
-// files removed): false, nothing changed. When a later rename fails, the
+//      fsynced and the journal cleared.
+// When the first rename fails, the change is abandoned (journal cleared and
+// temporary files removed): false, nothing changed. When a later rename fails, the
 // writer completes the change at once through the journal (RecoverChange).
 // Once every file is in place the answer is true, whatever the clean-up steps
-// (folder fsync, journal removal) answer. Only when the completion fails too
+// (folder fsync, journal clearing) answer. Only when the completion fails too
 // does Commit answer false with the change half done; the journal then stays
 // behind, and the next writer, `tavo serve` at start or `tavo check --repair`
 // completes it.

@@ -2,10 +2,15 @@
 //
 // ROOT/etc/.tavo-change names the files of one decided change: for each, the
 // target, the prepared temporary file that holds its new content, and the
-// identity (device, inode) of the file it replaces (0 0 for a new file). It
-// is written durably before the first rename and removed after the last.
-// Format: a first line "tavo-change 1", then one line per file:
-// "DEV INO TARGET\tTEMP" with absolute host paths.
+// identity (device, inode) of the file it replaces (0 0 for a new file). The
+// file is made once and then overwritten in place: a change is decided when
+// its entries are written there and synced (one data sync), and done when
+// the file is cleared again. Format: a first line "tavo-change 2 LEN HASH",
+// then LEN bytes of entries "DEV INO TARGET\tTEMP" (absolute host paths) whose
+// 64-bit FNV-1a hash is HASH in hex; bytes after them are ignored. A first
+// line "tavo-change 0", or a journal whose entries do not match their hash
+// (cut off while written), names no change. Journals of the earlier format
+// ("tavo-change 1", entries to the end of the file) are still read.
 //
 // RecoverChange, run under the account locks, completes a change found in the
 // journal: each temporary file still there is renamed over its target (the old
@@ -35,15 +40,16 @@ struct JournalEntry {
 
 // ROOT/etc/.tavo-change.
 std::string JournalPath();
-// Writes the journal durably (temp, fsync, rename, folder fsync).
+// Writes the journal durably (in place, then fdatasync).
 bool WriteJournal(const std::vector<JournalEntry>& entries);
-// Removes the journal, and fsyncs its folder when `durable`. A change whose
-// files are all in place and synced need not wait for that: a journal that
-// comes back after a crash names no temporary file that still exists, and
-// the next writer removes it (the next journal written replaces it anyway).
+// Clears the journal, and syncs it when `durable`. A change whose files are
+// all in place and synced need not wait for that: a journal that comes back
+// after a crash names no temporary file that still exists.
 bool RemoveJournal(bool durable = true);
-// Reads the journal; true with an empty list when there is none.
-bool ReadJournal(std::vector<JournalEntry>* entries, bool* present);
+// Reads the journal; true with an empty list and `present` false when it
+// names no change. `torn` (optional): a journal cut off while it was written,
+// which names no change but is still to be cleared.
+bool ReadJournal(std::vector<JournalEntry>* entries, bool* present, bool* torn = nullptr);
 
 // What recovery did, for reports.
 struct RecoveryReport {

@@ -120,26 +120,40 @@ bool ApplyCreate(GroupChange* c) {
   FileSetWriter writer;
   writer.Add(group_path, AppendLine(db->Text(), FormatGroupLine(g)));
   // A line left in gshadow for a group of this name that is gone is not kept twice.
-  std::string text;
-  FileKey key;
-  if (!ReadWholeFile(gshadow_path, &text, &key)) return false;
-  if (key.exists) {
-    DropNamedLines(&text, c->new_name, 1);
-    writer.Add(gshadow_path, AppendLine(text, c->new_name + ":!::" + members), 0640);
+  bool has_gshadow = false;
+  std::shared_ptr<const FileText> gshadow = GshadowNow(&has_gshadow);
+  if (!gshadow) return false;
+  if (has_gshadow) {
+    const std::string line = c->new_name + ":!::" + members;
+    LineSpan stale;
+    if (FindNamedLine(gshadow->Text(), c->new_name, 0, &stale)) {
+      std::string text = gshadow->Text();
+      DropNamedLines(&text, c->new_name, 1);
+      writer.Add(gshadow_path, AppendLine(text, line), 0640);
+    } else {
+      writer.Add(gshadow_path, AppendLine(gshadow->Text(), line), 0640);
+    }
   }
   // Descriptions: an old line of this name goes; the new one is added when
-  // there is a text.
-  if (!ReadWholeFile(desc_path, &text, &key)) return false;
-  bool desc_changed = DropNamedLines(&text, c->new_name, static_cast<size_t>(-1));
-  if (!c->desc.empty()) {
-    text = AppendLine(text, c->new_name + ":" + c->desc);
-    desc_changed = true;
-  }
-  if (desc_changed) {
+  // there is a text. The file is read only then.
+  std::shared_ptr<const DescDb> descs = DescriptionsNow();
+  if (!descs) return false;
+  if (descs->Has(c->new_name) || !c->desc.empty()) {
+    std::string text;
+    FileKey key;
+    if (!ReadWholeFile(desc_path, &text, &key)) return false;
+    DropNamedLines(&text, c->new_name, static_cast<size_t>(-1));
+    if (!c->desc.empty()) text = AppendLine(text, c->new_name + ":" + c->desc);
     mkdir(desc_path.substr(0, desc_path.rfind('/')).c_str(), 0755);
     writer.Add(desc_path, std::move(text));
   }
-  return writer.Commit();
+  if (!writer.Commit()) return false;
+  // The next reader finds the snapshot of the bytes written, made without
+  // parsing the file again.
+  InstallLocalGroups(db->WithLineAppended(writer.TakeContent(group_path)));
+  std::string gshadow_written = writer.TakeContent(gshadow_path);
+  if (!gshadow_written.empty()) InstallGshadow(std::move(gshadow_written));
+  return true;
 }
 
 }  // namespace acct

@@ -129,9 +129,10 @@ bool ApplyMemberChange(GroupChange* c) {
   const std::string gshadow_path = TavoRootPath(kGshadowPath);
   std::shared_ptr<const GroupDb> db = LocalGroupsNow();
   if (!db) return false;
-  std::string gshadow_text;
-  FileKey skey;
-  if (!ReadWholeFile(gshadow_path, &gshadow_text, &skey)) return false;
+  bool has_gshadow = false;
+  std::shared_ptr<const FileText> gshadow = GshadowNow(&has_gshadow);
+  if (!gshadow) return false;
+  const std::string& gshadow_text = gshadow->Text();
 
   // The first line of the stored name that parses is the group's.
   const int self = db->FindExact(c->orig_name);
@@ -157,7 +158,7 @@ bool ApplyMemberChange(GroupChange* c) {
   FileSetWriter writer;
   const bool group_changes = new_line != old_line;
   if (group_changes) writer.Add(group_path, SpliceLine(group_text, span, new_line));
-  if (skey.exists) {
+  if (has_gshadow) {
     LineSpan s;
     std::string text;
     if (FindNamedLine(gshadow_text, c->orig_name, 0, &s)) {
@@ -174,6 +175,8 @@ bool ApplyMemberChange(GroupChange* c) {
   }
   if (!writer.Commit()) return false;
   if (group_changes) InstallLocalGroups(db->WithMembersChanged(self, writer.TakeContent(group_path)));
+  std::string gshadow_written = writer.TakeContent(gshadow_path);
+  if (!gshadow_written.empty()) InstallGshadow(std::move(gshadow_written));
   return true;
 }
 
@@ -347,6 +350,9 @@ int DeleteGroups(const std::vector<std::string>& names) {
   FileSetWriter writer;
   f.Queue(&writer);
   if (!writer.Commit()) return -1;
+  // The next reader finds the snapshot of the bytes written.
+  std::string written = writer.TakeContent(f.group_path);
+  if (!written.empty()) InstallLocalGroups(BuildGroupDb(std::move(written)));
   return static_cast<int>(gone.size());
 }
 

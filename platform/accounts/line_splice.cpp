@@ -9,20 +9,22 @@ namespace tavo {
 namespace acct {
 
 bool FindNamedLine(const std::string& text, const std::string& name, size_t from, LineSpan* out) {
-  const size_t n = name.size();
-  size_t pos = from;
-  while (pos < text.size()) {
-    size_t nl = text.find('\n', pos);
-    size_t end = nl == std::string::npos ? text.size() : nl;
-    if (end - pos > n && text[pos + n] == ':' && text.compare(pos, n, name) == 0) {
-      out->begin = pos;
-      out->end = end;
-      return true;
-    }
-    if (nl == std::string::npos) break;
-    pos = nl + 1;
+  // A line starts at `from` or after a newline; found by searching for
+  // "\nNAME:" rather than by walking every line.
+  const std::string key = "\n" + name + ":";
+  size_t pos = std::string::npos;
+  if (from < text.size() && text.compare(from, name.size() + 1, key, 1, std::string::npos) == 0) {
+    pos = from;
+  } else if (from < text.size()) {
+    const char* hay = text.data() + from;
+    const void* hit = memmem(hay, text.size() - from, key.data(), key.size());
+    if (hit) pos = static_cast<size_t>(static_cast<const char*>(hit) - text.data()) + 1;
   }
-  return false;
+  if (pos == std::string::npos) return false;
+  const size_t nl = text.find('\n', pos);
+  out->begin = pos;
+  out->end = nl == std::string::npos ? text.size() : nl;
+  return true;
 }
 
 std::string SpliceLine(const std::string& text, const LineSpan& span, const std::string& line) {

@@ -85,6 +85,36 @@ void NameIndex::CopyShifted(const NameIndex& old, const char* base, uint32_t fro
   }
 }
 
+void NameIndex::CopyAppended(const NameIndex& old, const char* base, TextSpan name) {
+  base_ = base;
+  const size_t n = old.names_.size() + 1;
+  ReservePrefaulted(&names_, n);
+  ReservePrefaulted(&folded_, n);
+  ReservePrefaulted(&hashes_, n);
+  names_ = old.names_;
+  folded_ = old.folded_;
+  hashes_ = old.hashes_;
+  arena_ = old.arena_;
+  names_.push_back(name);
+  const std::string_view view = View(name);
+  if (FoldsToItself(view)) {
+    folded_.push_back(name);
+  } else {
+    const std::string f = FoldCase(std::string(view));
+    folded_.push_back(TextSpan{static_cast<uint32_t>(arena_.size()) | kInArena, static_cast<uint32_t>(f.size())});
+    arena_ += f;
+  }
+  const int32_t added = static_cast<int32_t>(n - 1);
+  hashes_.push_back(HashName(Folded(added)));
+  if (old.slots_.HasRoomFor(n)) {
+    slots_ = old.slots_;
+    slots_.Insert(hashes_[added], added);
+    return;
+  }
+  slots_.Reset(n);
+  for (size_t i = 0; i < n; ++i) slots_.Insert(hashes_[i], static_cast<int32_t>(i));
+}
+
 int NameIndex::Find(std::string_view name) const {
   const std::string folded = FoldsToItself(name) ? std::string(name) : FoldCase(std::string(name));
   int exact = -1, first = -1;

@@ -45,6 +45,8 @@ class SlotTable {
     }
   }
   size_t MemoryBytes() const { return slots_.capacity() * sizeof(int32_t); }
+  // Whether `entries` fit at the load Reset gives.
+  bool HasRoomFor(size_t entries) const { return slots_.size() >= entries * 2; }
 
  private:
   std::vector<int32_t> slots_;
@@ -62,6 +64,9 @@ class NameIndex {
   // The index of `old` over `base`, which holds the same names as old's bytes
   // except that every byte at or after `from` moved by `shift`.
   void CopyShifted(const NameIndex& old, const char* base, uint32_t from, int64_t shift);
+  // The index of `old` over `base` (old's bytes, in place, and more after
+  // them) with one more entry, `name`, last.
+  void CopyAppended(const NameIndex& old, const char* base, TextSpan name);
   size_t size() const { return names_.size(); }
   std::string_view Name(int i) const { return View(names_[i]); }
   std::string_view Folded(int i) const {

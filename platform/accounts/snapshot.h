@@ -185,7 +185,7 @@ template <typename T>
 std::shared_ptr<const T> SnapshotCache<T>::GetFresh(const std::string& path, bool read_events) {
   // Asked before the file is looked at: a change from now on moves it.
   const unsigned long long epoch =
-      tavo::internal::FolderEpoch(tavo::internal::FolderOf(path), read_events);
+      tavo::internal::FolderEpoch(tavo::internal::FolderOf(path), read_events, false);
   if (epoch != 0) {
     const unsigned long long generation = SnapshotGeneration(path);
     std::lock_guard<std::mutex> lock(mu_);
@@ -233,7 +233,8 @@ std::shared_ptr<const T> SnapshotCache<T>::GetFresh(const std::string& path, boo
 template <typename T>
 void SnapshotCache<T>::Install(const std::string& path, std::shared_ptr<const T> value) {
   // Asked after the write: its own events are counted.
-  const unsigned long long epoch = tavo::internal::FolderEpoch(tavo::internal::FolderOf(path));
+  const unsigned long long epoch =
+      tavo::internal::FolderEpoch(tavo::internal::FolderOf(path), true, false);
   FileKey key;
   if (!StatKey(path, &key) || !key.exists) return;
   std::lock_guard<std::mutex> lock(mu_);

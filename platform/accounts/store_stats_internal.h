@@ -14,6 +14,8 @@ namespace acct {
 
 // fsync(2), counted and timed.
 int TimedFsync(int fd);
+// fdatasync(2), counted and timed with the fsyncs.
+int TimedFdatasync(int fd);
 // One commit of `files` files, whole or refused.
 void CountCommit(bool whole, size_t files);
 

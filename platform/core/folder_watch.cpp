@@ -23,7 +23,8 @@ constexpr uint32_t kFolderEvents = IN_CREATE | IN_DELETE | IN_MODIFY | IN_ATTRIB
 
 struct Watch {
   int wd = -1;  // -1: not watched now (added again on the next ask)
-  unsigned long long epoch = 0;
+  unsigned long long epoch = 0;       // moved by every event
+  unsigned long long data_epoch = 0;  // not moved by events on lock and journal files
 };
 
 struct State {
@@ -64,14 +65,16 @@ State& Get() {
   return *state;
 }
 
-// Moves the count of every folder that `wd` watches; a watch that ended, or
-// a folder that moved, is watched again on its path at the next ask.
-void Bump(State& s, int wd, bool ended) {
+// Moves the counts of every folder that `wd` watches (only the one of all
+// events for an event on a lock or journal file); a watch that ended, or a
+// folder that moved, is watched again on its path at the next ask.
+void Bump(State& s, int wd, bool ended, bool quiet) {
   auto range = s.by_wd.equal_range(wd);
   for (auto it = range.first; it != range.second; ++it) {
     auto f = s.folders.find(it->second);
     if (f == s.folders.end()) continue;
     f->second.epoch = ++s.tick;
+    if (!quiet || ended) f->second.data_epoch = f->second.epoch;
     if (ended) f->second.wd = -1;
   }
   if (ended) {
@@ -96,9 +99,10 @@ bool Drain(State& s) {
     for (char* p = buf; p < buf + n;) {
       const auto* e = reinterpret_cast<const struct inotify_event*>(p);
       if (e->mask & IN_Q_OVERFLOW) {
-        for (auto& f : s.folders) f.second.epoch = ++s.tick;
+        for (auto& f : s.folders) f.second.epoch = f.second.data_epoch = ++s.tick;
       } else {
-        Bump(s, e->wd, (e->mask & (IN_IGNORED | IN_DELETE_SELF | IN_MOVE_SELF)) != 0);
+        Bump(s, e->wd, (e->mask & (IN_IGNORED | IN_DELETE_SELF | IN_MOVE_SELF)) != 0,
+             e->len > 0 && IsLockOrJournalName(e->name));
       }
       p += sizeof(struct inotify_event) + e->len;
     }
@@ -107,7 +111,24 @@ bool Drain(State& s) {
 
 }  // namespace
 
-unsigned long long FolderEpoch(std::string_view dir, bool read_events) {
+bool IsLockOrJournalName(std::string_view name) {
+  auto ends_with = [&](std::string_view tail) {
+    return name.size() >= tail.size() && name.substr(name.size() - tail.size()) == tail;
+  };
+  if (ends_with(".lock")) return true;
+  if (name == ".tavo-change" || name.substr(0, 13) == ".tavo-change.") return true;
+  if (!name.empty() && name[0] == '.' && name.find(".tavolock.") != std::string_view::npos)
+    return true;
+  // The account tools' lock candidates, NAME.PID.
+  const size_t dot = name.rfind('.');
+  if (dot == std::string_view::npos || dot == 0 || dot + 1 == name.size()) return false;
+  if (name.substr(0, dot).find('.') != std::string_view::npos) return false;
+  for (size_t i = dot + 1; i < name.size(); ++i)
+    if (name[i] < '0' || name[i] > '9') return false;
+  return true;
+}
+
+unsigned long long FolderEpoch(std::string_view dir, bool read_events, bool lock_files) {
   State& s = Get();
   const unsigned long long ticket = s.tickets.fetch_add(1) + 1;
   std::lock_guard<std::mutex> lock(s.mu);
@@ -126,7 +147,8 @@ unsigned long long FolderEpoch(std::string_view dir, bool read_events) {
     s.read_upto = upto;
   }
   auto it = s.folders.find(dir);
-  if (it != s.folders.end() && it->second.wd >= 0) return it->second.epoch;
+  if (it != s.folders.end() && it->second.wd >= 0)
+    return lock_files ? it->second.epoch : it->second.data_epoch;
   if (it == s.folders.end() && s.folders.size() >= static_cast<size_t>(kMaxWatchedFolders)) {
     s.Reset();  // roots come and go (tests): start over rather than grow
     s.fd = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
@@ -140,7 +162,7 @@ unsigned long long FolderEpoch(std::string_view dir, bool read_events) {
   if (wd < 0) return 0;  // missing folder, or the watch limit: look at the files
   Watch& w = s.folders[path];
   w.wd = wd;
-  w.epoch = ++s.tick;
+  w.epoch = w.data_epoch = ++s.tick;
   s.by_wd.emplace(wd, path);
   return w.epoch;
 }

@@ -36,8 +36,18 @@ constexpr int kMaxWatchedFolders = 64;
 // The change count of the folder `dir` (a host path), after reading the
 // pending events (unless `read_events` is false: a caller that read them
 // moments ago, within one call, gets the counts as of that read); 0 when
-// unknown (see above).
-unsigned long long FolderEpoch(std::string_view dir, bool read_events = true);
+// unknown (see above). Without `lock_files`, events on lock and journal files
+// (IsLockOrJournalName) do not move the count: a writer that takes and
+// releases the account locks around its change then leaves the folder's count
+// as it was when it kept the snapshots of the files it wrote. Such a count
+// must not vouch for a file with one of those names.
+unsigned long long FolderEpoch(std::string_view dir, bool read_events = true,
+                               bool lock_files = true);
+
+// Names of lock and journal files: NAME.lock, the account tools' lock
+// candidates NAME.PID, this platform's ".NAME.tavolock.*" candidates and its
+// change journal ".tavo-change".
+bool IsLockOrJournalName(std::string_view name);
 
 // The folder part of a host path ("/r/etc/group" -> "/r/etc").
 inline std::string_view FolderOf(std::string_view path) {

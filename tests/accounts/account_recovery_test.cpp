@@ -28,10 +28,12 @@ bool Contains(const std::string& text, const std::string& piece) {
   return text.find(piece) != std::string::npos;
 }
 
-// Temporary files and the journal left in etc/ and etc/tavo/.
+// Temporary files left in etc/ and etc/tavo/, or a journal that still names
+// a change (the journal file itself stays, cleared).
 bool Leftovers(const TempRoot& root) {
-  return TempRoot::Run("find " + root.Path("/etc") +
-                       " -name '.*.tavo.*' -o -name .tavo-change | grep -q .") == 0;
+  return TempRoot::Run("find " + root.Path("/etc") + " -name '.*.tavo.*' | grep -q .") == 0 ||
+         TempRoot::Run("head -1 " + root.Path("/etc/.tavo-change") +
+                       " 2>/dev/null | grep -qv '^tavo-change 0$'") == 0;
 }
 
 std::string LatestEvent() {
@@ -132,6 +134,47 @@ TEST(Recovery, NewerFilesWinAndStrayTemporaryFilesGo) {
   EXPECT_EQ(group, root.Read("/etc/group"));
   EXPECT_EQ(2u, r.repairs.size());
   EXPECT_FALSE(Leftovers(root));
+}
+
+// A writer killed once its journal was synced, before any rename: the change
+// was decided and recovery completes it. The same journal cut off while it
+// was written (its entries no longer match their hash) decides nothing: the
+// temporary files go and the files stay as they were.
+TEST(Recovery, AJournalDecidesOnlyWhenWrittenWhole) {
+  for (bool torn : {false, true}) {
+    TempRoot root;
+    root.AddGroup("team", 1500, {"admin"});
+    const std::string group = root.Read("/etc/group"), gshadow = root.Read("/etc/gshadow");
+    pid_t pid = fork();
+    if (pid == 0) {
+      setenv("TAVO_TEST_KILL_AT", "file.decided", 1);
+      ChangeMembers("team", {"guest"});
+      _exit(0);
+    }
+    int status = 0;
+    ASSERT_EQ(pid, waitpid(pid, &status, 0));
+    ASSERT_TRUE(WIFSIGNALED(status));
+    EXPECT_EQ(group, root.Read("/etc/group"));
+    std::string journal = root.Read("/etc/.tavo-change");
+    ASSERT_EQ(0u, journal.find("tavo-change 2 "));
+    if (torn) {  // gshadow's entry garbled; group's still reads as an entry
+      const size_t second_end = journal.find('\n', journal.find('\n', journal.find('\n') + 1) + 1);
+      journal[second_end - 1] = '#';
+      root.Write("/etc/.tavo-change", journal);
+    }
+    tavo::StoreCheckResult r;
+    ASSERT_TRUE(tavo::RecoverAccountFiles("test", &r));
+    EXPECT_FALSE(Leftovers(root));
+    if (torn) {
+      EXPECT_EQ(group, root.Read("/etc/group"));
+      EXPECT_EQ(gshadow, root.Read("/etc/gshadow"));
+    } else {
+      EXPECT_TRUE(Contains(root.Read("/etc/group"), "\nteam:x:1500:admin,guest\n"));
+      EXPECT_TRUE(Contains(root.Read("/etc/gshadow"), "\nteam:!::admin,guest\n"));
+      EXPECT_EQ("0x11800700", LatestEvent());
+    }
+    EXPECT_EQ(0, root.Grpck());
+  }
 }
 
 // gshadow out of step with group, as a crash or a hand edit leaves it: the

@@ -13,6 +13,7 @@
 #include "account_db.h"
 #include "names.h"
 #include "snapshot.h"
+#include "tavo/group.h"
 #include "temp_root.h"
 
 namespace {
@@ -126,20 +127,18 @@ TEST(SnapshotIndex, AOneOffPageEqualsTheSamePageOfTheKeptOrder) {
 }
 
 // A writer keeps the snapshot of the bytes it wrote, carried over from the
-// one before without parsing the file again: it must equal the file parsed
-// afresh, and the file changed in place by another program right after must
-// still be seen.
+// one before without parsing the file again (a change of members, and a
+// creation that appends a line, the first to a file without a last newline):
+// it must equal the file parsed afresh, kept orders included, and the file
+// changed in place by another program right after must still be seen.
 TEST(SnapshotIndex, TheSnapshotKeptAfterAChangeIsTheFileParsedAfresh) {
   tavo_test::TempRoot root;
   root.Append("/etc/group", "# comment\nÄrzte:x:1500:admin\r\nbroken line\nStaff:x:1501:\n"
                             "staff:x:1502:admin\nİnfo:x:1503:\nlast:x:1504:guest");
-  ta::LocalGroups()->Sorted();  // an order is kept and carried over
-  for (const char* group : {"Ärzte", "staff", "last", "İnfo", "Staff"}) {
-    SCOPED_TRACE(group);
-    const std::vector<std::string> was = tavo_test::MembersOf(group);
-    const bool had = std::find(was.begin(), was.end(), "guest") != was.end();
-    ASSERT_TRUE(had ? tavo_test::ChangeMembers(group, {}, {"guest"})
-                    : tavo_test::ChangeMembers(group, {"guest"}, {}));
+  const auto defs = ta::Defs();
+  ASSERT_TRUE(defs);
+  ta::LocalGroups()->SortedReachable(*defs);  // orders are kept and carried over
+  auto same_as_file = [&] {
     const auto kept = ta::LocalGroups();
     const ta::GroupDb fresh{root.Read("/etc/group")};
     ASSERT_EQ(fresh.size(), kept->size());
@@ -150,10 +149,29 @@ TEST(SnapshotIndex, TheSnapshotKeptAfterAChangeIsTheFileParsedAfresh) {
       EXPECT_EQ(fresh.Folded(k), kept->Folded(k));
       EXPECT_EQ(fresh.Members(k), kept->Members(k));
       EXPECT_EQ(fresh.LineBegin(k), kept->LineBegin(k));
+      EXPECT_EQ(fresh.Builtin(k), kept->Builtin(k));
       EXPECT_EQ(fresh.Find(std::string(fresh.Name(k))), kept->Find(std::string(kept->Name(k))));
+      EXPECT_EQ(fresh.Find(std::string(fresh.Folded(k))), kept->Find(std::string(kept->Folded(k))));
     }
     EXPECT_EQ(fresh.Sorted(), kept->Sorted());
+    EXPECT_EQ(*fresh.SortedReachable(*defs), *kept->SortedReachable(*defs));
     EXPECT_EQ(fresh.UnparsedNames().size(), kept->UnparsedNames().size());
+  };
+  for (const char* group : {"Ärzte", "staff", "last", "İnfo", "Staff"}) {
+    SCOPED_TRACE(group);
+    const std::vector<std::string> was = tavo_test::MembersOf(group);
+    const bool had = std::find(was.begin(), was.end(), "guest") != was.end();
+    ASSERT_TRUE(had ? tavo_test::ChangeMembers(group, {}, {"guest"})
+                    : tavo_test::ChangeMembers(group, {"guest"}, {}));
+    same_as_file();
+  }
+  // Created groups sort first, last, between case variants and among the
+  // system groups; the name index grows past its first size.
+  for (const char* group : {"aaa", "Zed", "ärger", "STAFFS", "İnfo2", "mid", "Aaa2", "users2"}) {
+    SCOPED_TRACE(group);
+    tavo_test::GroupPtr g(SDK::Group::CreateGroup(group));
+    ASSERT_TRUE(g && g->AddMember("guest") && g->Save());
+    same_as_file();
   }
   // Rewritten in place with the same size, at once.
   const std::string now = root.Read("/etc/group");
@@ -188,6 +206,23 @@ TEST(SnapshotIndex, WholeFilesAreReadByteForByteAtEverySize) {
   }
   unlink(path.c_str());
   rmdir(dir);
+}
+
+}  // namespace
+
+namespace {
+
+// Events on lock and journal files do not move the count that vouches for a
+// snapshot; no file a snapshot is made of may have such a name, or a change
+// to it would go unseen.
+TEST(SnapshotIndex, OnlyLockAndJournalFilesAreQuiet) {
+  using tavo::internal::IsLockOrJournalName;
+  for (const char* name : {"group.lock", "gshadow.lock", "group.12345", ".group.tavolock.Ab12Cd",
+                           ".tavo-change", ".tavo-change.x1Y2z3"})
+    EXPECT_TRUE(IsLockOrJournalName(name)) << name;
+  for (const char* name : {"group", "gshadow", "passwd", "shadow", "group_desc", "login.defs",
+                           "tavo.conf", ".group.tavo.Ab12Cd", "group-", "group.", ".123", "a.b.7"})
+    EXPECT_FALSE(IsLockOrJournalName(name)) << name;
 }
 
 }  // namespace
