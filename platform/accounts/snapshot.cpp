@@ -1,6 +1,8 @@
 // File keys and whole-file reads for the snapshot caches.
 #include "snapshot.h"
 
+#include "tavo/read_scope.h"
+
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
@@ -57,7 +59,18 @@ thread_local PinState t_pins;
 }  // namespace
 
 SnapshotPin::SnapshotPin() { ++t_pins.depth; }
-SnapshotPin::~SnapshotPin() {
+
+}  // namespace acct
+
+// A scope is a pin by another name, for callers outside the platform.
+ReadScope::ReadScope() { ++acct::t_pins.depth; }
+ReadScope::~ReadScope() { acct::SnapshotPin::Release(); }
+
+namespace acct {
+
+SnapshotPin::~SnapshotPin() { Release(); }
+
+void SnapshotPin::Release() {
   if (--t_pins.depth == 0) {
     t_pins.entries.clear();
     t_pins.events_read = false;

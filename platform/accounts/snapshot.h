@@ -91,6 +91,8 @@ class SnapshotPin {
   ~SnapshotPin();
   SnapshotPin(const SnapshotPin&) = delete;
   SnapshotPin& operator=(const SnapshotPin&) = delete;
+  // Ends one level of pin on this thread (what the destructor does).
+  static void Release();
 };
 
 namespace internal {

@@ -4,25 +4,27 @@
 #include "json_util.h"
 
 namespace tavo_server {
-namespace {
 
-// Checks the envelope {"api", "version", "method", "params"} (400 when it is
-// not one) and runs the call for `account`.
-void Serve(AccountOps& ops, const Json::Value& envelope, const LoginIdentity& who,
-           HttpResponse& res) {
+void HttpServer::Impl::Serve(const HttpRequest& req, HttpResponse& res,
+                             const SessionStore::Session& s, const Json::Value& envelope) {
+  const LoginIdentity who{s.account, s.stamp, s.grant};
   ApiCall call;
   std::string error;
   if (!CallFromJson(envelope, &call, &error)) {
-    SendError(res, 400, error);
+    // A session whose account was withdrawn hears that first.
+    if (!Refuse(req, res, s, ops.Recheck(who))) SendError(res, 400, error);
     return;
   }
   res.log.api = call.api;
   res.log.version = call.version;
   res.log.method = call.method;
   AccountOps::Answer answer = ops.Call(call, who);
-  if (answer.denied || answer.unavailable) {
-    SendError(res, answer.denied ? 401 : 500,
-              answer.denied ? "the session has ended: log in again" : "the account service is unavailable");
+  if (answer.denied) {
+    Refuse(req, res, s, LoginResult::kDenied);
+    return;
+  }
+  if (answer.unavailable) {
+    SendError(res, 500, "the account service is unavailable");
     return;
   }
   const CallResult& result = answer.result;
@@ -33,8 +35,6 @@ void Serve(AccountOps& ops, const Json::Value& envelope, const LoginIdentity& wh
   res.log.code = result.code;
   SendJson(res, result.envelope);
 }
-
-}  // namespace
 
 void HttpServer::Impl::ApiInfo(const HttpRequest& req, HttpResponse& res) {
   SessionStore::Session s;
@@ -47,18 +47,19 @@ void HttpServer::Impl::ApiInfo(const HttpRequest& req, HttpResponse& res) {
 
 void HttpServer::Impl::ApiPost(const HttpRequest& req, HttpResponse& res) {
   SessionStore::Session s;
-  if (!Authorize(req, res, &s)) return;
+  if (!Authorize(req, res, &s, /*recheck=*/false)) return;
   Json::Value body;
   if (!ParseJson(req.body, &body)) {
-    SendError(res, 400, "the request body is not JSON");
+    if (!Refuse(req, res, s, ops.Recheck(LoginIdentity{s.account, s.stamp, s.grant})))
+      SendError(res, 400, "the request body is not JSON");
     return;
   }
-  Serve(ops, body, LoginIdentity{s.account, s.stamp, s.grant}, res);
+  Serve(req, res, s, body);
 }
 
 void HttpServer::Impl::ApiGet(const HttpRequest& req, HttpResponse& res) {
   SessionStore::Session s;
-  if (!Authorize(req, res, &s)) return;
+  if (!Authorize(req, res, &s, /*recheck=*/false)) return;
   // api, version and method name the call; every other query parameter is a
   // parameter of the method, read as JSON when it parses as JSON.
   Json::Value body(Json::objectValue);
@@ -73,7 +74,7 @@ void HttpServer::Impl::ApiGet(const HttpRequest& req, HttpResponse& res) {
     }
   }
   body["params"] = params;
-  Serve(ops, body, LoginIdentity{s.account, s.stamp, s.grant}, res);
+  Serve(req, res, s, body);
 }
 
 }  // namespace tavo_server

@@ -66,7 +66,7 @@ std::string RequestToken(const HttpRequest& req) {
 }
 
 bool HttpServer::Impl::Authorize(const HttpRequest& req, HttpResponse& res,
-                                 SessionStore::Session* s) {
+                                 SessionStore::Session* s, bool recheck) {
   const std::string token = RequestToken(req);
   if (token.empty()) {
     SendError(res, 401, "not logged in: send the session token in X-Tavo-Token "
@@ -79,19 +79,24 @@ bool HttpServer::Impl::Authorize(const HttpRequest& req, HttpResponse& res,
   }
   res.log.account = s->account;
   // Membership may have been withdrawn, or the password changed, since the login.
-  switch (ops.Recheck(LoginIdentity{s->account, s->stamp, s->grant})) {
+  return !recheck || !Refuse(req, res, *s, ops.Recheck(LoginIdentity{s->account, s->stamp, s->grant}));
+}
+
+bool HttpServer::Impl::Refuse(const HttpRequest& req, HttpResponse& res,
+                              const SessionStore::Session& s, LoginResult r) {
+  switch (r) {
     case LoginResult::kOk:
-      return true;
+      return false;
     case LoginResult::kUnavailable:
       SendError(res, 500, "the account files cannot be read");
-      return false;
+      return true;
     case LoginResult::kDenied:
       break;
   }
-  sessions.Remove(token);
-  SendError(res, 401, "the session has ended: the account " + s->account +
+  sessions.Remove(RequestToken(req));
+  SendError(res, 401, "the session has ended: the account " + s.account +
                           " is no longer a valid administrator or its password changed");
-  return false;
+  return true;
 }
 
 void HttpServer::Impl::Login(const HttpRequest& req, HttpResponse& res) {

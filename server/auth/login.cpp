@@ -9,6 +9,7 @@
 #include <mutex>
 #include <sstream>
 
+#include "tavo/read_scope.h"
 #include "tavo/root.h"
 #include "tavo/user.h"
 
@@ -109,6 +110,7 @@ LoginResult CheckLogin(const std::string& account, const std::string& password, 
 }
 
 LoginResult RecheckLogin(const LoginIdentity& who) {
+  tavo::ReadScope scope;  // the lookups below look at the account files once
   tavo::UserIdentity id;
   const tavo::UserMatch match = tavo::ResolveUserName(who.name, &id);
   if (match == tavo::UserMatch::kFailed) return LoginResult::kUnavailable;

@@ -94,9 +94,19 @@ struct HttpServer::Impl {
   void MetricsText(const HttpRequest& req, HttpResponse& res);
 
   // Finds the session of the request's token (X-Tavo-Token or Authorization:
-  // Bearer) and checks that its account is still a valid administrator. On
-  // failure answers 401 or 403 and returns false.
-  bool Authorize(const HttpRequest& req, HttpResponse& res, SessionStore::Session* s);
+  // Bearer) and, unless `recheck` is false, checks that its account is still
+  // a valid administrator. On failure answers 401 or 500 and returns false.
+  bool Authorize(const HttpRequest& req, HttpResponse& res, SessionStore::Session* s,
+                 bool recheck = true);
+  // Answers a session whose account the recheck refused or could not check
+  // (401 ending the session, or 500). False when `r` is kOk.
+  bool Refuse(const HttpRequest& req, HttpResponse& res, const SessionStore::Session& s,
+              LoginResult r);
+  // Checks the envelope {"api", "version", "method", "params"} (400 when it
+  // is not one) and runs the call for the session's account; the call itself
+  // rechecks the account (once per request).
+  void Serve(const HttpRequest& req, HttpResponse& res, const SessionStore::Session& s,
+             const Json::Value& envelope);
 };
 
 // A short plain reason for an HTTP status, e.g. "request body too large".

@@ -4,6 +4,7 @@
 
 #include "random.h"
 #include "dir_status.h"
+#include "tavo/read_scope.h"
 #include "tavo/store_stats.h"
 
 namespace tavo_server {
@@ -48,8 +49,13 @@ LoginResult LocalAccountOps::Recheck(const LoginIdentity& who) {
 
 AccountOps::Answer LocalAccountOps::Call(const ApiCall& call, const LoginIdentity& who) {
   Answer a;
-  if (Recheck(who) != LoginResult::kOk) {
-    a.denied = true;
+  // The check and the call see the account files at one point in time, and
+  // look at them once.
+  tavo::ReadScope scope;
+  const LoginResult r = Recheck(who);
+  if (r != LoginResult::kOk) {
+    a.denied = r == LoginResult::kDenied;
+    a.unavailable = r == LoginResult::kUnavailable;
     return a;
   }
   a.result = Dispatch(modules_, call, who.name);

@@ -1,8 +1,11 @@
 // Envelope parsing, static file confinement and sessions.
 #include <gtest/gtest.h>
+#include <json/writer.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <functional>
+#include <random>
 #include <string>
 
 #include "dispatch.h"
@@ -76,6 +79,51 @@ TEST(EnvelopeTest, ValuesAreJsonWhenTheyParse) {
   EXPECT_EQ(ValueFromText("staff"), Json::Value("staff"));
   EXPECT_EQ(ValueFromText("[oops"), Json::Value("[oops"));
   EXPECT_EQ(ValueFromText(""), Json::Value(""));
+}
+
+// The answers' writer writes byte for byte what jsoncpp's own writer writes
+// (no indentation, UTF-8 kept), for every kind of value: escapes, control
+// bytes, non-ASCII and invalid bytes, NUL inside strings and names, numbers
+// at their limits, nesting.
+TEST(EnvelopeTest, CompactWriterAgreesWithJsoncpp) {
+  Json::StreamWriterBuilder builder;
+  builder["indentation"] = "";
+  builder["emitUTF8"] = true;
+  std::mt19937 rng(7);
+  const std::string pieces[] = {"a", "\"", "\\", "/", "\n", "\t", "\b", "\f", "\r",
+                                std::string(1, '\0'), "\x01", "\x1f", "\x7f", "é", "€", "😀",
+                                "\xff", "\xc3", "</script>", " "};
+  auto text = [&] {
+    std::string t;
+    for (int n = rng() % 6; n > 0; --n) t += pieces[rng() % (sizeof pieces / sizeof pieces[0])];
+    return t;
+  };
+  std::function<Json::Value(int)> make = [&](int depth) -> Json::Value {
+    switch (depth > 3 ? rng() % 6 : rng() % 8) {
+      case 0: return Json::Value();
+      case 1: return Json::Value(static_cast<Json::Int64>(rng()) - (Json::Int64{1} << 31) * static_cast<Json::Int64>(rng() % 3));
+      case 2: return Json::Value(rng() % 2 ? Json::UInt64(~0ULL) : Json::UInt64(rng()));
+      case 3: return Json::Value(static_cast<double>(static_cast<int>(rng())) / 7.0);
+      case 4: return Json::Value(rng() % 2 == 0);
+      case 5: return Json::Value(text());
+      case 6: {
+        Json::Value a(Json::arrayValue);
+        for (int n = rng() % 4; n > 0; --n) a.append(make(depth + 1));
+        return a;
+      }
+      default: {
+        Json::Value o(Json::objectValue);
+        for (int n = rng() % 4; n > 0; --n) o[text()] = make(depth + 1);
+        return o;
+      }
+    }
+  };
+  for (int i = 0; i < 2000; ++i) {
+    const Json::Value v = make(0);
+    ASSERT_EQ(Json::writeString(builder, v), ToCompactJson(v)) << "value " << i;
+  }
+  for (double d : {0.0, -0.0, 1e300, -1e-300, 0.1, 123456789012345678.0})
+    EXPECT_EQ(Json::writeString(builder, Json::Value(d)), ToCompactJson(Json::Value(d)));
 }
 
 TEST(StaticFilesTest, ServesInsideAndNothingOutside) {
