@@ -32,7 +32,7 @@ R Guarded(R fail, F&& f) {
 }
 
 // 2 for "DOMAIN\name", 8 for "name@domain", else 1 (local).
-int KindOfName(const std::string& name);
+int KindOfName(std::string_view name);
 // The group list of a kind (1, 2 or 8); null with the error state on failure
 // (TAVO_ERR_ARGUMENT for an unknown kind).
 std::shared_ptr<const GroupDb> GroupsOfKind(int kind);

@@ -13,9 +13,9 @@
 namespace tavo {
 namespace acct {
 
-int KindOfName(const std::string& name) {
-  if (name.find('\\') != std::string::npos) return TAVO_GROUP_DOMAIN;
-  if (name.find('@') != std::string::npos) return TAVO_GROUP_LDAP;
+int KindOfName(std::string_view name) {
+  if (name.find('\\') != std::string_view::npos) return TAVO_GROUP_DOMAIN;
+  if (name.find('@') != std::string_view::npos) return TAVO_GROUP_LDAP;
   return TAVO_GROUP_LOCAL;
 }
 
@@ -65,7 +65,7 @@ TAVO_GROUP* NewRecord(const GroupDb& db, int i, int kind) {
 
 // Index of the reachable group named `name` in the list of its kind, or -1
 // with TAVO_ERR_NO_GROUP.
-int FindReachable(const std::string& name, std::shared_ptr<const GroupDb>* db, int* kind) {
+int FindReachable(std::string_view name, std::shared_ptr<const GroupDb>* db, int* kind) {
   *kind = KindOfName(name);
   *db = GroupsOfKind(*kind);
   if (!*db) return -1;
@@ -142,15 +142,17 @@ int TAVOGroupDescGet(const char* name, char** buf, unsigned int* size) {
     int kind;
     int i = FindReachable(name, &db, &kind);
     if (i < 0) return -1;
-    std::string desc;
+    std::shared_ptr<const DescDb> descs;  // keeps `desc` alive
+    std::string_view desc;
     if (kind == TAVO_GROUP_LOCAL) {
-      auto descs = Descriptions();
+      descs = Descriptions();
       if (!descs) return -1;
-      desc = DescriptionOf(*descs, db->Name(i));
+      desc = descs->Find(db->Name(i));
     }
     char* copy = static_cast<char*>(std::malloc(desc.size() + 1));
     if (!copy) return TAVO_ERR_SET(TAVO_ERR_NOMEM);
-    std::memcpy(copy, desc.c_str(), desc.size() + 1);
+    std::memcpy(copy, desc.data(), desc.size());
+    copy[desc.size()] = '\0';
     *buf = copy;
     if (size) *size = static_cast<unsigned>(desc.size());
     return 0;
@@ -204,10 +206,11 @@ int TLIBGroupInfoEnumBySubstr(int kind, const char* domain_name, int offset, int
     // NUL-terminated copies of one group's name and members at a time.
     std::string name_buf, member_buf;
     std::vector<const char*> members;
+    std::vector<size_t> starts;
     auto deliver = [&](int idx, int pos) {
       name_buf.assign(db->Name(idx));
       member_buf.clear();
-      std::vector<size_t> starts;
+      starts.clear();
       ForEachMember(db->MemberList(idx), [&](std::string_view m) {
         starts.push_back(member_buf.size());
         member_buf.append(m.data(), m.size());

@@ -116,7 +116,9 @@ void NameIndex::CopyAppended(const NameIndex& old, const char* base, TextSpan na
 }
 
 int NameIndex::Find(std::string_view name) const {
-  const std::string folded = FoldsToItself(name) ? std::string(name) : FoldCase(std::string(name));
+  std::string owned;  // only for a name that folds to another form
+  const std::string_view folded =
+      FoldsToItself(name) ? name : std::string_view(owned = FoldCase(std::string(name)));
   int exact = -1, first = -1;
   ForEachVariant(folded, [&](int i) {
     if (first < 0) first = i;
