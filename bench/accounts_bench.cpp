@@ -14,6 +14,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -22,6 +23,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "bench_root.h"
 #include "tavo/error.h"
@@ -156,8 +158,8 @@ void CompareWithGpasswd(int n, int rounds) {
 
 // The durable-replace limit of one change on this root: for group and gshadow,
 // a temporary file written with the file's bytes, fsynced and renamed over a
-// copy, then one folder fsync. Mean of `rounds`, in ms.
-double DurableReplaceLimit(const BenchRoot& root, int rounds) {
+// copy, then one folder fsync. One round, in ms.
+double DurableReplaceOnce(const BenchRoot& root) {
   const std::string dir = root.dir() + "/limit";
   mkdir(dir.c_str(), 0755);
   std::string contents[2];
@@ -166,34 +168,37 @@ double DurableReplaceLimit(const BenchRoot& root, int rounds) {
     std::ifstream in(root.dir() + names[f], std::ios::binary);
     contents[f].assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
   }
-  double total = 0;
-  for (int k = 0; k < rounds; ++k) {
-    auto t0 = std::chrono::steady_clock::now();
-    for (int f = 0; f < 2; ++f) {
-      const std::string target = dir + "/file" + std::to_string(f);
-      const std::string tmp = target + ".tmp";
-      int fd = open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-      if (fd < 0 || write(fd, contents[f].data(), contents[f].size()) < 0 || fsync(fd) != 0) {
-        std::printf("durable-replace baseline failed\n");
-        return 0;
-      }
-      close(fd);
-      rename(tmp.c_str(), target.c_str());
+  auto t0 = std::chrono::steady_clock::now();
+  for (int f = 0; f < 2; ++f) {
+    const std::string target = dir + "/file" + std::to_string(f);
+    const std::string tmp = target + ".tmp";
+    int fd = open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    if (fd < 0 || write(fd, contents[f].data(), contents[f].size()) < 0 || fsync(fd) != 0) {
+      std::printf("durable-replace baseline failed\n");
+      return 0;
     }
-    int dfd = open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    fsync(dfd);
-    close(dfd);
-    total += Millis(std::chrono::steady_clock::now() - t0);
+    close(fd);
+    rename(tmp.c_str(), target.c_str());
   }
-  return total / rounds;
+  int dfd = open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  fsync(dfd);
+  close(dfd);
+  return Millis(std::chrono::steady_clock::now() - t0);
+}
+
+double Median(std::vector<double> v) {
+  std::sort(v.begin(), v.end());
+  return v.empty() ? 0 : v.size() % 2 ? v[v.size() / 2] : (v[v.size() / 2 - 1] + v[v.size() / 2]) / 2;
 }
 
 // One membership change and one group creation in process, beside the
-// durable-replace limit measured on the same root in the same run.
+// durable-replace limit measured on the same root in the same rounds (one of
+// each per round, so that a drift of the disk's sync times meets all three
+// alike); medians of `rounds`.
 void CompareWithLimit(int n, int rounds) {
   const BenchRoot& root = UseRoot(n);
   const std::string group = BenchRoot::GroupName(n / 3), user = BenchRoot::UserName(n / 7);
-  double change = 0, create = 0;
+  std::vector<double> change, create, limit;
   for (int k = 0; k < rounds; ++k) {
     auto t0 = std::chrono::steady_clock::now();
     SDK::Group* g = SDK::Group::LoadGroup(group);
@@ -215,13 +220,13 @@ void CompareWithLimit(int n, int rounds) {
       std::printf("comparison at %d groups failed (error 0x%04X)\n", n, TLIBCErrGet());
       return;
     }
-    change += Millis(t1 - t0);
-    create += Millis(t3 - t2);
+    change.push_back(Millis(t1 - t0));
+    create.push_back(Millis(t3 - t2));
+    limit.push_back(DurableReplaceOnce(root));
   }
-  const double limit = DurableReplaceLimit(root, rounds);
+  const double l = Median(limit), c = Median(change), r = Median(create);
   std::printf("  %6d groups: limit %.2f ms; change %.2f ms = %.2fx; create %.2f ms = %.2fx\n", n,
-              limit, change / rounds, change / rounds / limit, create / rounds,
-              create / rounds / limit);
+              l, c, c / l, r, r / l);
 }
 
 // Bytes allocated on the heap by this process (small blocks and mmapped ones).
@@ -282,8 +287,8 @@ int main(int argc, char** argv) {
   std::printf("\nOne saved membership change beside gpasswd -a on the same root:\n");
   for (int n : {1000, 100000}) CompareWithGpasswd(n, 5);
   std::printf("\nIn process, beside the durable-replace limit of group + gshadow"
-              " (temp write, fsync, rename each, folder fsync):\n");
-  for (int n : {1000, 10000, 100000}) CompareWithLimit(n, 10);
+              " (temp write, fsync, rename each, folder fsync; medians of 21 rounds):\n");
+  for (int n : {1000, 10000, 100000}) CompareWithLimit(n, 21);
   std::printf("\nMemory of the cached snapshots beside the files they hold:\n");
   for (int n : {1000, 10000, 100000}) MemoryOfSnapshots(n);
   Roots().clear();
