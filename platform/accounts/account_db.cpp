@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <climits>
 #include <cstdint>
+#include <cstring>
 #include <ctime>
 
 #include "names.h"
@@ -50,7 +51,16 @@ std::vector<int> SortByFoldedName(const Db& db, const NameIndex& index) {
 
 // The number of lines of `text` (an upper bound of its entries).
 size_t CountLines(const std::string& text) {
-  return static_cast<size_t>(std::count(text.begin(), text.end(), '\n')) + 1;
+  // memchr finds newlines many bytes at a time; a byte loop costs about a
+  // millisecond a megabyte.
+  size_t n = 1;
+  const char* p = text.data();
+  const char* const end = p + text.size();
+  while ((p = static_cast<const char*>(std::memchr(p, '\n', static_cast<size_t>(end - p)))) != nullptr) {
+    ++n;
+    ++p;
+  }
+  return n;
 }
 
 // The offset of view `v` in `text`.
