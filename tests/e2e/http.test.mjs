@@ -60,6 +60,30 @@ test('login hands out a cookie and a token; only the token opens the API', async
   assert.equal((await get('/api/auth/session', { Cookie: r.cookie })).status, 401);
 });
 
+test('an account withdrawn from the administrators ends its sessions at its next call', async () => {
+  const MEMBER = { api: 'TAVO.Core.Group.Member', version: 1, params: { group: 'administrators', name: ['alice'] } };
+  assert.equal((await post(env.url, env.token, { ...MEMBER, method: 'add' })).body.success, true);
+  const [a, b, c] = [await login(env.url, 'alice', USER_PASSWORD),
+    await login(env.url, 'alice', USER_PASSWORD), await login(env.url, 'alice', USER_PASSWORD)];
+  assert.equal(a.status, 200);
+  assert.equal((await get('/api?api=TAVO.Core.Group&version=1&method=list', { 'X-Tavo-Token': a.body.data.token })).status, 200);
+  assert.equal((await post(env.url, env.token, { ...MEMBER, method: 'remove' })).body.success, true);
+  // A malformed request hears 401 first, by GET and by POST, and the session is gone.
+  const bad = await get('/api?api=TAVO.Core.Group&version=x&method=list', { 'X-Tavo-Token': a.body.data.token });
+  assert.equal(bad.status, 401);
+  assert.match((await bad.json()).error, /alice is no longer a valid administrator/);
+  assert.equal((await post(env.url, b.body.data.token, 'not json')).status, 401);
+  const call = await post(env.url, c.body.data.token, LIST);
+  assert.equal(call.status, 401);
+  assert.match(call.body.error, /alice is no longer a valid administrator/);
+  for (const r of [a, b, c]) {
+    assert.equal((await get('/api/auth/session', { Cookie: r.cookie })).status, 401);
+    assert.equal((await post(env.url, r.body.data.token, LIST)).status, 401);
+  }
+  // A well-formed call from a fresh session of a withdrawn account is refused too.
+  assert.equal((await login(env.url, 'alice', USER_PASSWORD)).status, 401);
+});
+
 test('bad logins: 401 for any failed check, 400 for bad input', async () => {
   for (const [account, password, status] of [
     ['admin', 'wrong', 401], ['alice', USER_PASSWORD, 401],
