@@ -107,9 +107,12 @@ bool CheckAccountStore(bool repair, const char* who, StoreCheckResult* out) {
     if (!ok) return false;
   } else {
     std::vector<JournalEntry> entries;
-    bool present = false;
-    if (!ReadJournal(&entries, &present)) return false;
+    bool present = false, torn = false;
+    if (!ReadJournal(&entries, &present, &torn)) return false;
     if (present) out->findings.push_back("a change was cut off before all its files were replaced");
+    if (torn)
+      out->findings.push_back("the change journal was cut off while it was written (nothing was "
+                              "decided; a repair clears it)");
     std::set<std::string> named;
     for (const JournalEntry& e : entries) named.insert(e.tmp);
     for (const char* dir_name : {"/etc", "/etc/tavo"}) {

@@ -162,6 +162,10 @@ TEST(Recovery, AJournalDecidesOnlyWhenWrittenWhole) {
       journal[second_end - 1] = '#';
       root.Write("/etc/.tavo-change", journal);
     }
+    tavo::StoreCheckResult found;
+    ASSERT_TRUE(tavo::CheckAccountStore(false, "test", &found));
+    ASSERT_FALSE(found.findings.empty());
+    EXPECT_TRUE(Contains(found.findings[0], torn ? "journal was cut off" : "change was cut off"));
     tavo::StoreCheckResult r;
     ASSERT_TRUE(tavo::RecoverAccountFiles("test", &r));
     EXPECT_FALSE(Leftovers(root));
