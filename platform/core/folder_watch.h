@@ -40,7 +40,9 @@ constexpr int kMaxWatchedFolders = 64;
 // (IsLockOrJournalName) do not move the count: a writer that takes and
 // releases the account locks around its change then leaves the folder's count
 // as it was when it kept the snapshots of the files it wrote. Such a count
-// must not vouch for a file with one of those names.
+// must not vouch for a file with one of those names (nor for a file written
+// in place through a second hard link under one: no account tool does that;
+// their lock candidates NAME.PID are files of their own).
 unsigned long long FolderEpoch(std::string_view dir, bool read_events = true,
                                bool lock_files = true);
 
