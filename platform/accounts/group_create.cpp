@@ -20,31 +20,6 @@ namespace tavo {
 namespace acct {
 namespace {
 
-// TAVO_ERR_NONE, or why no new group may be called `name`: the first line in
-// the file whose name equals it ignoring case decides (a line that does not
-// parse still holds its name for the account tools; a system group's name is
-// reserved).
-int CheckNewGroupName(const GroupDb& db, const LoginDefs& defs, const std::string& name) {
-  int syntax = CheckGroupNameSyntax(name);
-  if (syntax != TAVO_ERR_NONE) return syntax;
-  if (IsBuiltinGroupName(name)) return TAVO_ERR_RESERVED;
-  const std::string folded = FoldCase(name);
-  int entry = -1;
-  db.ForEachVariant(folded, [&](int i) {
-    if (entry < 0) entry = i;
-  });
-  const char* first_unparsed = nullptr;
-  for (std::string_view n : db.UnparsedNames()) {
-    if (FoldCase(std::string(n)) == folded) {
-      first_unparsed = n.data();
-      break;
-    }
-  }
-  if (first_unparsed && (entry < 0 || first_unparsed < db.Name(entry).data())) return TAVO_ERR_EXISTS;
-  if (entry < 0) return TAVO_ERR_NONE;
-  return db.Reachable(entry, defs) ? TAVO_ERR_EXISTS : TAVO_ERR_RESERVED;
-}
-
 // Highest GID in use in the range plus one; past the range, the lowest free.
 // (gid_t)-1 is never given out: it means "no change" to chown(2).
 bool AllocateGid(const GroupDb& db, const LoginDefs& defs, unsigned* gid) {
@@ -78,28 +53,36 @@ bool AllocateGid(const GroupDb& db, const LoginDefs& defs, unsigned* gid) {
   return false;
 }
 
-// `text` without its lines whose name field is exactly `name` (at most
-// `max` of them); true when any went.
-bool DropNamedLines(std::string* text, const std::string& name, size_t max) {
-  bool dropped = false;
-  LineSpan span;
-  size_t from = 0;
-  while (max-- > 0 && FindNamedLine(*text, name, from, &span)) {
-    const size_t end = span.end < text->size() ? span.end + 1 : span.end;
-    text->erase(span.begin, end - span.begin);
-    from = span.begin;
-    dropped = true;
-  }
-  return dropped;
-}
-
 }  // namespace
+
+int CheckNewGroupName(const GroupDb& db, const LoginDefs& defs, const std::string& name, int self) {
+  int syntax = CheckGroupNameSyntax(name);
+  if (syntax != TAVO_ERR_NONE) return syntax;
+  const std::string folded = FoldCase(name);
+  const bool self_builtin = self >= 0 && db.Builtin(self);
+  if (IsBuiltinGroupName(name) && !self_builtin) return TAVO_ERR_RESERVED;
+  if (self_builtin && db.Folded(self) != folded) return TAVO_ERR_RESERVED;
+  int entry = -1;
+  db.ForEachVariant(folded, [&](int i) {
+    if (entry < 0 && i != self) entry = i;
+  });
+  const char* first_unparsed = nullptr;
+  for (std::string_view n : db.UnparsedNames()) {
+    if (FoldCase(std::string(n)) == folded) {
+      first_unparsed = n.data();
+      break;
+    }
+  }
+  if (first_unparsed && (entry < 0 || first_unparsed < db.Name(entry).data())) return TAVO_ERR_EXISTS;
+  if (entry < 0) return TAVO_ERR_NONE;
+  return db.Reachable(entry, defs) ? TAVO_ERR_EXISTS : TAVO_ERR_RESERVED;
+}
 
 bool ApplyCreate(GroupChange* c) {
   std::shared_ptr<const GroupDb> db = LocalGroupsNow();
   auto defs = Defs();
   if (!db || !defs) return false;
-  int why = CheckNewGroupName(*db, *defs, c->new_name);
+  int why = CheckNewGroupName(*db, *defs, c->new_name, -1);
   if (why != TAVO_ERR_NONE) return TAVO_ERR_SET(why), false;
   int local = 0;
   for (size_t i = 0; i < db->size(); ++i) local += db->Reachable(static_cast<int>(i), *defs) ? 1 : 0;

@@ -62,6 +62,12 @@ bool ApplyGroupChange(GroupChange* change);
 // added members already spelt as stored): the group's lines are appended to
 // the files' bytes; the name and the limit are checked on the snapshot.
 bool ApplyCreate(GroupChange* change);
+// TAVO_ERR_NONE, or why group `self` of `db` (-1: a new group) may not be
+// called `name`: the first line in the file, other than the group's own,
+// whose name equals it ignoring case decides (a line that does not parse
+// still holds its name for the account tools; a system group's name is
+// reserved); the built-ins keep their names but for the letter case.
+int CheckNewGroupName(const GroupDb& db, const LoginDefs& defs, const std::string& name, int self);
 // Removes `gone` (every entry of the exact spelling, else one case variant)
 // from `members` and appends each of `added` not yet present in any case.
 void ApplyMembers(std::vector<std::string>* members, const std::vector<std::string>& added,

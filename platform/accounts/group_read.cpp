@@ -151,7 +151,7 @@ int TAVOGroupDescGet(const char* name, char** buf, unsigned int* size) {
     }
     char* copy = static_cast<char*>(std::malloc(desc.size() + 1));
     if (!copy) return TAVO_ERR_SET(TAVO_ERR_NOMEM);
-    std::memcpy(copy, desc.data(), desc.size());
+    if (!desc.empty()) std::memcpy(copy, desc.data(), desc.size());
     copy[desc.size()] = '\0';
     *buf = copy;
     if (size) *size = static_cast<unsigned>(desc.size());

@@ -69,35 +69,6 @@ struct GroupFiles {
   }
 };
 
-int FindLine(const std::vector<std::string>& lines, const std::string& name) {
-  for (size_t i = 0; i < lines.size(); ++i)
-    if (LineName(lines[i]) == name) return static_cast<int>(i);
-  return -1;
-}
-
-// TAVO_ERR_NONE, or why `name` may not be stored for the group at line `self`.
-int CheckNewName(const std::vector<std::string>& lines, const std::vector<GroupLine>& parsed,
-                 const std::vector<bool>& valid, const LoginDefs& defs, int self,
-                 const std::string& name) {
-  int syntax = CheckGroupNameSyntax(name);
-  if (syntax != TAVO_ERR_NONE) return syntax;
-  std::string folded = FoldCase(name);
-  bool self_builtin = self >= 0 && IsBuiltinGroupName(parsed[self].name);
-  if (IsBuiltinGroupName(name) && !self_builtin) return TAVO_ERR_RESERVED;
-  if (self_builtin && FoldCase(parsed[self].name) != folded) return TAVO_ERR_RESERVED;
-  for (size_t i = 0; i < parsed.size(); ++i) {
-    if (static_cast<int>(i) == self) continue;
-    if (!valid[i]) {
-      // A line that does not parse still holds its name for the account tools.
-      if (FoldCase(LineName(lines[i])) == folded) return TAVO_ERR_EXISTS;
-      continue;
-    }
-    if (FoldCase(parsed[i].name) != folded) continue;
-    return IsReachable(parsed[i], defs) ? TAVO_ERR_EXISTS : TAVO_ERR_RESERVED;
-  }
-  return TAVO_ERR_NONE;
-}
-
 // TAVO_ERR_NONE, or TAVO_ERR_NO_USER when a change of the members of `group`
 // from `before` to `after` takes the last valid administrator away. The
 // state of the accounts is read as it is now, under the account locks.
@@ -180,6 +151,92 @@ bool ApplyMemberChange(GroupChange* c) {
   return true;
 }
 
+// A rename or a new description (with any change of members made with it):
+// the group's line, its gshadow line and its description lines are replaced
+// in the files' bytes; every other byte stays as it is. The name is checked
+// on the snapshot of etc/group; the snapshots of the bytes written are kept.
+bool ApplyRenameOrDescription(GroupChange* c) {
+  const std::string group_path = TavoRootPath(kGroupPath);
+  const std::string gshadow_path = TavoRootPath(kGshadowPath);
+  const std::string desc_path = TavoRootPath(kDescPath);
+  std::shared_ptr<const GroupDb> db = LocalGroupsNow();
+  auto defs = Defs();
+  if (!db || !defs) return false;
+  const int self = db->FindExact(c->orig_name);
+  if (self < 0) return ACCT_ERR(TAVO_ERR_NO_GROUP), false;
+  const bool renaming = c->new_name != c->orig_name;
+  if (renaming) {
+    int why = CheckNewGroupName(*db, *defs, c->new_name, self);
+    if (why != TAVO_ERR_NONE) return TAVO_ERR_SET(why), false;
+  }
+  GroupLine g = db->Line(self);
+  c->gid_out = g.gid;
+  const std::vector<std::string> before = g.members;
+  ApplyMembers(&g.members, c->added, c->removed);
+  if (!c->removed.empty()) {
+    int why = CheckAdministratorsLeft(c->orig_name, before, g.members);
+    if (why != TAVO_ERR_NONE) return TAVO_ERR_SET(why), false;
+  }
+  g.name = c->new_name;
+  const bool lines_change = renaming || !c->added.empty() || !c->removed.empty();
+
+  FileSetWriter writer;
+  if (lines_change) {
+    const std::string& text = db->Text();
+    LineSpan span;
+    span.begin = db->LineBegin(self);
+    span.end = db->LineEnd(self);
+    const std::string line = FormatGroupLine(g);
+    if (text.compare(span.begin, span.end - span.begin, line) != 0)
+      writer.Add(group_path, SpliceLine(text, span, line));
+  }
+  bool has_gshadow = false;
+  std::shared_ptr<const FileText> gshadow = GshadowNow(&has_gshadow);
+  if (!gshadow) return false;
+  if (lines_change && has_gshadow) {
+    std::string text = gshadow->Text();
+    // A line left for a group of the new name that is gone is not kept twice.
+    if (renaming) DropNamedLines(&text, c->new_name, 1);
+    const std::string fresh = c->new_name + ":!::" + JoinMembers(g.members);
+    LineSpan s;
+    if (FindNamedLine(text, c->orig_name, 0, &s)) {
+      std::string line = text.substr(s.begin, s.end - s.begin);
+      std::vector<std::string> gm = SplitMembers(GetField(line, 3));
+      ApplyMembers(&gm, c->added, c->removed);
+      if (!ReplaceField(&line, 0, c->new_name) || !ReplaceField(&line, 3, JoinMembers(gm)))
+        line = fresh;
+      text = SpliceLine(text, s, line);
+    } else {
+      text = AppendLine(text, fresh);
+    }
+    if (text != gshadow->Text()) writer.Add(gshadow_path, std::move(text), 0640);
+  }
+  // Descriptions: the line moves with a rename and goes with an empty text.
+  std::shared_ptr<const DescDb> descs = DescriptionsNow();
+  if (!descs) return false;
+  if (c->desc_changed || (renaming && (descs->Has(c->orig_name) || descs->Has(c->new_name)))) {
+    const std::string desc = c->desc_changed ? c->desc : std::string(descs->Find(c->orig_name));
+    std::string text;
+    FileKey key;
+    if (!ReadWholeFile(desc_path, &text, &key)) return false;
+    std::string now = text;
+    DropNamedLines(&now, c->orig_name, static_cast<size_t>(-1));
+    DropNamedLines(&now, c->new_name, static_cast<size_t>(-1));
+    if (!desc.empty()) now = AppendLine(now, c->new_name + ":" + desc);
+    if (now != text) {
+      mkdir(desc_path.substr(0, desc_path.rfind('/')).c_str(), 0755);
+      writer.Add(desc_path, std::move(now));
+    }
+  }
+  if (!writer.Commit()) return false;
+  // The next reader finds the snapshots of the bytes written.
+  std::string group_written = writer.TakeContent(group_path);
+  if (!group_written.empty()) InstallLocalGroups(BuildGroupDb(std::move(group_written)));
+  std::string gshadow_written = writer.TakeContent(gshadow_path);
+  if (!gshadow_written.empty()) InstallGshadow(std::move(gshadow_written));
+  return true;
+}
+
 }  // namespace
 
 // Removes `gone` (every entry of the exact spelling, as a list written by
@@ -222,84 +279,7 @@ bool ApplyGroupChange(GroupChange* c) {
   const bool renaming = !c->create && c->new_name != c->orig_name;
   if (c->create) return ApplyCreate(c);
   if (!renaming && !c->desc_changed) return ApplyMemberChange(c);
-
-  GroupFiles f;
-  if (!f.Read()) return false;
-  auto defs = Defs();
-  if (!defs) return false;
-
-  const std::string& old_name = c->orig_name;
-  // Every line is parsed only when the name must be checked against all
-  // groups; a change of the description touches the group's own line alone.
-  std::vector<GroupLine> parsed(f.group_lines.size());
-  std::vector<bool> valid(f.group_lines.size());
-  int self = -1;
-  for (size_t i = 0; i < f.group_lines.size(); ++i) {
-    bool mine = self < 0 && LineName(f.group_lines[i]) == c->orig_name;
-    if (mine || renaming) valid[i] = ParseGroupLine(f.group_lines[i], &parsed[i]);
-    if (mine && valid[i]) self = static_cast<int>(i);
-  }
-  if (self < 0) return ACCT_ERR(TAVO_ERR_NO_GROUP), false;
-  if (renaming) {
-    int why = CheckNewName(f.group_lines, parsed, valid, *defs, self, c->new_name);
-    if (why != TAVO_ERR_NONE) return TAVO_ERR_SET(why), false;
-  }
-
-  // etc/group and etc/gshadow.
-  std::vector<std::string> members;
-  {
-    GroupLine& g = parsed[self];
-    g.name = c->new_name;
-    const std::vector<std::string> before = g.members;
-    ApplyMembers(&g.members, c->added, c->removed);
-    if (!c->removed.empty()) {
-      int why = CheckAdministratorsLeft(c->orig_name, before, g.members);
-      if (why != TAVO_ERR_NONE) return TAVO_ERR_SET(why), false;
-    }
-    members = g.members;
-    c->gid_out = g.gid;
-    f.group_lines[self] = FormatGroupLine(g);
-  }
-  if (f.has_gshadow) {
-    // A line left for a group of the new name that is gone is not kept twice.
-    if (renaming) {
-      int stale = FindLine(f.gshadow_lines, c->new_name);
-      if (stale >= 0) f.gshadow_lines.erase(f.gshadow_lines.begin() + stale);
-    }
-    int s = FindLine(f.gshadow_lines, c->orig_name);
-    if (s >= 0) {
-      std::vector<std::string> gm = SplitMembers(GetField(f.gshadow_lines[s], 3));
-      ApplyMembers(&gm, c->added, c->removed);
-      std::string& line = f.gshadow_lines[s];
-      if (!ReplaceField(&line, 0, c->new_name) || !ReplaceField(&line, 3, JoinMembers(gm)))
-        line = c->new_name + ":!::" + JoinMembers(members);
-    } else {
-      f.gshadow_lines.push_back(c->new_name + ":!::" + JoinMembers(members));
-    }
-  }
-
-  // Descriptions: the line moves with a rename and goes with an empty text.
-  if (renaming || c->desc_changed) {
-    std::string desc = c->desc;
-    if (!c->desc_changed) {
-      auto old = ParseDescriptions(f.desc_text);
-      auto it = old.find(old_name);
-      desc = it == old.end() ? "" : it->second;
-    }
-    auto& dl = f.desc_lines;
-    dl.erase(std::remove_if(dl.begin(), dl.end(),
-                            [&](const std::string& l) {
-                              std::string n = LineName(l);
-                              return n == old_name || n == c->new_name;
-                            }),
-             dl.end());
-    if (!desc.empty()) dl.push_back(c->new_name + ":" + desc);
-  }
-
-  FileSetWriter writer;
-  f.Queue(&writer);
-  if (!writer.Commit()) return false;
-  return true;
+  return ApplyRenameOrDescription(c);
 }
 
 int DeleteGroups(const std::vector<std::string>& names) {

@@ -49,5 +49,18 @@ std::string AppendLine(const std::string& text, const std::string& line) {
   return out;
 }
 
+bool DropNamedLines(std::string* text, const std::string& name, size_t max) {
+  bool dropped = false;
+  LineSpan span;
+  size_t from = 0;
+  while (max-- > 0 && FindNamedLine(*text, name, from, &span)) {
+    const size_t end = span.end < text->size() ? span.end + 1 : span.end;
+    text->erase(span.begin, end - span.begin);
+    from = span.begin;
+    dropped = true;
+  }
+  return dropped;
+}
+
 }  // namespace acct
 }  // namespace tavo

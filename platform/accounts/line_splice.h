@@ -25,6 +25,9 @@ bool FindNamedLine(const std::string& text, const std::string& name, size_t from
 std::string SpliceLine(const std::string& text, const LineSpan& span, const std::string& line);
 // `text` with `line` added as a new last line.
 std::string AppendLine(const std::string& text, const std::string& line);
+// Removes the lines of `text` whose name field is exactly `name` (at most
+// `max` of them, first to last); true when any went.
+bool DropNamedLines(std::string* text, const std::string& name, size_t max);
 
 }  // namespace acct
 }  // namespace tavo

@@ -90,6 +90,47 @@ TEST(GroupWrite, RenameMovesDescriptionAndKeepsGshadowInStep) {
   EXPECT_TRUE(Contains(root.Read("/etc/group-"), "\nPersonal:x:1500:admin,guest\n"));
 }
 
+// A rename and a new description replace the group's own lines in each file
+// and nothing else: comments, CRLF lines, other groups' lines stay byte for
+// byte (the changed lines are written anew, without a CR); a gshadow line
+// left for a gone group of the new name goes, and the
+// description line moves with the name. A description alone leaves group and
+// gshadow as they are.
+TEST(GroupWrite, RenameAndDescriptionTouchOnlyTheirLines) {
+  TempRoot root;
+  root.Append("/etc/group", "# keep me\r\nteam:x:1500:admin\r\nother:x:1501:guest\nbroken\n");
+  root.Append("/etc/gshadow", "crew:!::old\r\n# note\nteam:$6$pw:admin:admin\r\nother:!::guest\n");
+  root.Write("/etc/tavo/group_desc", "# descriptions\nother:theirs\r\nteam:ours\ncrew:stale\n");
+  const std::string group = root.Read("/etc/group"), gshadow = root.Read("/etc/gshadow");
+  auto replaced = [](std::string text, const std::string& from, const std::string& to) {
+    const size_t at = text.find(from);
+    return at == std::string::npos ? text + "<" + from + " missing>" : text.replace(at, from.size(), to);
+  };
+  GroupPtr g(SDK::Group::LoadGroup("team"));
+  ASSERT_TRUE(g);
+  std::string name = "crew";
+  ASSERT_TRUE(g->SetName(name) && g->AddMember("guest") && g->Save());
+  EXPECT_EQ(replaced(group, "team:x:1500:admin\r\n", "crew:x:1500:admin,guest\n"),
+            root.Read("/etc/group"));
+  EXPECT_EQ(replaced(replaced(gshadow, "crew:!::old\r\n", ""), "team:$6$pw:admin:admin\r\n",
+                     "crew:$6$pw:admin:admin,guest\n"),
+            root.Read("/etc/gshadow"));
+  EXPECT_EQ("# descriptions\nother:theirs\r\ncrew:ours\n", root.Read("/etc/tavo/group_desc"));
+
+  const std::string group2 = root.Read("/etc/group"), gshadow2 = root.Read("/etc/gshadow");
+  g.reset(SDK::Group::LoadGroup("CREW"));
+  ASSERT_TRUE(g && g->SetDesc("new text") && g->Save());
+  EXPECT_EQ(group2, root.Read("/etc/group"));
+  EXPECT_EQ(gshadow2, root.Read("/etc/gshadow"));
+  EXPECT_EQ("# descriptions\nother:theirs\r\ncrew:new text\n", root.Read("/etc/tavo/group_desc"));
+  // A rename onto a line that does not parse, or onto another group, is refused.
+  EXPECT_FALSE(RenameSaved("crew", "BROKEN"));
+  EXPECT_EQ(TAVO_ERR_EXISTS, TLIBCErrGet());
+  EXPECT_FALSE(RenameSaved("crew", "Other"));
+  EXPECT_EQ(TAVO_ERR_EXISTS, TLIBCErrGet());
+  EXPECT_EQ(group2, root.Read("/etc/group"));
+}
+
 TEST(GroupWrite, SaveKeepsOtherWritersChangesAndNoticesDeletion) {
   TempRoot root;
   root.AddGroup("team", 1500, {"admin"});

@@ -128,7 +128,8 @@ TEST(SnapshotIndex, AOneOffPageEqualsTheSamePageOfTheKeptOrder) {
 
 // A writer keeps the snapshot of the bytes it wrote, carried over from the
 // one before without parsing the file again (a change of members, and a
-// creation that appends a line, the first to a file without a last newline):
+// creation that appends a line, the first to a file without a last newline),
+// or parsed once by the writer (a rename):
 // it must equal the file parsed afresh, kept orders included, and the file
 // changed in place by another program right after must still be seen.
 TEST(SnapshotIndex, TheSnapshotKeptAfterAChangeIsTheFileParsedAfresh) {
@@ -171,6 +172,15 @@ TEST(SnapshotIndex, TheSnapshotKeptAfterAChangeIsTheFileParsedAfresh) {
     SCOPED_TRACE(group);
     tavo_test::GroupPtr g(SDK::Group::CreateGroup(group));
     ASSERT_TRUE(g && g->AddMember("guest") && g->Save());
+    same_as_file();
+  }
+  // Renames, to another place in the order and to another letter case.
+  for (const auto& names : {std::pair<const char*, const char*>{"mid", "Zzz"}, {"Zed", "zed"},
+                            {"aaa", "ärger2"}}) {
+    SCOPED_TRACE(names.first);
+    tavo_test::GroupPtr g(SDK::Group::LoadGroup(names.first));
+    std::string to = names.second;
+    ASSERT_TRUE(g && g->SetName(to) && g->Save());
     same_as_file();
   }
   // Rewritten in place with the same size, at once.
