@@ -1,16 +1,15 @@
 // Writers of the group files: one group's change, and deletions.
 //
-// Both read the files after taking the account locks (and completing a change
-// a crash cut off) and apply only their own change to the lines as they
-// stand; a change of members alone replaces just the group's two lines in the
-// files' bytes, so concurrent changes by other writers
-// (other threads, other processes, the system's account tools) are kept.
+// Both take the files as they are after taking the account locks (and
+// completing a change a crash cut off), from their snapshots when unchanged,
+// and replace or remove only the lines of their own change in the files'
+// bytes, so concurrent changes by other writers (other threads, other
+// processes, the system's account tools) are kept and every other byte stays.
 #include <sys/stat.h>
 
 #include <algorithm>
 #include <cstdlib>
 #include <set>
-#include <unordered_set>
 #include <utility>
 
 #include "account_lock.h"
@@ -27,47 +26,6 @@
 namespace tavo {
 namespace acct {
 namespace {
-
-// The current content of the files a group change touches.
-struct GroupFiles {
-  std::string group_path, gshadow_path, desc_path;
-  std::string group_text, gshadow_text, desc_text;
-  bool has_gshadow = false, has_desc = false;
-  std::vector<std::string> group_lines, gshadow_lines, desc_lines;
-
-  bool Read() {
-    group_path = TavoRootPath(kGroupPath);
-    gshadow_path = TavoRootPath(kGshadowPath);
-    desc_path = TavoRootPath(kDescPath);
-    FileKey key;
-    if (!ReadWholeFile(group_path, &group_text, &key)) return false;
-    if (!key.exists) return ACCT_ERR(TAVO_ERR_IO), false;
-    if (!ReadWholeFile(gshadow_path, &gshadow_text, &key)) return false;
-    has_gshadow = key.exists;
-    if (!ReadWholeFile(desc_path, &desc_text, &key)) return false;
-    has_desc = key.exists;
-    group_lines = SplitLines(group_text);
-    gshadow_lines = SplitLines(gshadow_text);
-    desc_lines = SplitLines(desc_text);
-    return true;
-  }
-
-  // Queues the files whose lines changed.
-  void Queue(FileSetWriter* w) const {
-    std::string g = JoinLines(group_lines);
-    if (g != group_text) w->Add(group_path, std::move(g));
-    if (has_gshadow) {
-      std::string s = JoinLines(gshadow_lines);
-      if (s != gshadow_text) w->Add(gshadow_path, std::move(s), 0640);
-    }
-    std::string d = JoinLines(desc_lines);
-    if (d != desc_text) {
-      size_t slash = desc_path.rfind('/');
-      mkdir(desc_path.substr(0, slash).c_str(), 0755);
-      w->Add(desc_path, std::move(d));
-    }
-  }
-};
 
 // TAVO_ERR_NONE, or TAVO_ERR_NO_USER when a change of the members of `group`
 // from `before` to `after` takes the last valid administrator away. The
@@ -285,54 +243,83 @@ bool ApplyGroupChange(GroupChange* c) {
 int DeleteGroups(const std::vector<std::string>& names) {
   AccountLock lock;
   if (!LockAndRecover(&lock)) return -1;
-  GroupFiles f;
-  if (!f.Read()) return -1;
+  std::shared_ptr<const GroupDb> db = LocalGroupsNow();
   auto defs = Defs();
   auto users = Passwd();
-  if (!defs || !users) return -1;
+  if (!db || !defs || !users) return -1;
   std::set<unsigned> primary;
   for (size_t u = 0; u < users->size(); ++u) primary.insert(users->Gid(static_cast<int>(u)));
 
-  std::shared_ptr<GroupDb> db = BuildGroupDb(f.group_text);
   // The groups to delete by stored name and GID: another line of the same
   // name (a system group, or a line that does not parse) is not theirs.
   std::set<std::pair<std::string, unsigned>> gone;
+  std::set<unsigned> gone_gids;
   for (const std::string& name : names) {
     int i = db->Find(name);
     if (i < 0) continue;
     if (!db->Reachable(i, *defs) || db->Builtin(i) || primary.count(db->Gid(i))) continue;
     gone.emplace(std::string(db->Name(i)), db->Gid(i));
+    gone_gids.insert(db->Gid(i));
   }
   if (gone.empty()) return 0;
-  std::set<std::string> kept;  // names that still have a group line
-  auto& gl = f.group_lines;
-  gl.erase(std::remove_if(gl.begin(), gl.end(),
-                          [&](const std::string& l) {
-                            GroupLine g;
-                            if (!ParseGroupLine(l, &g)) return false;
-                            return gone.count({g.name, g.gid}) > 0;
-                          }),
-           gl.end());
-  for (const std::string& l : gl) kept.insert(LineName(l));
-  // The gshadow and description lines go with the last group line of a name.
-  auto drop = [&](std::vector<std::string>* lines) {
-    lines->erase(std::remove_if(lines->begin(), lines->end(),
-                                [&](const std::string& l) {
-                                  std::string n = LineName(l);
-                                  if (kept.count(n)) return false;
-                                  return std::any_of(gone.begin(), gone.end(),
-                                                     [&](const auto& g) { return g.first == n; });
-                                }),
-                 lines->end());
+  auto is_gone = [&](int k) {
+    return gone_gids.count(db->Gid(k)) && gone.count({std::string(db->Name(k)), db->Gid(k)});
   };
-  if (f.has_gshadow) drop(&f.gshadow_lines);
-  drop(&f.desc_lines);
+  // etc/group: every line of a deleted group goes; every other byte stays.
+  const std::string& text = db->Text();
+  std::string group_text;
+  group_text.reserve(text.size());
+  size_t from = 0;
+  for (size_t i = 0; i < db->size(); ++i) {
+    const int k = static_cast<int>(i);
+    if (!is_gone(k)) continue;
+    const size_t begin = db->LineBegin(k), end = db->LineEnd(k);
+    group_text.append(text, from, begin - from);
+    from = end < text.size() ? end + 1 : end;
+  }
+  group_text.append(text, from, std::string::npos);
+  // The gshadow and description lines go with the last group line of a name.
+  auto still_named = [&](const std::string& name) {
+    bool found = false;
+    db->ForEachVariant(FoldCase(name), [&](int k) { found = found || (db->Name(k) == name && !is_gone(k)); });
+    for (std::string_view n : db->UnparsedNames()) found = found || n == name;
+    return found;
+  };
+  std::vector<std::string> orphaned;  // names whose last group line went
+  for (const auto& g : gone)
+    if ((orphaned.empty() || orphaned.back() != g.first) && !still_named(g.first))
+      orphaned.push_back(g.first);
+
+  const std::string group_path = TavoRootPath(kGroupPath);
+  const std::string gshadow_path = TavoRootPath(kGshadowPath);
+  const std::string desc_path = TavoRootPath(kDescPath);
   FileSetWriter writer;
-  f.Queue(&writer);
+  writer.Add(group_path, std::move(group_text));
+  bool has_gshadow = false;
+  std::shared_ptr<const FileText> gshadow = GshadowNow(&has_gshadow);
+  std::shared_ptr<const DescDb> descs = DescriptionsNow();
+  if (!gshadow || !descs) return -1;
+  if (has_gshadow) {
+    std::string now = gshadow->Text();
+    bool changed = false;
+    for (const std::string& name : orphaned)
+      changed = DropNamedLines(&now, name, static_cast<size_t>(-1)) || changed;
+    if (changed) writer.Add(gshadow_path, std::move(now), 0640);
+  }
+  if (std::any_of(orphaned.begin(), orphaned.end(), [&](const std::string& n) { return descs->Has(n); })) {
+    std::string now;
+    FileKey key;
+    if (!ReadWholeFile(desc_path, &now, &key)) return -1;
+    bool changed = false;
+    for (const std::string& name : orphaned)
+      changed = DropNamedLines(&now, name, static_cast<size_t>(-1)) || changed;
+    if (changed) writer.Add(desc_path, std::move(now));
+  }
   if (!writer.Commit()) return -1;
-  // The next reader finds the snapshot of the bytes written.
-  std::string written = writer.TakeContent(f.group_path);
-  if (!written.empty()) InstallLocalGroups(BuildGroupDb(std::move(written)));
+  // The next reader finds the snapshots of the bytes written.
+  InstallLocalGroups(BuildGroupDb(writer.TakeContent(group_path)));
+  std::string gshadow_written = writer.TakeContent(gshadow_path);
+  if (!gshadow_written.empty()) InstallGshadow(std::move(gshadow_written));
   return static_cast<int>(gone.size());
 }
 

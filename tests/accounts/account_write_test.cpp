@@ -170,6 +170,32 @@ TEST(GroupWrite, DeletionRefusesBuiltinsSystemAndPrimaryGroups) {
   EXPECT_EQ(0, TAVOGroupDelete(names, 0));
 }
 
+// A deletion removes the deleted groups' lines and nothing else: a line of
+// the same name with another GID stays, and then so do the name's gshadow and
+// description lines; comments, CRLF lines and a last line without a newline
+// stay byte for byte.
+TEST(GroupWrite, DeletionRemovesOnlyItsLines) {
+  TempRoot root;
+  root.Append("/etc/group", "# keep\r\ngone:x:1500:admin\r\nshared:x:1501:\nshared:x:999:\nlast:x:1502:");
+  root.Append("/etc/gshadow", "gone:!::admin\r\n# note\nshared:!::\nlast:!::");
+  root.Write("/etc/tavo/group_desc", "shared:s\r\ngone:g\nlast:l");
+  const std::string group = root.Read("/etc/group"), gshadow = root.Read("/etc/gshadow");
+  const char* names[] = {"GONE", "shared", "last"};
+  EXPECT_EQ(3, TAVOGroupDelete(names, 3));
+  std::string g = group;
+  g.erase(g.find("gone:x:1500:admin\r\n"), 19);
+  g.erase(g.find("shared:x:1501:\n"), 15);
+  g.erase(g.find("last:x:1502:"));
+  EXPECT_EQ(g, root.Read("/etc/group"));
+  std::string gs = gshadow;
+  gs.erase(gs.find("gone:!::admin\r\n"), 15);
+  gs.erase(gs.find("last:!::"));
+  EXPECT_EQ(gs, root.Read("/etc/gshadow"));
+  EXPECT_EQ("shared:s\r\n", root.Read("/etc/tavo/group_desc"));
+  EXPECT_FALSE(SDK::Group::IsGroupExist("gone"));
+  EXPECT_TRUE(SDK::Group::IsGroupExist("shared"));  // the system line of that name
+}
+
 // Names that may not be stored, as a new group and as a rename target.
 TEST(GroupWrite, RefusedNamesNeverReachTheFiles) {
   TempRoot root;
