@@ -48,6 +48,31 @@ bool LockAndRecover(AccountLock* lock) {
   return RecoverChange("the next writer", &report);
 }
 
+// gshadow's bytes `text` with the group's line as change `c` leaves it:
+// named c.new_name, its members changed by c.added and c.removed (a line
+// NAME:!::MEMBERS, with the group's `members`, when there is none or it does
+// not parse), and a line left for a gone group of the new name dropped.
+// Every other byte is kept; "" when nothing changes.
+std::string ChangedGshadow(const std::string& text, const GroupChange& c,
+                           const std::vector<std::string>& members) {
+  std::string dropped;
+  const std::string* from = &text;
+  if (c.new_name != c.orig_name) {
+    dropped = text;
+    if (DropNamedLines(&dropped, c.new_name, 1)) from = &dropped;
+  }
+  const std::string fresh = c.new_name + ":!::" + JoinMembers(members);
+  LineSpan s;
+  if (!FindNamedLine(*from, c.orig_name, 0, &s)) return AppendLine(*from, fresh);
+  std::string line = from->substr(s.begin, s.end - s.begin);
+  const std::string before = line;
+  std::vector<std::string> gm = SplitMembers(GetField(line, 3));
+  ApplyMembers(&gm, c.added, c.removed);
+  if (!ReplaceField(&line, 0, c.new_name) || !ReplaceField(&line, 3, JoinMembers(gm))) line = fresh;
+  if (line == before) return from == &text ? std::string() : dropped;
+  return SpliceLine(*from, s, line);
+}
+
 // A change of members alone: the group's line and its gshadow line are
 // replaced in the files' bytes; nothing else is split, parsed or rebuilt.
 // etc/group comes from its snapshot, which is reused when the file is still
@@ -88,18 +113,7 @@ bool ApplyMemberChange(GroupChange* c) {
   const bool group_changes = new_line != old_line;
   if (group_changes) writer.Add(group_path, SpliceLine(group_text, span, new_line));
   if (has_gshadow) {
-    LineSpan s;
-    std::string text;
-    if (FindNamedLine(gshadow_text, c->orig_name, 0, &s)) {
-      std::string line = gshadow_text.substr(s.begin, s.end - s.begin);
-      const std::string before = line;
-      std::vector<std::string> gm = SplitMembers(GetField(line, 3));
-      ApplyMembers(&gm, c->added, c->removed);
-      if (!ReplaceField(&line, 3, JoinMembers(gm))) line = c->orig_name + ":!::" + JoinMembers(g.members);
-      if (line != before) text = SpliceLine(gshadow_text, s, line);
-    } else {
-      text = AppendLine(gshadow_text, c->orig_name + ":!::" + JoinMembers(g.members));
-    }
+    std::string text = ChangedGshadow(gshadow_text, *c, g.members);
     if (!text.empty()) writer.Add(gshadow_path, std::move(text), 0640);
   }
   if (!writer.Commit()) return false;
@@ -152,22 +166,8 @@ bool ApplyRenameOrDescription(GroupChange* c) {
   std::shared_ptr<const FileText> gshadow = GshadowNow(&has_gshadow);
   if (!gshadow) return false;
   if (lines_change && has_gshadow) {
-    std::string text = gshadow->Text();
-    // A line left for a group of the new name that is gone is not kept twice.
-    if (renaming) DropNamedLines(&text, c->new_name, 1);
-    const std::string fresh = c->new_name + ":!::" + JoinMembers(g.members);
-    LineSpan s;
-    if (FindNamedLine(text, c->orig_name, 0, &s)) {
-      std::string line = text.substr(s.begin, s.end - s.begin);
-      std::vector<std::string> gm = SplitMembers(GetField(line, 3));
-      ApplyMembers(&gm, c->added, c->removed);
-      if (!ReplaceField(&line, 0, c->new_name) || !ReplaceField(&line, 3, JoinMembers(gm)))
-        line = fresh;
-      text = SpliceLine(text, s, line);
-    } else {
-      text = AppendLine(text, fresh);
-    }
-    if (text != gshadow->Text()) writer.Add(gshadow_path, std::move(text), 0640);
+    std::string text = ChangedGshadow(gshadow->Text(), *c, g.members);
+    if (!text.empty()) writer.Add(gshadow_path, std::move(text), 0640);
   }
   // Descriptions: the line moves with a rename and goes with an empty text.
   std::shared_ptr<const DescDb> descs = DescriptionsNow();
