@@ -247,6 +247,16 @@ std::shared_ptr<const std::vector<int>> GroupDb::SortedReachable(const LoginDefs
   return list;
 }
 
+size_t GroupDb::CountReachable(const LoginDefs& defs) const {
+  {
+    std::lock_guard<std::mutex> lock(reachable_mu_);
+    if (reachable_ && reachable_gid_min_ == defs.gid_min) return reachable_->size();
+  }
+  size_t n = 0;
+  for (size_t i = 0; i < size(); ++i) n += Reachable(static_cast<int>(i), defs) ? 1 : 0;
+  return n;
+}
+
 std::shared_ptr<const std::vector<int>> GroupDb::Head(size_t count, const LoginDefs* defs,
                                                       size_t* total) const {
   if (heads_.fetch_add(1) == 0 && count < size() / 4) {

@@ -88,6 +88,9 @@ class GroupDb {
   // The reachable groups under `defs` in the order of Sorted(). Built once per
   // GID_MIN and kept (a listing page is then a slice of it); any thread.
   std::shared_ptr<const std::vector<int>> SortedReachable(const LoginDefs& defs) const;
+  // The number of reachable groups under `defs`: the length of the kept
+  // order when there is one, else counted without sorting anything.
+  size_t CountReachable(const LoginDefs& defs) const;
   // The first `count` entries of SortedReachable(*defs), or of Sorted() when
   // `defs` is null, as the first min(count, size()) entries of the vector
   // returned (which may hold more), and in `total` the length of that order.

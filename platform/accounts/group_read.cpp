@@ -179,7 +179,7 @@ int TAVOGroupTotalNum(int kind) {
     if (kind != TAVO_GROUP_LOCAL) return static_cast<int>(db->size());
     auto defs = Defs();
     if (!defs) return -1;
-    return static_cast<int>(db->SortedReachable(*defs)->size());
+    return static_cast<int>(db->CountReachable(*defs));
   });
 }
 

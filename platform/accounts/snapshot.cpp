@@ -1,6 +1,7 @@
 // File keys and whole-file reads for the snapshot caches.
 #include "snapshot.h"
 
+#include "tavo/one_shot.h"
 #include "tavo/read_scope.h"
 
 #include <fcntl.h>
@@ -8,6 +9,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
@@ -60,7 +62,14 @@ thread_local PinState t_pins;
 
 SnapshotPin::SnapshotPin() { ++t_pins.depth; }
 
+namespace {
+std::atomic<bool> g_one_shot{false};
+}  // namespace
+
 }  // namespace acct
+
+void SetOneShotProcess() { acct::g_one_shot.store(true, std::memory_order_relaxed); }
+bool IsOneShotProcess() { return acct::g_one_shot.load(std::memory_order_relaxed); }
 
 // A scope is a pin by another name, for callers outside the platform.
 ReadScope::ReadScope() { ++acct::t_pins.depth; }
@@ -114,11 +123,20 @@ void PrefaultHeap(void* p, size_t bytes) {
   const uintptr_t page = static_cast<uintptr_t>(sysconf(_SC_PAGESIZE));
   uintptr_t begin = (reinterpret_cast<uintptr_t>(p) + page - 1) & ~(page - 1);
   uintptr_t end = (reinterpret_cast<uintptr_t>(p) + bytes) & ~(page - 1);
+  if (end <= begin) return;
+#ifdef MADV_HUGEPAGE
+  // The whole 2 MiB blocks inside the buffer are asked for as huge pages
+  // where the system allows it: one fault and one zeroing per 2 MiB instead
+  // of per 4 KiB, which makes reading a file of 10 MB several times faster
+  // on a fresh heap. Only blocks the buffer fills are asked for, so the
+  // memory used stays what the buffer needs.
+  constexpr uintptr_t kHuge = 2u << 20;
+  const uintptr_t hbegin = (begin + kHuge - 1) & ~(kHuge - 1);
+  const uintptr_t hend = end & ~(kHuge - 1);
+  if (hend > hbegin) madvise(reinterpret_cast<void*>(hbegin), hend - hbegin, MADV_HUGEPAGE);
+#endif
 #ifdef MADV_POPULATE_WRITE
-  if (end > begin) madvise(reinterpret_cast<void*>(begin), end - begin, MADV_POPULATE_WRITE);
-#else
-  (void)begin;
-  (void)end;
+  madvise(reinterpret_cast<void*>(begin), end - begin, MADV_POPULATE_WRITE);
 #endif
 }
 

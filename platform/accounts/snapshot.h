@@ -68,7 +68,9 @@ bool FileHoldsBytes(const std::string& path, const std::string& bytes, FileKey* 
 bool RecentlyChanged(const FileKey& key);
 // Asks the kernel to map the pages of a large fresh heap block in one go,
 // rather than one page fault at a time as it is first written (page faults
-// are costly on virtual machines). Best effort; small blocks are left alone.
+// are costly on virtual machines), as huge pages where whole 2 MiB blocks lie
+// inside it and the system allows them. Best effort; small blocks are left
+// alone.
 void PrefaultHeap(void* p, size_t bytes);
 // Reserves room for `n` elements and prefaults it.
 template <typename V>

@@ -69,6 +69,20 @@ bool Exec(sqlite3* db, const char* sql) {
   }
 }
 
+// Called after each commit with the pages the write-ahead log holds. Past
+// kFoldPages the log is folded into the database and emptied. SQLite's own
+// automatic checkpoint cannot be relied on here: a process that opens the
+// database first reads the whole log and counts none of it as folded, so a
+// run of short-lived processes (command-line calls, one entry each) would
+// fold it all again at every call and never empty it, and every call would
+// read more of it.
+constexpr int kFoldPages = 64;
+int FoldLog(void*, sqlite3* db, const char* schema, int pages) {
+  if (pages >= kFoldPages)
+    sqlite3_wal_checkpoint_v2(db, schema, SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr);
+  return SQLITE_OK;  // an entry is kept whether or not the log could be folded now
+}
+
 // The shared connection. Guarded by g_mu.
 struct Connection {
   sqlite3* db = nullptr;
@@ -113,6 +127,7 @@ sqlite3* Acquire() {
       rc = SQLITE_ERROR;
     }
   }
+  if (rc == SQLITE_OK) sqlite3_wal_hook(db, FoldLog, nullptr);
   if (rc != SQLITE_OK) {
     Fail(db, "opening the database");
     sqlite3_close_v2(db);

@@ -9,6 +9,7 @@
 #include "json_util.h"
 #include "module_loader.h"
 #include "options.h"
+#include "tavo/one_shot.h"
 #include "tavo/root.h"
 #include "terminal_text.h"
 
@@ -89,6 +90,7 @@ int CallMain(const std::vector<std::string>& args) {
   Status s = ResolveRoot(root_arg, &root);
   if (!s.ok()) return Usage(s.message());
   tavo::TavoRootSet(root);
+  tavo::SetOneShotProcess();  // this process exits after the call
   openlog("tavo", LOG_PID, LOG_USER);
 
   ModuleSet modules;

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstdio>
 #include <random>
 #include <string>
@@ -14,6 +15,7 @@
 #include "names.h"
 #include "snapshot.h"
 #include "tavo/group.h"
+#include "tavo/one_shot.h"
 #include "temp_root.h"
 
 namespace {
@@ -132,7 +134,9 @@ TEST(SnapshotIndex, AOneOffPageEqualsTheSamePageOfTheKeptOrder) {
 // or parsed once by the writer (a rename):
 // it must equal the file parsed afresh, kept orders included, and the file
 // changed in place by another program right after must still be seen.
-TEST(SnapshotIndex, TheSnapshotKeptAfterAChangeIsTheFileParsedAfresh) {
+// Changes members, creates and renames groups, checking after each that the
+// snapshot a reader gets is the file parsed afresh.
+void CheckSnapshotsThroughChanges() {
   tavo_test::TempRoot root;
   root.Append("/etc/group", "# comment\nÄrzte:x:1500:admin\r\nbroken line\nStaff:x:1501:\n"
                             "staff:x:1502:admin\nİnfo:x:1503:\nlast:x:1504:guest");
@@ -193,6 +197,22 @@ TEST(SnapshotIndex, TheSnapshotKeptAfterAChangeIsTheFileParsedAfresh) {
   const std::vector<std::string> members = tavo_test::MembersOf("staff");
   ASSERT_FALSE(members.empty());
   EXPECT_EQ("nimda", members.front());
+}
+
+TEST(SnapshotIndex, TheSnapshotKeptAfterAChangeIsTheFileParsedAfresh) {
+  CheckSnapshotsThroughChanges();
+}
+
+// A one-shot process keeps no snapshot of what it writes; what it reads
+// after a write is still the file as written.
+TEST(SnapshotIndex, AOneShotProcessReadsItsOwnWrites) {
+  EXPECT_EXIT(
+      {
+        tavo::SetOneShotProcess();
+        CheckSnapshotsThroughChanges();
+        std::_Exit(::testing::Test::HasFailure() ? 1 : 0);
+      },
+      ::testing::ExitedWithCode(0), "");
 }
 
 TEST(SnapshotIndex, WholeFilesAreReadByteForByteAtEverySize) {

@@ -2,6 +2,7 @@
 #include "tavo/eventlog.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -90,6 +91,28 @@ TEST(EventLogTest, ProcessesWriteTogether) {
   Json::Value out;
   ASSERT_TRUE(tavo::EventLogList(0, 0, &out));
   EXPECT_EQ(out["total"].asInt(), 61);
+}
+
+// Command-line calls each open the log anew, write one entry and exit. The
+// write-ahead log, which every new process reads whole, stays small however
+// many there were, and no entry is lost.
+TEST(EventLogTest, OneEntryProcessesKeepTheWriteAheadLogSmall) {
+  tavo_test::TempRoot root;
+  const int kProcesses = 150;  // about 300 pages of log if never emptied
+  for (int i = 0; i < kProcesses; ++i) {
+    pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) _exit(TAVOLogSet1(2, 1, 0x11800800, "g", "u", "", "") == 0 ? 0 : 1);
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "entry " << i;
+  }
+  struct stat st;
+  ASSERT_EQ(stat(root.Path("/var/lib/tavo/events.db-wal").c_str(), &st), 0);
+  EXPECT_LT(st.st_size, 100 * (4096 + 24));
+  Json::Value out;
+  ASSERT_TRUE(tavo::EventLogList(0, 0, &out));
+  EXPECT_EQ(out["total"].asInt(), kProcesses);
 }
 
 TEST(EventLogTest, PagesCountAllEntries) {
