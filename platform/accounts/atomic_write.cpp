@@ -22,7 +22,7 @@ namespace tavo {
 namespace acct {
 namespace {
 
-bool WriteAll(int fd, const std::string& data) {
+bool WriteAll(int fd, std::string_view data) {
   size_t done = 0;
   while (done < data.size()) {
     ssize_t n = write(fd, data.data() + done, data.size() - done);
@@ -45,7 +45,11 @@ void MaybeDieAt(const char* point) {
 FileSetWriter::~FileSetWriter() { Discard(); }
 
 void FileSetWriter::Add(const std::string& path, std::string content, unsigned new_mode) {
-  items_.push_back(Item{path, std::move(content), std::string(), new_mode});
+  items_.push_back(Item{path, std::move(content), std::string(), new_mode, Pieces(), false});
+}
+
+void FileSetWriter::Add(const std::string& path, Pieces pieces, unsigned new_mode) {
+  items_.push_back(Item{path, std::string(), std::string(), new_mode, std::move(pieces), true});
 }
 
 void FileSetWriter::Discard() {
@@ -69,9 +73,17 @@ bool FileSetWriter::Prepare(Item* item) {
                     : fchmod(fd, item->mode) == 0;
   if (!ok) ACCT_ERR(TAVO_ERR_IO);
   if (ok && TAVO_FAULT("file.write")) ok = false;
-  if (ok && !(WriteAll(fd, item->content) && TimedFsync(fd) == 0)) {
-    ok = false;
-    ACCT_ERR(TAVO_ERR_IO);
+  if (ok) {
+    bool wrote = true;
+    if (item->by_pieces) {
+      for (std::string_view piece : item->pieces) wrote = wrote && WriteAll(fd, piece);
+    } else {
+      wrote = WriteAll(fd, item->content);
+    }
+    if (!(wrote && TimedFsync(fd) == 0)) {
+      ok = false;
+      ACCT_ERR(TAVO_ERR_IO);
+    }
   }
   struct stat st;
   if (ok && fstat(fd, &st) == 0) item->ino = st.st_ino;
@@ -169,7 +181,7 @@ bool FileSetWriter::Commit() {
 
 std::string FileSetWriter::TakeContent(const std::string& path) {
   for (Item& it : items_)
-    if (it.path == path) return std::move(it.content);
+    if (it.path == path) return it.by_pieces ? Join(it.pieces) : std::move(it.content);
   return std::string();
 }
 

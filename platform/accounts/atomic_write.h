@@ -33,6 +33,8 @@
 #include <string>
 #include <vector>
 
+#include "line_splice.h"
+
 namespace tavo {
 namespace acct {
 
@@ -45,16 +47,22 @@ class FileSetWriter {
 
   // Queues `content` as the new content of `path`.
   void Add(const std::string& path, std::string content, unsigned new_mode = 0644);
+  // Queues the bytes of `pieces`, written as they are without being joined
+  // first; what they view must stay unchanged until the writer's last use.
+  void Add(const std::string& path, Pieces pieces, unsigned new_mode = 0644);
   bool empty() const { return items_.empty(); }
   bool Commit();
-  // The content queued for `path`, moved out ("" when none was queued); after
-  // a Commit that answered true, the bytes the file now holds.
+  // The content queued for `path`, moved out (or pieces joined; "" when none
+  // was queued); after a Commit that answered true, the bytes the file now
+  // holds.
   std::string TakeContent(const std::string& path);
 
  private:
   struct Item {
     std::string path, content, tmp;
     unsigned mode;
+    Pieces pieces;  // the content, when queued as pieces
+    bool by_pieces = false;
     unsigned long long ino = 0;  // of the prepared temporary file
   };
   bool Prepare(Item* item);

@@ -100,21 +100,24 @@ bool ApplyCreate(GroupChange* c) {
   const std::string group_path = TavoRootPath(kGroupPath);
   const std::string gshadow_path = TavoRootPath(kGshadowPath);
   const std::string desc_path = TavoRootPath(kDescPath);
+  // The new files are written from the old bytes and the new lines as they
+  // are; what the pieces view lives until the writer is done.
+  const std::string group_line = FormatGroupLine(g);
+  const std::string gshadow_line = c->new_name + ":!::" + members;
   FileSetWriter writer;
-  writer.Add(group_path, AppendLine(db->Text(), FormatGroupLine(g)));
+  writer.Add(group_path, AppendPieces(db->Text(), group_line));
   // A line left in gshadow for a group of this name that is gone is not kept twice.
   bool has_gshadow = false;
   std::shared_ptr<const FileText> gshadow = GshadowNow(&has_gshadow);
   if (!gshadow) return false;
   if (has_gshadow) {
-    const std::string line = c->new_name + ":!::" + members;
     LineSpan stale;
     if (FindNamedLine(gshadow->Text(), c->new_name, 0, &stale)) {
       std::string text = gshadow->Text();
       DropNamedLines(&text, c->new_name, 1);
-      writer.Add(gshadow_path, AppendLine(text, line), 0640);
+      writer.Add(gshadow_path, AppendLine(text, gshadow_line), 0640);
     } else {
-      writer.Add(gshadow_path, AppendLine(gshadow->Text(), line), 0640);
+      writer.Add(gshadow_path, AppendPieces(gshadow->Text(), gshadow_line), 0640);
     }
   }
   // Descriptions: an old line of this name goes; the new one is added when

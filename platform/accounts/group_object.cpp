@@ -61,9 +61,20 @@ struct Group::Rep {
   std::vector<std::string> members;
   MemberIndex member_index;  // over `members`
   std::string desc;
+  bool desc_loaded = true;  // a loaded group's description is read when first needed
   bool desc_changed = false;
   std::vector<std::string> added, removed;
   int pending_error = TAVO_ERR_NONE;  // a refused SetName/SetDesc fails Save
+
+  // Reads the description of a loaded group, once.
+  bool LoadDesc() {
+    if (desc_loaded) return true;
+    auto descs = Descriptions();
+    if (!descs) return false;
+    desc = DescriptionOf(*descs, orig_name);
+    desc_loaded = true;
+    return true;
+  }
 };
 
 Group::Group(std::unique_ptr<Rep> rep) : rep_(std::move(rep)) {}
@@ -103,11 +114,8 @@ Group* Group::LoadGroup(const std::string& name) {
     rep->gid = rec->gid;
     for (int i = 0; i < rec->member_count; ++i) rep->members.emplace_back(rec->members[i]);
     TAVOGroupFree(rec);
-    if (rep->kind == TAVO_GROUP_LOCAL) {
-      auto descs = Descriptions();
-      if (!descs) return nullptr;
-      rep->desc = DescriptionOf(*descs, rep->name);
-    }
+    // Only local groups have descriptions; most callers never ask for one.
+    rep->desc_loaded = rep->kind != TAVO_GROUP_LOCAL;
     return new Group(std::move(rep));
   });
 }
@@ -134,7 +142,9 @@ bool Group::IsGroupExist(const std::string& name) {
 void Group::Release(Group* group) { delete group; }
 
 std::string Group::GetName() const { return rep_->name; }
-std::string Group::GetDesc() const { return rep_->desc; }
+std::string Group::GetDesc() const {
+  return Guarded(std::string(), [&] { return rep_->LoadDesc() ? rep_->desc : std::string(); });
+}
 unsigned int Group::GetGID() const { return rep_->gid; }
 std::vector<std::string> Group::GetMembers() const { return rep_->members; }
 
@@ -204,6 +214,7 @@ bool Group::SetDesc(const std::string& desc) {
       rep_->pending_error = why;
       return TAVO_ERR_SET(why), false;
     }
+    if (!rep_->LoadDesc()) return false;
     if (desc != rep_->desc || rep_->created) rep_->desc_changed = true;
     rep_->desc = desc;
     return true;

@@ -49,10 +49,44 @@ bool LockAndRecover(AccountLock* lock) {
   return RecoverChange("the next writer", &report);
 }
 
-// gshadow's bytes `text` with the group's line as change `c` leaves it:
-// named c.new_name, its members changed by c.added and c.removed (a line
-// NAME:!::MEMBERS, with the group's `members`, when there is none or it does
-// not parse), and a line left for a gone group of the new name dropped.
+// How change `c` leaves the group's line in gshadow's bytes `text`: the line
+// named c.orig_name, renamed to c.new_name and its members changed by
+// c.added and c.removed, replaces the old one (`found`); when there is none
+// or it does not parse, NAME:!::MEMBERS with the group's `members` is added
+// or put in its place. `unchanged` when the bytes stay as they are.
+struct GshadowEdit {
+  bool found = false;
+  LineSpan span;
+  std::string line;
+  bool unchanged = false;
+};
+
+GshadowEdit EditGshadow(const std::string& text, const GroupChange& c,
+                        const std::vector<std::string>& members) {
+  GshadowEdit e;
+  const std::string fresh = c.new_name + ":!::" + JoinMembers(members);
+  e.found = FindNamedLine(text, c.orig_name, 0, &e.span);
+  if (!e.found) {
+    e.line = fresh;
+    return e;
+  }
+  e.line = text.substr(e.span.begin, e.span.end - e.span.begin);
+  const std::string before = e.line;
+  std::vector<std::string> gm = SplitMembers(GetField(e.line, 3));
+  ApplyMembers(&gm, c.added, c.removed);
+  if (!ReplaceField(&e.line, 0, c.new_name) || !ReplaceField(&e.line, 3, JoinMembers(gm)))
+    e.line = fresh;
+  e.unchanged = e.line == before;
+  return e;
+}
+
+// The bytes of `text` with edit `e` made (views into `text` and e.line).
+Pieces EditPieces(const std::string& text, const GshadowEdit& e) {
+  return e.found ? SplicePieces(text, e.span, e.line) : AppendPieces(text, e.line);
+}
+
+// gshadow's bytes `text` with the group's line as change `c` leaves it (see
+// EditGshadow), and a line left for a gone group of the new name dropped.
 // Every other byte is kept; "" when nothing changes.
 std::string ChangedGshadow(const std::string& text, const GroupChange& c,
                            const std::vector<std::string>& members) {
@@ -62,16 +96,9 @@ std::string ChangedGshadow(const std::string& text, const GroupChange& c,
     dropped = text;
     if (DropNamedLines(&dropped, c.new_name, 1)) from = &dropped;
   }
-  const std::string fresh = c.new_name + ":!::" + JoinMembers(members);
-  LineSpan s;
-  if (!FindNamedLine(*from, c.orig_name, 0, &s)) return AppendLine(*from, fresh);
-  std::string line = from->substr(s.begin, s.end - s.begin);
-  const std::string before = line;
-  std::vector<std::string> gm = SplitMembers(GetField(line, 3));
-  ApplyMembers(&gm, c.added, c.removed);
-  if (!ReplaceField(&line, 0, c.new_name) || !ReplaceField(&line, 3, JoinMembers(gm))) line = fresh;
-  if (line == before) return from == &text ? std::string() : dropped;
-  return SpliceLine(*from, s, line);
+  const GshadowEdit e = EditGshadow(*from, c, members);
+  if (e.unchanged) return from == &text ? std::string() : dropped;
+  return Join(EditPieces(*from, e));
 }
 
 // A change of members alone: the group's line and its gshadow line are
@@ -110,13 +137,15 @@ bool ApplyMemberChange(GroupChange* c) {
   }
   const std::string new_line = FormatGroupLine(g);
 
+  // The new files are written from the old bytes and the new lines as they
+  // are; what the pieces view lives until the writer is done.
+  GshadowEdit gshadow_edit;
+  if (has_gshadow) gshadow_edit = EditGshadow(gshadow_text, *c, g.members);
   FileSetWriter writer;
   const bool group_changes = new_line != old_line;
-  if (group_changes) writer.Add(group_path, SpliceLine(group_text, span, new_line));
-  if (has_gshadow) {
-    std::string text = ChangedGshadow(gshadow_text, *c, g.members);
-    if (!text.empty()) writer.Add(gshadow_path, std::move(text), 0640);
-  }
+  if (group_changes) writer.Add(group_path, SplicePieces(group_text, span, new_line));
+  if (has_gshadow && !gshadow_edit.unchanged)
+    writer.Add(gshadow_path, EditPieces(gshadow_text, gshadow_edit), 0640);
   if (!writer.Commit()) return false;
   if (IsOneShotProcess()) return true;  // nobody reads them again
   if (group_changes) InstallLocalGroups(db->WithMembersChanged(self, writer.TakeContent(group_path)));

@@ -27,26 +27,38 @@ bool FindNamedLine(const std::string& text, const std::string& name, size_t from
   return true;
 }
 
-std::string SpliceLine(const std::string& text, const LineSpan& span, const std::string& line) {
+std::string Join(const Pieces& pieces) {
+  size_t size = 0;
+  for (std::string_view p : pieces) size += p.size();
   std::string out;
-  out.reserve(text.size() + line.size() + 1);
+  out.reserve(size);
   PrefaultHeap(&out[0], out.capacity());
-  out.append(text, 0, span.begin);
-  out += line;
-  if (span.end < text.size()) out.append(text, span.end, std::string::npos);
-  else out += '\n';
+  for (std::string_view p : pieces) out.append(p.data(), p.size());
+  return out;
+}
+
+Pieces SplicePieces(const std::string& text, const LineSpan& span, const std::string& line) {
+  const std::string_view all(text);
+  Pieces out{all.substr(0, span.begin), line};
+  if (span.end < text.size()) out.push_back(all.substr(span.end));
+  else out.push_back("\n");
+  return out;
+}
+
+std::string SpliceLine(const std::string& text, const LineSpan& span, const std::string& line) {
+  return Join(SplicePieces(text, span, line));
+}
+
+Pieces AppendPieces(const std::string& text, const std::string& line) {
+  Pieces out{text};
+  if (!text.empty() && text.back() != '\n') out.push_back("\n");
+  out.push_back(line);
+  out.push_back("\n");
   return out;
 }
 
 std::string AppendLine(const std::string& text, const std::string& line) {
-  std::string out;
-  out.reserve(text.size() + line.size() + 2);
-  PrefaultHeap(&out[0], out.capacity());
-  out = text;
-  if (!out.empty() && out.back() != '\n') out += '\n';
-  out += line;
-  out += '\n';
-  return out;
+  return Join(AppendPieces(text, line));
 }
 
 bool DropNamedLines(std::string* text, const std::string& name, size_t max) {

@@ -106,6 +106,9 @@ class Group {
   static void Release(Group* group);
 
   std::string GetName() const;
+  // A loaded group's description is read at the first GetDesc or SetDesc
+  // (most callers never need it); "" with the error state set when
+  // group_desc cannot be read.
   std::string GetDesc() const;
   unsigned int GetGID() const;  // 0 for a created group before Save
   std::vector<std::string> GetMembers() const;
