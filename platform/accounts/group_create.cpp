@@ -135,9 +135,11 @@ bool ApplyCreate(GroupChange* c) {
   }
   if (!writer.Commit()) return false;
   // The next reader finds the snapshot of the bytes written, made without
-  // parsing the file again.
-  if (IsOneShotProcess()) return true;  // nobody reads them again
+  // parsing the file again. Even a one-shot process keeps that of etc/group:
+  // the creator reads the new group back, and carrying the entries over
+  // costs less than parsing the file anew.
   InstallLocalGroups(db->WithLineAppended(writer.TakeContent(group_path)));
+  if (IsOneShotProcess()) return true;  // nobody reads gshadow again
   std::string gshadow_written = writer.TakeContent(gshadow_path);
   if (!gshadow_written.empty()) InstallGshadow(std::move(gshadow_written));
   return true;

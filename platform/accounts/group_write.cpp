@@ -258,13 +258,15 @@ int CheckGroupLimit(int count) {
 bool ApplyGroupChange(GroupChange* c) {
   AccountLock lock;
   if (!LockAndRecover(&lock)) return false;
-  auto users = Passwd();
-  if (!users) return false;
   // Members are written under the user's own name, as glibc and the account
   // tools match them exactly; a name that is no user's stays as given.
-  for (std::string& a : c->added) {
-    int u = users->Find(a);
-    if (u >= 0) a.assign(users->Name(u));
+  if (!c->added.empty()) {
+    auto users = Passwd();
+    if (!users) return false;
+    for (std::string& a : c->added) {
+      int u = users->Find(a);
+      if (u >= 0) a.assign(users->Name(u));
+    }
   }
   const bool renaming = !c->create && c->new_name != c->orig_name;
   if (c->create) return ApplyCreate(c);
