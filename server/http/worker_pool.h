@@ -4,7 +4,9 @@
 // Executor is the seam: the HTTP core only needs TrySubmit, so another
 // implementation could hand the job to a separate, less privileged process.
 // WorkerPool runs jobs on a fixed set of threads from a bounded queue; when
-// the queue is full, TrySubmit refuses at once instead of waiting.
+// the queue is full, TrySubmit refuses at once instead of waiting. A job goes
+// to the thread that became idle last, whose caches are still warm, rather
+// than to the one idle longest.
 //
 // Ownership: jobs are moved into the pool and destroyed after they ran.
 // Thread-safety: TrySubmit may be called from any thread. The destructor
@@ -16,6 +18,7 @@
 #include <cstddef>
 #include <deque>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -41,12 +44,18 @@ class WorkerPool : public Executor {
   bool TrySubmit(std::function<void()> job) override;
 
  private:
-  void Work();
+  // One per thread, for the pool's whole life; guarded by mu_.
+  struct Slot {
+    std::condition_variable wake;
+    bool woken = false;  // handed a job (or told to stop) since it went idle
+  };
+  void Work(Slot* me);
 
   const size_t queue_limit_;
   std::mutex mu_;
-  std::condition_variable wake_;
   std::deque<std::function<void()>> queue_;
+  std::vector<std::unique_ptr<Slot>> slots_;
+  std::vector<Slot*> idle_;  // waiting threads, the most recently idle last
   bool stopping_ = false;
   std::vector<std::thread> threads_;
 };

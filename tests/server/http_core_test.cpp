@@ -3,8 +3,12 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
+#include <future>
 #include <mutex>
+#include <set>
+#include <thread>
 
 #include "access_log.h"
 #include "compress.h"
@@ -56,6 +60,23 @@ TEST(WorkerPoolTest, RefusesWhenTheQueueIsFullAndRunsEverythingAccepted) {
     cv.notify_all();
   }  // the destructor finishes the queue
   EXPECT_EQ(ran.load(), accepted);
+}
+
+// Jobs one at a time, each after the last one's thread went idle again:
+// every one runs on that same thread (its caches warm), not on the thread
+// idle longest, in turn.
+TEST(WorkerPoolTest, AJobGoesToTheThreadIdleLast) {
+  WorkerPool pool(4, 8);
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));  // every thread idle
+  std::set<std::thread::id> threads;
+  for (int i = 0; i < 12; ++i) {
+    std::promise<std::thread::id> ran;
+    std::future<std::thread::id> done = ran.get_future();
+    ASSERT_TRUE(pool.TrySubmit([&ran] { ran.set_value(std::this_thread::get_id()); }));
+    threads.insert(done.get());
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));  // the thread goes idle
+  }
+  EXPECT_EQ(threads.size(), 1u);
 }
 
 TEST(AccessLogTest, OneLinePerRequestWithHostileTextKeptToOneWord) {
