@@ -20,8 +20,8 @@
 #include "names.h"
 #include "snapshot.h"
 #include "tavo/conf.h"
-#include "tavo/one_shot.h"
 #include "tavo/error.h"
+#include "tavo/one_shot.h"
 #include "tavo/root.h"
 
 namespace tavo {

@@ -337,6 +337,19 @@ TEST(GroupWrite, SaveKeepsAValidAdministratorAndTheGroupLimit) {
   EXPECT_TRUE(ChangeMembersSaved("second", {"ann"}, {}));  // changes stay allowed at the limit
 }
 
+// A new group's lines go on lines of their own after a last line without a
+// newline, which stays as it was.
+TEST(GroupWrite, CreationAfterALastLineWithoutNewline) {
+  TempRoot root;
+  root.Write("/etc/group", root.Read("/etc/group") + "team:x:1600:admin");
+  root.Write("/etc/gshadow", root.Read("/etc/gshadow") + "team:!::admin");
+  const std::string group = root.Read("/etc/group"), gshadow = root.Read("/etc/gshadow");
+  const unsigned gid = CreateSaved("crew");
+  ASSERT_NE(0u, gid);
+  EXPECT_EQ(group + "\ncrew:x:" + std::to_string(gid) + ":\n", root.Read("/etc/group"));
+  EXPECT_EQ(gshadow + "\ncrew:!::\n", root.Read("/etc/gshadow"));
+}
+
 // A save with nothing to change leaves both files byte for byte, even lines
 // a rewrite would tidy (a short gshadow line, no final newline).
 TEST(GroupWrite, UnchangedSaveLeavesUntidyLinesAlone) {
