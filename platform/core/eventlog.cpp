@@ -76,10 +76,15 @@ bool Exec(sqlite3* db, const char* sql) {
 // run of short-lived processes (command-line calls, one entry each) would
 // fold it all again at every call and never empty it, and every call would
 // read more of it.
+// The fold never waits: while another process reads or writes the log, it
+// is left to a later commit (a request must not wait on a reader).
 constexpr int kFoldPages = 64;
 int FoldLog(void*, sqlite3* db, const char* schema, int pages) {
-  if (pages >= kFoldPages)
+  if (pages >= kFoldPages) {
+    sqlite3_busy_timeout(db, 0);
     sqlite3_wal_checkpoint_v2(db, schema, SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr);
+    sqlite3_busy_timeout(db, kBusyTimeoutMs);
+  }
   return SQLITE_OK;  // an entry is kept whether or not the log could be folded now
 }
 
