@@ -5,7 +5,8 @@
 #   tavo call Group create        vs  groupadd -P ROOT
 #   tavo call Group list (50, with descriptions)  vs  getent group via nss_wrapper
 #   bench/process_bench.sh [TAVO_BIN] [ROUNDS] [SIZES...]   (root needed for the tools)
-# Prints the median of ROUNDS (default 5) for each, in ms, and the ratios.
+# Prints the median of ROUNDS (default 5) for each, in ms, and the ratios;
+# then how each grows from the smallest root to the largest.
 set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
 tavo=${1:-$top/build/bin/tavo}
@@ -51,5 +52,11 @@ for n in $sizes; do
   awk -v n="$n" -v a="$a" -v b="$b" -v c="$c" -v d="$d" -v e="$e" -v f="$f" 'BEGIN {
     printf "%8d  %8.1f/%-8.1f = %5.2f  %8.1f/%-8.1f = %5.2f  %8.1f/%-8.1f = %5.2f\n",
            n, a, b, a / b, c, d, c / d, e, f, e / f }'
+  echo "$n $a $b $c $d $e $f" >>"$work/medians"
   rm -rf "$R"
 done
+# How each figure grows from the smallest root to the largest.
+sort -n "$work/medians" | awk 'NR == 1 { split($0, lo) } { split($0, hi) } END {
+  if (NR < 2) exit
+  printf "growth from %d to %d groups: member add x%.1f (gpasswd x%.1f), create x%.1f (groupadd x%.1f), list x%.1f (getent x%.1f)\n",
+         lo[1], hi[1], hi[2] / lo[2], hi[3] / lo[3], hi[4] / lo[4], hi[5] / lo[5], hi[6] / lo[6], hi[7] / lo[7] }'
