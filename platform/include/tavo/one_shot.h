@@ -6,8 +6,10 @@
 // command line's `call`) never uses it; at 100,000 groups building it costs
 // more than a tenth of such a call. Such a process calls SetOneShotProcess()
 // before its request: the store then drops what it wrote from its caches
-// instead, and a later read in the process reads the files again. Nothing
-// else changes: what is written, and what every read answers, is the same.
+// instead, and a later read in the process reads the files again (a creation
+// still keeps etc/group's, which its caller reads the new group back from).
+// Nothing else changes: what is written, and what every read answers, is the
+// same.
 //
 // Thread-safety: call before the first request; it may be read from any thread.
 // Errors: none.
