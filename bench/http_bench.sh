@@ -103,4 +103,4 @@ echo "== a membership change over keep-alive, beside the same change in process"
 # both sides alike.
 cp -a "$work/root" "$work/root2"
 python3 "$top/bench/http_clients.py" paired "$port" "$token" g00000 u05000 100 \
-  "$dir/bin/call_in_process" "$work/root2" "$dir/modules" g00000 u05000 -
+  "$dir/bin/call_in_process" "$work/root2" "$dir/modules" g00000 u05000

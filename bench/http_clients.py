@@ -5,8 +5,8 @@
       one keep-alive connection, N sequential GETs: median and p99 in ms
   http_clients.py paired PORT TOKEN GROUP USER N CMD...
       N rounds of: USER added to and removed from GROUP over one keep-alive
-      connection, then the same two changes made by CMD (call_in_process in
-      its step mode, on a copy of the root); the median of each, and the
+      connection, then the same two changes made by CMD (call_in_process on a
+      copy of the root); the median of each, and the
       median of the differences of the pairs, in us
   http_clients.py slow PORT TOKEN PID HEADS IDLE
       HEADS connections holding half-sent heads and IDLE kept-alive idle
