@@ -7,7 +7,6 @@
 #include "tavo/eventlog.h"
 
 #include <errno.h>
-#include <sqlite3.h>
 #include <sys/stat.h>
 #include <syslog.h>
 #include <time.h>
@@ -17,6 +16,7 @@
 #include <mutex>
 
 #include "os_util.h"
+#include "sqlite_lib.h"
 #include "tavo/account.h"
 #include "tavo/error.h"
 #include "tavo/root.h"
@@ -37,10 +37,14 @@ constexpr const char* kSchema =
     " account TEXT NOT NULL,"
     " message TEXT NOT NULL)";
 
+// SQLite's functions. Loaded by Acquire before any other use: every call
+// below is made on a connection or statement that Acquire's connection made.
+const tavo::internal::SqliteCalls& Sq() { return *tavo::internal::Sqlite(); }
+
 class Stmt {
  public:
   Stmt() = default;
-  ~Stmt() { sqlite3_finalize(st_); }
+  ~Stmt() { Sq().finalize(st_); }
   Stmt(const Stmt&) = delete;
   Stmt& operator=(const Stmt&) = delete;
   sqlite3_stmt* get() const { return st_; }
@@ -51,7 +55,7 @@ class Stmt {
 };
 
 bool Fail(sqlite3* db, const char* what) {
-  syslog(LOG_ERR, "event log: %s failed: %s", what, db ? sqlite3_errmsg(db) : "no database");
+  syslog(LOG_ERR, "event log: %s failed: %s", what, db ? Sq().errmsg(db) : "no database");
   TAVO_ERR_SET(TAVO_ERR_DB);
   return false;
 }
@@ -61,7 +65,7 @@ bool Fail(sqlite3* db, const char* what) {
 bool Exec(sqlite3* db, const char* sql) {
   const long long deadline = tavo::internal::NowMillis() + kBusyTimeoutMs;
   for (;;) {
-    int rc = sqlite3_exec(db, sql, nullptr, nullptr, nullptr);
+    int rc = Sq().exec(db, sql, nullptr, nullptr, nullptr);
     if (rc == SQLITE_OK) return true;
     if ((rc & 0xFF) != SQLITE_BUSY && (rc & 0xFF) != SQLITE_LOCKED) return false;
     if (tavo::internal::NowMillis() >= deadline) return false;
@@ -81,9 +85,9 @@ bool Exec(sqlite3* db, const char* sql) {
 constexpr int kFoldPages = 64;
 int FoldLog(void*, sqlite3* db, const char* schema, int pages) {
   if (pages >= kFoldPages) {
-    sqlite3_busy_timeout(db, 0);
-    sqlite3_wal_checkpoint_v2(db, schema, SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr);
-    sqlite3_busy_timeout(db, kBusyTimeoutMs);
+    Sq().busy_timeout(db, 0);
+    Sq().wal_checkpoint_v2(db, schema, SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr);
+    Sq().busy_timeout(db, kBusyTimeoutMs);
   }
   return SQLITE_OK;  // an entry is kept whether or not the log could be folded now
 }
@@ -102,7 +106,7 @@ Connection g_conn;
 void Drop() {
   // A connection opened by the parent process is abandoned, not closed:
   // closing it here could checkpoint and remove the WAL the parent uses.
-  if (g_conn.db && g_conn.pid == getpid()) sqlite3_close_v2(g_conn.db);
+  if (g_conn.db && g_conn.pid == getpid()) Sq().close_v2(g_conn.db);
   g_conn = Connection();
 }
 
@@ -118,24 +122,28 @@ sqlite3* Acquire() {
     return g_conn.db;
   }
   Drop();
+  if (tavo::internal::Sqlite() == nullptr) {
+    TAVO_ERR_SET(TAVO_ERR_DB);
+    return nullptr;
+  }
   if (!tavo::internal::MakeParentDirs(path, 0755)) {
     syslog(LOG_ERR, "event log: cannot create the folder of %s", path.c_str());
     TAVO_ERR_SET(TAVO_ERR_DB);
     return nullptr;
   }
   sqlite3* db = nullptr;
-  int rc = sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr);
+  int rc = Sq().open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr);
   if (rc == SQLITE_OK) {
-    sqlite3_busy_timeout(db, kBusyTimeoutMs);
+    Sq().busy_timeout(db, kBusyTimeoutMs);
     if (!Exec(db, "PRAGMA journal_mode=WAL") || !Exec(db, "PRAGMA synchronous=FULL") ||
         !Exec(db, kSchema) || stat(path.c_str(), &st) != 0) {
       rc = SQLITE_ERROR;
     }
   }
-  if (rc == SQLITE_OK) sqlite3_wal_hook(db, FoldLog, nullptr);
+  if (rc == SQLITE_OK) Sq().wal_hook(db, FoldLog, nullptr);
   if (rc != SQLITE_OK) {
     Fail(db, "opening the database");
-    sqlite3_close_v2(db);
+    Sq().close_v2(db);
     return nullptr;
   }
   g_conn.db = db;
@@ -155,47 +163,47 @@ std::string IsoTime(long long seconds) {
 }
 
 std::string Column(sqlite3_stmt* st, int i) {
-  const unsigned char* text = sqlite3_column_text(st, i);
+  const unsigned char* text = Sq().column_text(st, i);
   return text ? reinterpret_cast<const char*>(text) : "";
 }
 
 bool ReadEntries(sqlite3* db, int offset, int limit, Json::Value* out) {
   Stmt exists;
-  if (sqlite3_prepare_v2(db, "SELECT 1 FROM sqlite_master WHERE type='table' AND name='events'", -1,
+  if (Sq().prepare_v2(db, "SELECT 1 FROM sqlite_master WHERE type='table' AND name='events'", -1,
                          exists.out(), nullptr) != SQLITE_OK) {
     return Fail(db, "reading the schema");
   }
-  int rc = sqlite3_step(exists.get());
+  int rc = Sq().step(exists.get());
   if (rc == SQLITE_DONE) return true;  // no entry was ever written
   if (rc != SQLITE_ROW) return Fail(db, "reading the schema");
 
   Stmt count;
-  if (sqlite3_prepare_v2(db, "SELECT COUNT(*) FROM events", -1, count.out(), nullptr) !=
+  if (Sq().prepare_v2(db, "SELECT COUNT(*) FROM events", -1, count.out(), nullptr) !=
           SQLITE_OK ||
-      sqlite3_step(count.get()) != SQLITE_ROW) {
+      Sq().step(count.get()) != SQLITE_ROW) {
     return Fail(db, "counting entries");
   }
-  (*out)["total"] = static_cast<Json::Int64>(sqlite3_column_int64(count.get(), 0));
+  (*out)["total"] = static_cast<Json::Int64>(Sq().column_int64(count.get(), 0));
 
   Stmt list;
-  if (sqlite3_prepare_v2(db,
+  if (Sq().prepare_v2(db,
                          "SELECT id, time, event, category, level, arg1, arg2, arg3, arg4,"
                          " account, message FROM events ORDER BY id DESC LIMIT ? OFFSET ?",
                          -1, list.out(), nullptr) != SQLITE_OK) {
     return Fail(db, "listing entries");
   }
-  sqlite3_bind_int(list.get(), 1, limit < 0 ? -1 : limit);
-  sqlite3_bind_int(list.get(), 2, offset < 0 ? 0 : offset);
-  while ((rc = sqlite3_step(list.get())) == SQLITE_ROW) {
+  Sq().bind_int(list.get(), 1, limit < 0 ? -1 : limit);
+  Sq().bind_int(list.get(), 2, offset < 0 ? 0 : offset);
+  while ((rc = Sq().step(list.get())) == SQLITE_ROW) {
     sqlite3_stmt* st = list.get();
     Json::Value entry(Json::objectValue);
-    entry["id"] = static_cast<Json::Int64>(sqlite3_column_int64(st, 0));
-    entry["time"] = IsoTime(sqlite3_column_int64(st, 1));
+    entry["id"] = static_cast<Json::Int64>(Sq().column_int64(st, 0));
+    entry["time"] = IsoTime(Sq().column_int64(st, 1));
     char id[16];
-    std::snprintf(id, sizeof(id), "0x%08X", static_cast<unsigned int>(sqlite3_column_int64(st, 2)));
+    std::snprintf(id, sizeof(id), "0x%08X", static_cast<unsigned int>(Sq().column_int64(st, 2)));
     entry["event"] = id;
-    entry["category"] = sqlite3_column_int(st, 3);
-    entry["level"] = sqlite3_column_int(st, 4);
+    entry["category"] = Sq().column_int(st, 3);
+    entry["level"] = Sq().column_int(st, 4);
     entry["account"] = Column(st, 9);
     Json::Value args(Json::arrayValue);
     for (int i = 5; i <= 8; ++i) args.append(Column(st, i));
@@ -220,7 +228,7 @@ int TAVOLogSet1(int category, int level, unsigned int event, const char* a1, con
   sqlite3* db = Acquire();
   if (!db) return -1;
   Stmt st;
-  if (sqlite3_prepare_v2(db,
+  if (Sq().prepare_v2(db,
                          "INSERT INTO events (time, event, category, level, arg1, arg2, arg3,"
                          " arg4, account, message) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?)",
                          -1, st.out(), nullptr) != SQLITE_OK) {
@@ -228,16 +236,16 @@ int TAVOLogSet1(int category, int level, unsigned int event, const char* a1, con
     Drop();
     return -1;
   }
-  sqlite3_bind_int64(st.get(), 1, static_cast<sqlite3_int64>(time(nullptr)));
-  sqlite3_bind_int64(st.get(), 2, static_cast<sqlite3_int64>(event));
-  sqlite3_bind_int(st.get(), 3, category);
-  sqlite3_bind_int(st.get(), 4, level);
+  Sq().bind_int64(st.get(), 1, static_cast<sqlite3_int64>(time(nullptr)));
+  Sq().bind_int64(st.get(), 2, static_cast<sqlite3_int64>(event));
+  Sq().bind_int(st.get(), 3, category);
+  Sq().bind_int(st.get(), 4, level);
   for (int i = 0; i < 4; ++i) {
-    sqlite3_bind_text(st.get(), 5 + i, args[i].c_str(), -1, SQLITE_TRANSIENT);
+    Sq().bind_text(st.get(), 5 + i, args[i].c_str(), -1, SQLITE_TRANSIENT);
   }
-  sqlite3_bind_text(st.get(), 9, account.c_str(), -1, SQLITE_TRANSIENT);
-  sqlite3_bind_text(st.get(), 10, message.c_str(), -1, SQLITE_TRANSIENT);
-  if (sqlite3_step(st.get()) != SQLITE_DONE) {
+  Sq().bind_text(st.get(), 9, account.c_str(), -1, SQLITE_TRANSIENT);
+  Sq().bind_text(st.get(), 10, message.c_str(), -1, SQLITE_TRANSIENT);
+  if (Sq().step(st.get()) != SQLITE_DONE) {
     Fail(db, "writing an entry");
     Drop();
     return -1;

@@ -8,8 +8,9 @@
 // has no terminator within kMaxRows rows, or claims an (API, version, method)
 // that is already registered. It is also refused when it was built against
 // another platform ABI (module_abi.h), or when it exports GetAPIDescription
-// and that text is not a valid description of its own table's methods. A
-// failed load leaves the set unusable: the
+// and that text is not a valid description of its own table's methods (unless
+// the set was told to skip descriptions: a one-off call, which never shows
+// them, does not read them). A failed load leaves the set unusable: the
 // caller is expected to stop instead of serving a half-loaded module.
 //
 // Ownership: the set owns the library handles and keeps them open for its
@@ -45,6 +46,9 @@ class ModuleSet {
 
   ModuleSet() = default;
   ~ModuleSet();
+  // Descriptions are read and checked unless this is set before loading;
+  // methods loaded without them describe themselves as null JSON.
+  void SkipDescriptions() { skip_descriptions_ = true; }
   ModuleSet(const ModuleSet&) = delete;
   ModuleSet& operator=(const ModuleSet&) = delete;
 
@@ -104,6 +108,7 @@ class ModuleSet {
   std::vector<void*> handles_;
   std::map<Key, Method> methods_;
   int next_order_ = 0;
+  bool skip_descriptions_ = false;
 };
 
 }  // namespace tavo_server

@@ -21,6 +21,9 @@ constexpr int kExitModules = 3;
 constexpr int kNeedsFullProgram = -100;
 
 int ServeMain(const std::vector<std::string>& args);
+// Once the call has answered, ends the process itself (output flushed,
+// nothing freed); it returns only for usage errors, refused modules and
+// kNeedsFullProgram.
 int CallMain(const std::vector<std::string>& args);
 int InitMain(const std::vector<std::string>& args);
 int LogMain(const std::vector<std::string>& args);
