@@ -54,12 +54,14 @@ void FileSetWriter::Add(const std::string& path, Pieces pieces, unsigned new_mod
 
 void FileSetWriter::Discard() {
   for (Item& it : items_) {
+    if (it.fd >= 0) close(it.fd);
+    it.fd = -1;
     if (!it.tmp.empty()) unlink(it.tmp.c_str());
     it.tmp.clear();
   }
 }
 
-bool FileSetWriter::Prepare(Item* item) {
+bool FileSetWriter::Write(Item* item) {
   const std::string dir = DirOf(item->path);
   const size_t slash = item->path.rfind('/');
   const std::string base = slash == std::string::npos ? item->path : item->path.substr(slash + 1);
@@ -69,6 +71,7 @@ bool FileSetWriter::Prepare(Item* item) {
   int fd = mkostemp(tmp.data(), O_CLOEXEC);
   if (fd < 0) return ACCT_ERR(TAVO_ERR_IO), false;
   item->tmp = tmp;
+  item->fd = fd;
   bool ok = existed ? fchown(fd, old.st_uid, old.st_gid) == 0 && fchmod(fd, old.st_mode & 07777) == 0
                     : fchmod(fd, item->mode) == 0;
   if (!ok) ACCT_ERR(TAVO_ERR_IO);
@@ -80,28 +83,41 @@ bool FileSetWriter::Prepare(Item* item) {
     } else {
       wrote = WriteAll(fd, item->content);
     }
-    if (!(wrote && TimedFsync(fd) == 0)) {
+    if (!wrote) {
       ok = false;
       ACCT_ERR(TAVO_ERR_IO);
     }
   }
+  // Only a hint: the fsync of Settle is what makes the file durable.
+  if (ok) sync_file_range(fd, 0, 0, SYNC_FILE_RANGE_WRITE);
+  return ok;
+}
+
+bool FileSetWriter::Settle(Item* item) {
+  bool ok = TimedFsync(item->fd) == 0;
+  if (!ok) ACCT_ERR(TAVO_ERR_IO);
   struct stat st;
-  if (ok && fstat(fd, &st) == 0) item->ino = st.st_ino;
-  if (close(fd) != 0 && ok) {
+  if (ok && fstat(item->fd, &st) == 0) item->ino = st.st_ino;
+  if (close(item->fd) != 0 && ok) {
     ok = false;
     ACCT_ERR(TAVO_ERR_IO);
   }
+  item->fd = -1;
   return ok;
 }
 
 bool FileSetWriter::Commit() {
   if (items_.empty()) return true;
-  // 1. Every new content durably in its temporary file; a failure changes nothing.
-  for (Item& it : items_) {
-    if (!Prepare(&it)) {
-      Discard();
-      CountCommit(false, 0);
-      return false;
+  // 1. Every new content durably in its temporary file; a failure changes
+  // nothing. All are written (and their writing back started) before the
+  // first is waited for.
+  for (int step = 0; step < 2; ++step) {
+    for (Item& it : items_) {
+      if (!(step == 0 ? Write(&it) : Settle(&it))) {
+        Discard();
+        CountCommit(false, 0);
+        return false;
+      }
     }
   }
   // 2. The intent, durably, before the first rename.

@@ -4,8 +4,10 @@
 //   1. prepare: each new content goes to a temporary file in the target's
 //      folder (".NAME.tavo.XXXXXX", never NAME+, NAME-, NAME.lock or
 //      NAME.<pid>) with the old file's owner and mode (or `new_mode` and root
-//      for a new file), and is fsynced. A failure here removes every temporary
-//      file: nothing changed, and Commit answers false.
+//      for a new file). The writing back of every file is started before the
+//      first is waited for, so that the disk writes them together; then each
+//      is fsynced. A failure here removes every temporary file: nothing
+//      changed, and Commit answers false.
 //   2. intent: a small journal (see change_journal.h) naming each target, its
 //      temporary file and the identity of the file it replaces is written in
 //      place and synced. From here on the change is decided and will be
@@ -64,8 +66,13 @@ class FileSetWriter {
     Pieces pieces;  // the content, when queued as pieces
     bool by_pieces = false;
     unsigned long long ino = 0;  // of the prepared temporary file
+    int fd = -1;                 // the temporary file, between Write and Settle
   };
-  bool Prepare(Item* item);
+  // Creates and writes the temporary file and starts writing it back; the
+  // file stays open for Settle.
+  bool Write(Item* item);
+  // Waits until the temporary file is durable, and closes it.
+  bool Settle(Item* item);
   void Discard();
   std::vector<Item> items_;
 };
