@@ -61,6 +61,22 @@ void FileSetWriter::Discard() {
   }
 }
 
+int FileSetWriter::Recycle(const std::string& spare, Item* item) {
+  // Only a plain file of ours, with no other name that would see it change.
+  struct stat st;
+  if (lstat(spare.c_str(), &st) != 0 || !S_ISREG(st.st_mode) || st.st_nlink != 1) return 0;
+  // The spare takes the place of the empty file just made (whose name is
+  // unique), so that the name stays one that recovery knows.
+  if (rename(spare.c_str(), item->tmp.c_str()) != 0) return 0;
+  int fd = open(item->tmp.c_str(), O_WRONLY | O_CLOEXEC | O_NOFOLLOW);
+  // The empty file lost its name: the write cannot go on (Discard removes
+  // the name, now the spare's).
+  if (fd < 0) return -1;
+  close(item->fd);
+  item->fd = fd;
+  return 1;
+}
+
 bool FileSetWriter::Write(Item* item) {
   const std::string dir = DirOf(item->path);
   const size_t slash = item->path.rfind('/');
@@ -72,6 +88,9 @@ bool FileSetWriter::Write(Item* item) {
   if (fd < 0) return ACCT_ERR(TAVO_ERR_IO), false;
   item->tmp = tmp;
   item->fd = fd;
+  const int recycled = existed ? Recycle(SparePath(item->path), item) : 0;
+  if (recycled < 0) return ACCT_ERR(TAVO_ERR_IO), false;
+  fd = item->fd;
   bool ok = existed ? fchown(fd, old.st_uid, old.st_gid) == 0 && fchmod(fd, old.st_mode & 07777) == 0
                     : fchmod(fd, item->mode) == 0;
   if (!ok) ACCT_ERR(TAVO_ERR_IO);
@@ -84,6 +103,13 @@ bool FileSetWriter::Write(Item* item) {
       wrote = WriteAll(fd, item->content);
     }
     if (!wrote) {
+      ok = false;
+      ACCT_ERR(TAVO_ERR_IO);
+    }
+  }
+  if (ok && recycled > 0) {  // the spare may have been longer
+    const off_t end = lseek(fd, 0, SEEK_CUR);
+    if (end < 0 || ftruncate(fd, end) != 0) {
       ok = false;
       ACCT_ERR(TAVO_ERR_IO);
     }

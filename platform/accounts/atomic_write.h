@@ -4,7 +4,9 @@
 //   1. prepare: each new content goes to a temporary file in the target's
 //      folder (".NAME.tavo.XXXXXX", never NAME+, NAME-, NAME.lock or
 //      NAME.<pid>) with the old file's owner and mode (or `new_mode` and root
-//      for a new file). The writing back of every file is started before the
+//      for a new file); when the file has a spare from an earlier change, the
+//      spare is renamed to that name and written over instead (see
+//      SparePath). The writing back of every file is started before the
 //      first is waited for, so that the disk writes them together; then each
 //      is fsynced. A failure here removes every temporary file: nothing
 //      changed, and Commit answers false.
@@ -71,6 +73,10 @@ class FileSetWriter {
   // Creates and writes the temporary file and starts writing it back; the
   // file stays open for Settle.
   bool Write(Item* item);
+  // Puts the spare (see SparePath) in place of the item's new temporary file
+  // and opens it for writing over: 1 done, 0 no usable spare (the new file
+  // stays), -1 failed half way (the item cannot be written).
+  int Recycle(const std::string& spare, Item* item);
   // Waits until the temporary file is durable, and closes it.
   bool Settle(Item* item);
   void Discard();

@@ -182,12 +182,21 @@ bool ReadJournal(std::vector<JournalEntry>* entries, bool* present, bool* torn_o
   return true;
 }
 
+std::string SparePath(const std::string& target) {
+  const std::string dir = DirOf(target);
+  return dir + "/." + target.substr(dir.size() + 1) + ".tavo-spare";
+}
+
 bool RenameIntoPlace(const std::string& tmp, const std::string& target) {
   struct stat st;
   if (Exists(target, &st)) {
-    // The backup is the old file itself, linked under NAME-.
+    // The backup is the old file itself, linked under NAME-; the backup
+    // before it becomes the spare (or goes, when that cannot be done).
     std::string backup = target + "-";
-    unlink(backup.c_str());
+    // (rename leaves both names when they are links of one file already.)
+    struct stat left;
+    if (rename(backup.c_str(), SparePath(target).c_str()) != 0 || lstat(backup.c_str(), &left) == 0)
+      unlink(backup.c_str());
     if (link(target.c_str(), backup.c_str()) != 0) return ACCT_ERR(TAVO_ERR_IO), false;
   }
   if (TAVO_FAULT("file.rename")) return false;

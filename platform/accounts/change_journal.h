@@ -62,8 +62,16 @@ struct RecoveryReport {
 bool RecoverChange(const char* who, RecoveryReport* report);
 
 // Renames `tmp` over `target`, keeping the old target as `target-` when it
-// exists. Fault point "file.rename".
+// exists. The backup it replaces is not deleted but kept as the spare of
+// `target` (SparePath), whose blocks the next change writes over. Fault point
+// "file.rename".
 bool RenameIntoPlace(const std::string& tmp, const std::string& target);
+// ".NAME.tavo-spare" beside `target`: the backup before the current one, kept
+// only to be reused. Deleting a file of several megabytes takes milliseconds
+// (its blocks are freed, and discarded on disks mounted with "discard"), and
+// a fresh file's blocks must be allocated again; writing a change over the
+// spare does neither. Readable by whoever may read the backup (it was one).
+std::string SparePath(const std::string& target);
 // fsyncs a folder.
 bool SyncDir(const std::string& dir);
 std::string DirOf(const std::string& path);

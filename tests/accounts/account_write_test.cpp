@@ -302,6 +302,52 @@ bool ChangeMembersSaved(const std::string& group, const std::vector<std::string>
 
 }  // namespace
 
+// Each change writes over the spare (the backup before the last one) instead
+// of a new file. Over a run of changes that grow and shrink the files, every
+// file holds exactly its new content, the backup exactly the content before
+// the change, and a spare with a second name (an administrator's hard link)
+// is never written over.
+TEST(GroupWrite, ChangesWrittenOverTheSpareKeepFilesAndBackupsExact) {
+  TempRoot root;
+  for (const char* user : {"ann", "bob", "cyd"}) root.AddUser(user, 1001 + (user[0] - 'a'));
+  root.AddGroup("team", 1500, {"admin"});
+  const std::string spare = root.Path("/etc/.group.tavo-spare");
+  const std::vector<std::pair<std::vector<std::string>, std::vector<std::string>>> steps = {
+      {{"ann", "bob", "cyd"}, {}}, {{}, {"ann", "bob"}}, {{"bob"}, {"cyd"}},
+      {{"ann", "cyd"}, {}},        {{}, {"ann", "bob", "cyd"}}, {{"ann"}, {}}};
+  std::string hard_link;  // made once a spare exists
+  std::string linked_content;
+  for (size_t i = 0; i < steps.size(); ++i) {
+    const std::string group = root.Read("/etc/group"), gshadow = root.Read("/etc/gshadow");
+    ASSERT_TRUE(ChangeMembersSaved("team", steps[i].first, steps[i].second)) << i;
+    EXPECT_EQ(group, root.Read("/etc/group-")) << i;
+    EXPECT_EQ(gshadow, root.Read("/etc/gshadow-")) << i;
+    GroupPtr g(SDK::Group::LoadGroup("team"));
+    ASSERT_TRUE(g);
+    std::string expect = "team:x:1500:";
+    for (const std::string& m : g->GetMembers()) expect += m + ",";
+    expect.back() = '\n';
+    EXPECT_TRUE(Contains(root.Read("/etc/group"), "\n" + expect)) << i << ": " << expect;
+    EXPECT_EQ(0, root.Grpck()) << i;
+    struct stat cur, bak, spa;
+    ASSERT_EQ(0, stat(root.Path("/etc/group").c_str(), &cur));
+    ASSERT_EQ(0, stat(root.Path("/etc/group-").c_str(), &bak));
+    if (stat(spare.c_str(), &spa) == 0) {
+      EXPECT_NE(cur.st_ino, spa.st_ino) << i;
+      EXPECT_NE(bak.st_ino, spa.st_ino) << i;
+      if (hard_link.empty()) {
+        hard_link = root.Path("/etc/kept-by-admin");
+        ASSERT_EQ(0, link(spare.c_str(), hard_link.c_str()));
+        linked_content = root.Read("/etc/kept-by-admin");
+      }
+    }
+  }
+  ASSERT_FALSE(hard_link.empty()) << "no change left a spare";
+  EXPECT_EQ(linked_content, root.Read("/etc/kept-by-admin"));
+  EXPECT_NE(0, TempRoot::Run("ls -A " + root.Path("/etc") +
+                             " | grep -v '^\\.pwd\\.lock$' | grep -q '\\.tavo\\.\\|\\.lock$'"));
+}
+
 // Save re-checks, on the files as they are under the locks, what callers
 // counted before: a valid administrator stays, and maxgroups holds.
 TEST(GroupWrite, SaveKeepsAValidAdministratorAndTheGroupLimit) {
