@@ -49,7 +49,7 @@ def latency(port, path, token, n):
 
 def paired(port, token, group, user, n, cmd):
     """Each HTTP change is paired with the same change made in process just
-    after it, so that drift in the disk's sync times (larger than the HTTP
+    before or after it, so that drift in the disk's sync times (larger than the HTTP
     layer's cost) falls on both alike. The in-process changes use a copy of
     the root: on the same root each side would find the files changed by the
     other at every change and read them again. The HTTP client is a minimal
@@ -101,11 +101,17 @@ def paired(port, token, group, user, n, cmd):
             raise SystemExit(f'{method} in process failed')
         return float(line)
 
+    # Which side goes first alternates from pair to pair: the second change of
+    # a pair finds the disk still busy with the first one's writing back.
     http, local, diffs = [], [], []
-    for _ in range(n):
+    for k in range(n):
         for method in ('add', 'remove'):
-            h = over_http(method)
-            p = in_process(method)
+            if k % 2 == 0:
+                h = over_http(method)
+                p = in_process(method)
+            else:
+                p = in_process(method)
+                h = over_http(method)
             http.append(h)
             local.append(p)
             diffs.append(h - p)
