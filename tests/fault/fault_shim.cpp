@@ -131,6 +131,16 @@ ssize_t pwrite64(int fd, const void* buf, size_t count, off_t offset) {
   return Real<ssize_t (*)(int, const void*, size_t, off_t)>("pwrite64")(fd, buf, count, offset);
 }
 
+int ftruncate(int fd, off_t length) {
+  if (Fail("ftruncate", "fd", FdUnder(fd), EIO)) return -1;
+  return Real<int (*)(int, off_t)>("ftruncate")(fd, length);
+}
+
+int ftruncate64(int fd, off_t length) {
+  if (Fail("ftruncate", "fd", FdUnder(fd), EIO)) return -1;
+  return Real<int (*)(int, off_t)>("ftruncate64")(fd, length);
+}
+
 int fsync(int fd) {
   if (Fail("fsync", "fd", FdUnder(fd), EIO)) return -1;
   return Real<int (*)(int)>("fsync")(fd);

@@ -46,6 +46,9 @@ class FaultTest : public ModuleTest {
     for (long n = 1; n < 1000; ++n) {
       SetUp();
       root_->AddGroup("staff", 1000, {"guest"});
+      // Two changes first, so that the files have spares to be written over.
+      ASSERT_TRUE(Call("create", Parse(R"({"name":"warm","desc":"d"})")).success);
+      ASSERT_TRUE(Call("delete", Parse(R"({"name":["warm"]})")).success);
       const Files before = Current();
       ASSERT_FALSE(whole(before));
       fault_shim::Arm(root_->dir() + "/", n);
