@@ -39,7 +39,9 @@ constexpr const char* kSchema =
 
 // SQLite's functions. Loaded by Acquire before any other use: every call
 // below is made on a connection or statement that Acquire's connection made.
-const tavo::internal::SqliteCalls& Sq() { return *tavo::internal::Sqlite(); }
+const tavo::internal::SqliteCalls& Sq() {
+  return *tavo::internal::Sqlite();
+}
 
 class Stmt {
  public:
@@ -170,7 +172,7 @@ std::string Column(sqlite3_stmt* st, int i) {
 bool ReadEntries(sqlite3* db, int offset, int limit, Json::Value* out) {
   Stmt exists;
   if (Sq().prepare_v2(db, "SELECT 1 FROM sqlite_master WHERE type='table' AND name='events'", -1,
-                         exists.out(), nullptr) != SQLITE_OK) {
+                      exists.out(), nullptr) != SQLITE_OK) {
     return Fail(db, "reading the schema");
   }
   int rc = Sq().step(exists.get());
@@ -178,8 +180,7 @@ bool ReadEntries(sqlite3* db, int offset, int limit, Json::Value* out) {
   if (rc != SQLITE_ROW) return Fail(db, "reading the schema");
 
   Stmt count;
-  if (Sq().prepare_v2(db, "SELECT COUNT(*) FROM events", -1, count.out(), nullptr) !=
-          SQLITE_OK ||
+  if (Sq().prepare_v2(db, "SELECT COUNT(*) FROM events", -1, count.out(), nullptr) != SQLITE_OK ||
       Sq().step(count.get()) != SQLITE_ROW) {
     return Fail(db, "counting entries");
   }
@@ -187,9 +188,9 @@ bool ReadEntries(sqlite3* db, int offset, int limit, Json::Value* out) {
 
   Stmt list;
   if (Sq().prepare_v2(db,
-                         "SELECT id, time, event, category, level, arg1, arg2, arg3, arg4,"
-                         " account, message FROM events ORDER BY id DESC LIMIT ? OFFSET ?",
-                         -1, list.out(), nullptr) != SQLITE_OK) {
+                      "SELECT id, time, event, category, level, arg1, arg2, arg3, arg4,"
+                      " account, message FROM events ORDER BY id DESC LIMIT ? OFFSET ?",
+                      -1, list.out(), nullptr) != SQLITE_OK) {
     return Fail(db, "listing entries");
   }
   Sq().bind_int(list.get(), 1, limit < 0 ? -1 : limit);
@@ -229,9 +230,9 @@ int TAVOLogSet1(int category, int level, unsigned int event, const char* a1, con
   if (!db) return -1;
   Stmt st;
   if (Sq().prepare_v2(db,
-                         "INSERT INTO events (time, event, category, level, arg1, arg2, arg3,"
-                         " arg4, account, message) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?)",
-                         -1, st.out(), nullptr) != SQLITE_OK) {
+                      "INSERT INTO events (time, event, category, level, arg1, arg2, arg3,"
+                      " arg4, account, message) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?)",
+                      -1, st.out(), nullptr) != SQLITE_OK) {
     Fail(db, "preparing an entry");
     Drop();
     return -1;

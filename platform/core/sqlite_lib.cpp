@@ -29,11 +29,13 @@ bool Load(SqliteCalls* c) {
     return false;
   }
   return Find(lib, "sqlite3_open_v2", &c->open_v2) && Find(lib, "sqlite3_close_v2", &c->close_v2) &&
-         Find(lib, "sqlite3_busy_timeout", &c->busy_timeout) && Find(lib, "sqlite3_exec", &c->exec) &&
-         Find(lib, "sqlite3_errmsg", &c->errmsg) && Find(lib, "sqlite3_wal_hook", &c->wal_hook) &&
+         Find(lib, "sqlite3_busy_timeout", &c->busy_timeout) &&
+         Find(lib, "sqlite3_exec", &c->exec) && Find(lib, "sqlite3_errmsg", &c->errmsg) &&
+         Find(lib, "sqlite3_wal_hook", &c->wal_hook) &&
          Find(lib, "sqlite3_wal_checkpoint_v2", &c->wal_checkpoint_v2) &&
          Find(lib, "sqlite3_prepare_v2", &c->prepare_v2) && Find(lib, "sqlite3_step", &c->step) &&
-         Find(lib, "sqlite3_finalize", &c->finalize) && Find(lib, "sqlite3_bind_int", &c->bind_int) &&
+         Find(lib, "sqlite3_finalize", &c->finalize) &&
+         Find(lib, "sqlite3_bind_int", &c->bind_int) &&
          Find(lib, "sqlite3_bind_int64", &c->bind_int64) &&
          Find(lib, "sqlite3_bind_text", &c->bind_text) &&
          Find(lib, "sqlite3_column_int", &c->column_int) &&

@@ -162,7 +162,8 @@ Status ModuleSet::LoadFile(const std::string& path) {
     if (it != methods_.end()) return refuse(what + " is already provided by " + it->second.origin);
   }
   std::map<Key, Json::Value> described;
-  std::string problem = skip_descriptions_ ? std::string() : ReadDescription(handle, own, &described);
+  std::string problem =
+      skip_descriptions_ ? std::string() : ReadDescription(handle, own, &described);
   if (!problem.empty()) return refuse("GetAPIDescription: " + problem);
   for (int i = 0; i < rows; ++i) {
     const ApiTableRow& row = table[i];

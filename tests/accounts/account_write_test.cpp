@@ -313,8 +313,10 @@ TEST(GroupWrite, ChangesWrittenOverTheSpareKeepFilesAndBackupsExact) {
   root.AddGroup("team", 1500, {"admin"});
   const std::string spare = root.Path("/etc/.group.tavo-spare");
   const std::vector<std::pair<std::vector<std::string>, std::vector<std::string>>> steps = {
-      {{"ann", "bob", "cyd"}, {}}, {{}, {"ann", "bob"}}, {{"bob"}, {"cyd"}},
-      {{"ann", "cyd"}, {}},        {{}, {"ann", "bob", "cyd"}}, {{"ann"}, {}}};
+      {{"ann", "bob", "cyd"}, {}},  // grows
+      {{}, {"ann", "bob"}},         // shrinks below the spare's length
+      {{"bob"}, {"cyd"}},          {{"ann", "cyd"}, {}},
+      {{}, {"ann", "bob", "cyd"}}, {{"ann"}, {}}};
   std::string hard_link;  // made once a spare exists
   std::string linked_content;
   for (size_t i = 0; i < steps.size(); ++i) {
