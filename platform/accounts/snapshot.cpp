@@ -68,7 +68,10 @@ std::atomic<bool> g_one_shot{false};
 
 }  // namespace acct
 
-void SetOneShotProcess() { acct::g_one_shot.store(true, std::memory_order_relaxed); }
+void SetOneShotProcess() {
+  acct::g_one_shot.store(true, std::memory_order_relaxed);
+  internal::ForgoFolderWatch();  // each file is looked at with stat(2) instead
+}
 bool IsOneShotProcess() { return acct::g_one_shot.load(std::memory_order_relaxed); }
 
 // A scope is a pin by another name, for callers outside the platform.

@@ -128,6 +128,13 @@ bool IsLockOrJournalName(std::string_view name) {
   return true;
 }
 
+void ForgoFolderWatch() {
+  State& s = Get();
+  std::lock_guard<std::mutex> lock(s.mu);
+  s.Reset();
+  s.failed = true;
+}
+
 unsigned long long FolderEpoch(std::string_view dir, bool read_events, bool lock_files) {
   State& s = Get();
   const unsigned long long ticket = s.tickets.fetch_add(1) + 1;

@@ -46,6 +46,11 @@ constexpr int kMaxWatchedFolders = 64;
 unsigned long long FolderEpoch(std::string_view dir, bool read_events = true,
                                bool lock_files = true);
 
+// From now on FolderEpoch answers 0 (unknown) and holds no watch: for a
+// process that reads each file once or twice and exits, setting up the
+// watches costs more than the stat(2) calls they would save.
+void ForgoFolderWatch();
+
 // Names of lock and journal files: NAME.lock, the account tools' lock
 // candidates NAME.PID, this platform's ".NAME.tavolock.*" candidates and its
 // change journal ".tavo-change".

@@ -60,7 +60,11 @@ void AccessLog::Write(const std::string& client, const std::string& http_method,
       ++dropped_;
       return;
     }
+    // The writer is woken by the first line of a batch only; the lines that
+    // follow while it gathers join the same write.
+    const bool first = pending_.empty();
     pending_ += line;
+    if (!first) return;
   }
   wake_.notify_one();
 }
@@ -69,6 +73,13 @@ void AccessLog::Run() {
   std::unique_lock<std::mutex> lock(mu_);
   for (;;) {
     wake_.wait(lock, [this] { return stopping_ || !pending_.empty() || dropped_ > 0; });
+    // Under load, lines arrive faster than one write each: let them gather
+    // for a moment, so that one wake-up and one write carry many.
+    if (!stopping_) {
+      lock.unlock();
+      std::this_thread::sleep_for(kGather);
+      lock.lock();
+    }
     std::string text;
     text.swap(pending_);
     size_t dropped = dropped_;

@@ -36,7 +36,8 @@ test('a module that throws is answered 3299 and the server stays up', async () =
     assert.deepEqual(echo.data, { params: { n: 1 }, request_account: 'admin', thread_account: 'admin' });
     assert.equal((await call(server.url, token, 'TAVO.Core.Group', 'list')).success, true);
     assert.match(server.stderr(), /TAVO.Test v1 throw_std threw an exception: test module failure/);
-    assert.match(server.stderr(), /admin "POST \/api" 200 TAVO.Test 1 throw_other 3299/);
+    const line = /admin "POST \/api" 200 TAVO.Test 1 throw_other 3299/;
+    assert.match(await server.stderrMatch(line), line);
   } finally {
     await server.stop();
   }

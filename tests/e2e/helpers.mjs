@@ -57,7 +57,8 @@ export function moduleFolder(dir, files) {
   return mods;
 }
 
-// Starts `tavo serve` and resolves {url, stop(), stderr(), child} once it listens.
+// Starts `tavo serve` and resolves {url, stop(), stderr(), stderrMatch(re), child}
+// once it listens; stderrMatch waits (up to 5 s) until standard error matches.
 export function startServer({ root, modules, web, extra = [] }) {
   const args = ['serve', '--root', root, '--listen', '127.0.0.1:0'];
   if (modules) args.push('--modules', modules);
@@ -87,7 +88,14 @@ export function startServer({ root, modules, web, extra = [] }) {
       const m = out.match(/^tavo: listening on (https?:\/\/\S+)$/m);
       if (!m) return;
       clearTimeout(timer);
-      resolveStart({ url: m[1], stop, stderr: () => err, child });
+      // The access log reaches standard error in batches, a few ms late.
+      const stderrMatch = async (re, ms = 5000) => {
+        for (const end = Date.now() + ms; !re.test(err) && Date.now() < end;) {
+          await new Promise((r) => setTimeout(r, 20));
+        }
+        return err;
+      };
+      resolveStart({ url: m[1], stop, stderr: () => err, stderrMatch, child });
     });
     exited.then((code) => {
       clearTimeout(timer);

@@ -8,7 +8,8 @@
 // before its request: the store then drops what it wrote from its caches
 // instead, and a later read in the process reads the files again (a creation
 // still keeps etc/group's, which its caller reads the new group back from).
-// Nothing else changes: what is written, and what every read answers, is the
+// It also sets up no watch of the account folders: a snapshot is checked
+// against its file with stat(2) each time instead. Nothing else changes: what is written, and what every read answers, is the
 // same.
 //
 // Thread-safety: call before the first request; it may be read from any thread.
