@@ -50,7 +50,7 @@ std::vector<int> SortByFoldedName(const Db& db, const NameIndex& index) {
 }
 
 // The number of lines of `text` (an upper bound of its entries).
-size_t CountLines(const std::string& text) {
+size_t CountLines(std::string_view text) {
   // memchr finds newlines many bytes at a time; a byte loop costs about a
   // millisecond a megabyte.
   size_t n = 1;
@@ -64,7 +64,7 @@ size_t CountLines(const std::string& text) {
 }
 
 // The offset of view `v` in `text`.
-uint32_t Off(const std::string& text, std::string_view v) {
+uint32_t Off(std::string_view text, std::string_view v) {
   return static_cast<uint32_t>(v.data() - text.data());
 }
 uint32_t Len(std::string_view v) { return static_cast<uint32_t>(v.size()); }
@@ -78,7 +78,7 @@ bool GroupDb::Parse(uint32_t begin, uint32_t end, Rec* rec) const {
   return true;
 }
 
-GroupDb::GroupDb(std::string text) : text_(std::move(text)) {
+GroupDb::GroupDb(FileBytes text) : text_(std::move(text)) {
   std::vector<TextSpan> names;
   ReservePrefaulted(&names, CountLines(text_));
   ReservePrefaulted(&recs_, names.capacity());
@@ -149,7 +149,7 @@ std::shared_ptr<GroupDb> GroupDb::WithLineAppended(std::string text) const {
   // Checked cheaply: the old bytes end as they did (the caller built `text`
   // from Text()), and one whole line follows them.
   const size_t tail = std::min<size_t>(n, 64);
-  if (text.compare(n - tail, tail, text_, n - tail, tail) != 0) return nullptr;
+  if (text.compare(n - tail, tail, text_.view(), n - tail, tail) != 0) return nullptr;
   size_t begin = n;
   if (n > 0 && text_[n - 1] != '\n') {
     if (text[n] != '\n') return nullptr;
@@ -221,7 +221,7 @@ GroupLine GroupDb::Line(int i) const {
   g.name.assign(Name(i));
   // The password field lies between the name and the GID.
   const uint32_t pw = r.line + r.name_len + 1;
-  g.password.assign(text_, pw, text_.find(':', pw) - pw);
+  g.password.assign(text_.view().substr(pw, text_.find(':', pw) - pw));
   g.gid = r.gid;
   g.members = Members(i);
   return g;
@@ -287,7 +287,7 @@ size_t GroupDb::MemoryBytes() const {
          index_.MemoryBytes() + sorted_.capacity() * sizeof(int);
 }
 
-UserDb::UserDb(std::string text) : text_(std::move(text)) {
+UserDb::UserDb(FileBytes text) : text_(std::move(text)) {
   std::vector<TextSpan> names;
   ReservePrefaulted(&names, CountLines(text_));
   ReservePrefaulted(&recs_, names.capacity());
@@ -330,7 +330,7 @@ size_t UserDb::MemoryBytes() const {
          sorted_.capacity() * sizeof(int);
 }
 
-ShadowDb::ShadowDb(std::string text) : text_(std::move(text)) {
+ShadowDb::ShadowDb(FileBytes text) : text_(std::move(text)) {
   std::vector<TextSpan> names;
   ReservePrefaulted(&names, CountLines(text_));
   ReservePrefaulted(&recs_, names.capacity());
@@ -358,7 +358,7 @@ size_t ShadowDb::MemoryBytes() const {
   return text_.capacity() + recs_.capacity() * sizeof(Rec) + index_.MemoryBytes();
 }
 
-DescDb::DescDb(std::string text) : text_(std::move(text)) {
+DescDb::DescDb(FileBytes text) : text_(std::move(text)) {
   std::vector<TextSpan> names;
   ReservePrefaulted(&names, CountLines(text_));
   ReservePrefaulted(&texts_, names.capacity());
@@ -375,7 +375,7 @@ size_t DescDb::MemoryBytes() const {
   return text_.capacity() + texts_.capacity() * sizeof(TextSpan) + index_.MemoryBytes();
 }
 
-std::shared_ptr<GroupDb> BuildGroupDb(std::string content) {
+std::shared_ptr<GroupDb> BuildGroupDb(FileBytes content) {
   return std::make_shared<GroupDb>(std::move(content));
 }
 
@@ -410,31 +410,32 @@ std::shared_ptr<const GroupDb> LdapGroups() {
 
 std::shared_ptr<const UserDb> Passwd() {
   static SnapshotCache<UserDb> cache(
-      [](std::string c) { return std::make_shared<UserDb>(std::move(c)); }, false);
+      [](FileBytes c) { return std::make_shared<UserDb>(std::move(c)); }, false);
   return cache.GetAt(kPasswdPath);
 }
 
 std::shared_ptr<const ShadowDb> Shadow() {
   static SnapshotCache<ShadowDb> cache(
-      [](std::string c) { return std::make_shared<ShadowDb>(std::move(c)); }, true);
+      [](FileBytes c) { return std::make_shared<ShadowDb>(std::move(c)); }, true);
   return cache.GetAt(kShadowPath);
 }
 
 std::shared_ptr<const LoginDefs> Defs() {
   static SnapshotCache<LoginDefs> cache(
-      [](std::string c) { return std::make_shared<LoginDefs>(ParseLoginDefs(c)); }, true);
+      [](FileBytes c) { return std::make_shared<LoginDefs>(ParseLoginDefs(std::string(c.view()))); },
+      true);
   return cache.GetAt(kLoginDefsPath);
 }
 
 namespace {
 SnapshotCache<DescDb>& DescCache() {
   static SnapshotCache<DescDb> cache(
-      [](std::string c) { return std::make_shared<DescDb>(std::move(c)); }, true);
+      [](FileBytes c) { return std::make_shared<DescDb>(std::move(c)); }, true);
   return cache;
 }
 SnapshotCache<FileText>& GshadowCache() {
   static SnapshotCache<FileText> cache(
-      [](std::string c) { return std::make_shared<FileText>(FileText{std::move(c)}); }, true);
+      [](FileBytes c) { return std::make_shared<FileText>(FileText{std::move(c)}); }, true);
   return cache;
 }
 }  // namespace
@@ -454,7 +455,8 @@ std::shared_ptr<const FileText> GshadowNow(bool* exists) {
 }
 
 void InstallGshadow(std::string text) {
-  GshadowCache().Install(TavoRootPath(kGshadowPath), std::make_shared<FileText>(FileText{std::move(text)}));
+  GshadowCache().Install(TavoRootPath(kGshadowPath),
+                         std::make_shared<FileText>(FileText{FileBytes(std::move(text))}));
 }
 
 bool IsReachable(const GroupLine& g, const LoginDefs& defs) {

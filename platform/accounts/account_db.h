@@ -5,8 +5,10 @@
 // ROOT/etc/passwd, ROOT/etc/shadow, ROOT/etc/login.defs and the description
 // file ROOT/etc/tavo/group_desc.
 //
-// A snapshot holds the file's bytes once; names and fields handed out are
-// views into them (std::string_view), valid while the snapshot is held.
+// A snapshot holds the file's bytes once (FileBytes: in memory of its own,
+// or, in a one-off process, the file's pages mapped); names and fields handed
+// out are views into them (std::string_view), valid while the snapshot is
+// held.
 // Memory: about the file's size plus 40 to 70 bytes a line for the records
 // and the name index.
 //
@@ -28,6 +30,7 @@
 #include <vector>
 
 #include "account_files.h"
+#include "file_bytes.h"
 #include "name_index.h"
 
 namespace tavo {
@@ -50,12 +53,13 @@ extern const char kLdapGroupPath[];
 
 class GroupDb {
  public:
-  explicit GroupDb(std::string text);
+  explicit GroupDb(FileBytes text);
   GroupDb(const GroupDb&) = delete;
   GroupDb& operator=(const GroupDb&) = delete;
 
   size_t size() const { return recs_.size(); }
-  const std::string& Text() const { return text_; }
+  std::string_view Text() const { return text_.view(); }
+  const FileBytes& Bytes() const { return text_; }
   std::string_view Name(int i) const { return View(recs_[i].line, recs_[i].name_len); }
   std::string_view Folded(int i) const { return index_.Folded(i); }
   unsigned Gid(int i) const { return recs_[i].gid; }
@@ -127,7 +131,7 @@ class GroupDb {
     return std::string_view(text_.data() + off, len);
   }
   bool Parse(uint32_t begin, uint32_t end, Rec* rec) const;
-  const std::string text_;
+  const FileBytes text_;
   std::vector<Rec> recs_;
   std::vector<char> builtin_;
   std::vector<TextSpan> unparsed_;
@@ -142,7 +146,7 @@ class GroupDb {
 
 class UserDb {
  public:
-  explicit UserDb(std::string text);
+  explicit UserDb(FileBytes text);
   UserDb(const UserDb&) = delete;
   UserDb& operator=(const UserDb&) = delete;
 
@@ -184,7 +188,7 @@ class UserDb {
   std::string_view View(uint32_t off, uint32_t len) const {
     return std::string_view(text_.data() + off, len);
   }
-  const std::string text_;
+  const FileBytes text_;
   std::vector<Rec> recs_;
   NameIndex index_;
   mutable std::once_flag sorted_once_;
@@ -197,7 +201,7 @@ class UserDb {
 // etc/shadow: the first line of a name counts.
 class ShadowDb {
  public:
-  explicit ShadowDb(std::string text);
+  explicit ShadowDb(FileBytes text);
   ShadowDb(const ShadowDb&) = delete;
   ShadowDb& operator=(const ShadowDb&) = delete;
   // The entry of exactly `name`; false when there is none.
@@ -209,7 +213,7 @@ class ShadowDb {
     uint32_t line, name_len, hash_len;
     int32_t expire_days;
   };
-  const std::string text_;
+  const FileBytes text_;
   std::vector<Rec> recs_;
   ExactIndex index_;
 };
@@ -217,7 +221,7 @@ class ShadowDb {
 // The description file: "NAME:TEXT" lines, the last line of a name counts.
 class DescDb {
  public:
-  explicit DescDb(std::string text);
+  explicit DescDb(FileBytes text);
   DescDb(const DescDb&) = delete;
   DescDb& operator=(const DescDb&) = delete;
   // Whether a line names exactly `name`.
@@ -230,12 +234,12 @@ class DescDb {
   size_t MemoryBytes() const;
 
  private:
-  const std::string text_;
+  const FileBytes text_;
   std::vector<TextSpan> texts_;
   ExactIndex index_;
 };
 
-std::shared_ptr<GroupDb> BuildGroupDb(std::string content);
+std::shared_ptr<GroupDb> BuildGroupDb(FileBytes content);
 
 std::shared_ptr<const GroupDb> LocalGroups();
 // For writers under the account locks: the snapshot of etc/group as it is
@@ -254,8 +258,9 @@ std::shared_ptr<const DescDb> DescriptionsNow();
 
 // A file's bytes, unparsed.
 struct FileText {
-  std::string text;
-  const std::string& Text() const { return text; }
+  FileBytes text;
+  std::string_view Text() const { return text.view(); }
+  const FileBytes& Bytes() const { return text; }
 };
 // For writers under the account locks: etc/gshadow's bytes as they are now
 // (kept between changes: a writer finds its group's line in them), whether

@@ -113,7 +113,7 @@ bool ApplyCreate(GroupChange* c) {
   if (has_gshadow) {
     LineSpan stale;
     if (FindNamedLine(gshadow->Text(), c->new_name, 0, &stale)) {
-      std::string text = gshadow->Text();
+      std::string text(gshadow->Text());
       DropNamedLines(&text, c->new_name, 1);
       writer.Add(gshadow_path, AppendLine(text, gshadow_line), 0640);
     } else {

@@ -61,7 +61,7 @@ struct GshadowEdit {
   bool unchanged = false;
 };
 
-GshadowEdit EditGshadow(const std::string& text, const GroupChange& c,
+GshadowEdit EditGshadow(std::string_view text, const GroupChange& c,
                         const std::vector<std::string>& members) {
   GshadowEdit e;
   const std::string fresh = c.new_name + ":!::" + JoinMembers(members);
@@ -70,7 +70,7 @@ GshadowEdit EditGshadow(const std::string& text, const GroupChange& c,
     e.line = fresh;
     return e;
   }
-  e.line = text.substr(e.span.begin, e.span.end - e.span.begin);
+  e.line.assign(text.substr(e.span.begin, e.span.end - e.span.begin));
   const std::string before = e.line;
   std::vector<std::string> gm = SplitMembers(GetField(e.line, 3));
   ApplyMembers(&gm, c.added, c.removed);
@@ -81,24 +81,25 @@ GshadowEdit EditGshadow(const std::string& text, const GroupChange& c,
 }
 
 // The bytes of `text` with edit `e` made (views into `text` and e.line).
-Pieces EditPieces(const std::string& text, const GshadowEdit& e) {
+Pieces EditPieces(std::string_view text, const GshadowEdit& e) {
   return e.found ? SplicePieces(text, e.span, e.line) : AppendPieces(text, e.line);
 }
 
 // gshadow's bytes `text` with the group's line as change `c` leaves it (see
 // EditGshadow), and a line left for a gone group of the new name dropped.
 // Every other byte is kept; "" when nothing changes.
-std::string ChangedGshadow(const std::string& text, const GroupChange& c,
+std::string ChangedGshadow(std::string_view text, const GroupChange& c,
                            const std::vector<std::string>& members) {
   std::string dropped;
-  const std::string* from = &text;
+  bool any_dropped = false;
   if (c.new_name != c.orig_name) {
-    dropped = text;
-    if (DropNamedLines(&dropped, c.new_name, 1)) from = &dropped;
+    dropped.assign(text);
+    any_dropped = DropNamedLines(&dropped, c.new_name, 1);
   }
-  const GshadowEdit e = EditGshadow(*from, c, members);
-  if (e.unchanged) return from == &text ? std::string() : dropped;
-  return Join(EditPieces(*from, e));
+  const std::string_view from = any_dropped ? std::string_view(dropped) : text;
+  const GshadowEdit e = EditGshadow(from, c, members);
+  if (e.unchanged) return any_dropped ? dropped : std::string();
+  return Join(EditPieces(from, e));
 }
 
 // A change of members alone: the group's line and its gshadow line are
@@ -114,12 +115,12 @@ bool ApplyMemberChange(GroupChange* c) {
   bool has_gshadow = false;
   std::shared_ptr<const FileText> gshadow = GshadowNow(&has_gshadow);
   if (!gshadow) return false;
-  const std::string& gshadow_text = gshadow->Text();
+  const std::string_view gshadow_text = gshadow->Text();
 
   // The first line of the stored name that parses is the group's.
   const int self = db->FindExact(c->orig_name);
   if (self < 0) return ACCT_ERR(TAVO_ERR_NO_GROUP), false;
-  const std::string& group_text = db->Text();
+  const std::string_view group_text = db->Text();
   LineSpan span;
   span.begin = db->LineBegin(self);
   span.end = db->LineEnd(self);
@@ -128,7 +129,7 @@ bool ApplyMemberChange(GroupChange* c) {
   // Nothing to change: the lines stay as they are, byte for byte, even where
   // a rewrite would tidy them.
   if (c->added.empty() && c->removed.empty()) return true;
-  const std::string old_line = group_text.substr(span.begin, span.end - span.begin);
+  const std::string old_line(group_text.substr(span.begin, span.end - span.begin));
   const std::vector<std::string> before = g.members;
   ApplyMembers(&g.members, c->added, c->removed);
   if (!c->removed.empty()) {
@@ -185,7 +186,7 @@ bool ApplyRenameOrDescription(GroupChange* c) {
 
   FileSetWriter writer;
   if (lines_change) {
-    const std::string& text = db->Text();
+    const std::string_view text = db->Text();
     LineSpan span;
     span.begin = db->LineBegin(self);
     span.end = db->LineEnd(self);
@@ -300,7 +301,7 @@ int DeleteGroups(const std::vector<std::string>& names) {
     return gone_gids.count(db->Gid(k)) && gone.count({std::string(db->Name(k)), db->Gid(k)});
   };
   // etc/group: every line of a deleted group goes; every other byte stays.
-  const std::string& text = db->Text();
+  const std::string_view text = db->Text();
   std::string group_text;
   group_text.reserve(text.size());
   size_t from = 0;
@@ -308,10 +309,10 @@ int DeleteGroups(const std::vector<std::string>& names) {
     const int k = static_cast<int>(i);
     if (!is_gone(k)) continue;
     const size_t begin = db->LineBegin(k), end = db->LineEnd(k);
-    group_text.append(text, from, begin - from);
+    group_text.append(text.substr(from, begin - from));
     from = end < text.size() ? end + 1 : end;
   }
-  group_text.append(text, from, std::string::npos);
+  group_text.append(text.substr(from));
   // The gshadow and description lines go with the last group line of a name.
   auto still_named = [&](const std::string& name) {
     bool found = false;
@@ -334,7 +335,7 @@ int DeleteGroups(const std::vector<std::string>& names) {
   std::shared_ptr<const DescDb> descs = DescriptionsNow();
   if (!gshadow || !descs) return -1;
   if (has_gshadow) {
-    std::string now = gshadow->Text();
+    std::string now(gshadow->Text());
     bool changed = false;
     for (const std::string& name : orphaned)
       changed = DropNamedLines(&now, name, static_cast<size_t>(-1)) || changed;

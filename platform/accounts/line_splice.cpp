@@ -8,22 +8,22 @@
 namespace tavo {
 namespace acct {
 
-bool FindNamedLine(const std::string& text, const std::string& name, size_t from, LineSpan* out) {
+bool FindNamedLine(std::string_view text, const std::string& name, size_t from, LineSpan* out) {
   // A line starts at `from` or after a newline; found by searching for
   // "\nNAME:" rather than by walking every line.
   const std::string key = "\n" + name + ":";
-  size_t pos = std::string::npos;
-  if (from < text.size() && text.compare(from, name.size() + 1, key, 1, std::string::npos) == 0) {
+  size_t pos = std::string_view::npos;
+  if (from < text.size() && text.compare(from, name.size() + 1, key, 1, std::string_view::npos) == 0) {
     pos = from;
   } else if (from < text.size()) {
     const char* hay = text.data() + from;
     const void* hit = memmem(hay, text.size() - from, key.data(), key.size());
     if (hit) pos = static_cast<size_t>(static_cast<const char*>(hit) - text.data()) + 1;
   }
-  if (pos == std::string::npos) return false;
+  if (pos == std::string_view::npos) return false;
   const size_t nl = text.find('\n', pos);
   out->begin = pos;
-  out->end = nl == std::string::npos ? text.size() : nl;
+  out->end = nl == std::string_view::npos ? text.size() : nl;
   return true;
 }
 
@@ -37,7 +37,7 @@ std::string Join(const Pieces& pieces) {
   return out;
 }
 
-Pieces SplicePieces(const std::string& text, const LineSpan& span, const std::string& line) {
+Pieces SplicePieces(std::string_view text, const LineSpan& span, const std::string& line) {
   const std::string_view all(text);
   Pieces out{all.substr(0, span.begin), line};
   if (span.end < text.size()) out.push_back(all.substr(span.end));
@@ -45,11 +45,11 @@ Pieces SplicePieces(const std::string& text, const LineSpan& span, const std::st
   return out;
 }
 
-std::string SpliceLine(const std::string& text, const LineSpan& span, const std::string& line) {
+std::string SpliceLine(std::string_view text, const LineSpan& span, const std::string& line) {
   return Join(SplicePieces(text, span, line));
 }
 
-Pieces AppendPieces(const std::string& text, const std::string& line) {
+Pieces AppendPieces(std::string_view text, const std::string& line) {
   Pieces out{text};
   if (!text.empty() && text.back() != '\n') out.push_back("\n");
   out.push_back(line);
@@ -57,7 +57,7 @@ Pieces AppendPieces(const std::string& text, const std::string& line) {
   return out;
 }
 
-std::string AppendLine(const std::string& text, const std::string& line) {
+std::string AppendLine(std::string_view text, const std::string& line) {
   return Join(AppendPieces(text, line));
 }
 

@@ -21,7 +21,7 @@ struct LineSpan {
 
 // The first line at or after byte `from` (a line start) whose name field (the
 // text before its first ':') is exactly `name`. False when there is none.
-bool FindNamedLine(const std::string& text, const std::string& name, size_t from, LineSpan* out);
+bool FindNamedLine(std::string_view text, const std::string& name, size_t from, LineSpan* out);
 // A text as the concatenation of views into other strings, which must
 // outlive it: a file's new bytes written without first being copied into
 // one string.
@@ -31,11 +31,11 @@ std::string Join(const Pieces& pieces);
 
 // `text` with the line at `span` replaced by `line` (which has no newline);
 // a last line without a newline gets one.
-Pieces SplicePieces(const std::string& text, const LineSpan& span, const std::string& line);
-std::string SpliceLine(const std::string& text, const LineSpan& span, const std::string& line);
+Pieces SplicePieces(std::string_view text, const LineSpan& span, const std::string& line);
+std::string SpliceLine(std::string_view text, const LineSpan& span, const std::string& line);
 // `text` with `line` added as a new last line.
-Pieces AppendPieces(const std::string& text, const std::string& line);
-std::string AppendLine(const std::string& text, const std::string& line);
+Pieces AppendPieces(std::string_view text, const std::string& line);
+std::string AppendLine(std::string_view text, const std::string& line);
 // Removes the lines of `text` whose name field is exactly `name` (at most
 // `max` of them, first to last); true when any went.
 bool DropNamedLines(std::string* text, const std::string& name, size_t max);

@@ -33,6 +33,7 @@
 #include <mutex>
 #include <string>
 
+#include "file_bytes.h"
 #include "folder_watch.h"
 #include "tavo/root.h"
 
@@ -60,9 +61,13 @@ bool StatKey(const std::string& path, FileKey* key);
 // Reads the whole file with the key of the descriptor it was read from.
 // A missing file gives "" with key.exists=false and true.
 bool ReadWholeFile(const std::string& path, std::string* content, FileKey* key);
+// As ReadWholeFile, for a snapshot: in a one-off process (one_shot.h) a file
+// of kMapBytes or more is mapped rather than read (file_bytes.h).
+bool ReadFileBytes(const std::string& path, FileBytes* content, FileKey* key);
+constexpr size_t kMapBytes = 256u << 10;
 // True when the file at `path` holds exactly `bytes` (read in pieces and
 // compared, nothing kept), with the key of the descriptor it was read from.
-bool FileHoldsBytes(const std::string& path, const std::string& bytes, FileKey* key);
+bool FileHoldsBytes(const std::string& path, std::string_view bytes, FileKey* key);
 // True when a file with this key changed so recently that a further change
 // could still leave the key as it is.
 bool RecentlyChanged(const FileKey& key);
@@ -119,7 +124,7 @@ unsigned long long SnapshotGeneration(const std::string& path);
 template <typename T>
 class SnapshotCache {
  public:
-  using Parser = std::function<std::shared_ptr<T>(std::string content)>;
+  using Parser = std::function<std::shared_ptr<T>(FileBytes content)>;
   SnapshotCache(Parser parser, bool missing_ok) : parser_(std::move(parser)), missing_ok_(missing_ok) {}
 
   // `path` is a host path (already inside the root).
@@ -175,13 +180,15 @@ std::shared_ptr<const T> SnapshotCache<T>::GetAt(const char* abs_path) {
   return value;
 }
 
-// The file's bytes a snapshot keeps, when it keeps them (see SnapshotCache).
+// The file's bytes a snapshot keeps, when it keeps them in memory of its own
+// (see SnapshotCache). Mapped bytes are the file's own pages: a file written
+// over in place would always hold "the same bytes" as its mapping.
 template <typename T>
-auto SnapshotBytes(const T& v, int) -> decltype(&v.Text()) {
-  return &v.Text();
+auto SnapshotBytes(const T& v, int) -> decltype(&v.Bytes()) {
+  return v.Bytes().mapped() ? nullptr : &v.Bytes();
 }
 template <typename T>
-const std::string* SnapshotBytes(const T&, long) {
+const FileBytes* SnapshotBytes(const T&, long) {
   return nullptr;
 }
 
@@ -213,14 +220,14 @@ std::shared_ptr<const T> SnapshotCache<T>::GetFresh(const std::string& path, boo
     }
   }
   // A recent file whose bytes are still those of the snapshot keeps it.
-  const std::string* kept = cached ? SnapshotBytes(*cached, 0) : nullptr;
+  const FileBytes* kept = cached ? SnapshotBytes(*cached, 0) : nullptr;
   FileKey read_key;
   std::shared_ptr<const T> value;
   if (kept && FileHoldsBytes(path, *kept, &read_key) && read_key == now) {
     value = cached;
   } else {
-    std::string content;
-    if (!ReadWholeFile(path, &content, &read_key)) return nullptr;
+    FileBytes content;
+    if (!ReadFileBytes(path, &content, &read_key)) return nullptr;
     if (!read_key.exists && !missing_ok_) {
       ReportMissing(path);
       return nullptr;
