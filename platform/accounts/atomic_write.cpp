@@ -14,6 +14,7 @@
 
 #include "acct_error.h"
 #include "change_journal.h"
+#include "file_bytes.h"
 #include "snapshot.h"
 #include "store_stats_internal.h"
 #include "tavo/testing.h"
@@ -62,9 +63,12 @@ void FileSetWriter::Discard() {
 }
 
 int FileSetWriter::Recycle(const std::string& spare, Item* item) {
-  // Only a plain file of ours, with no other name that would see it change.
+  // Only a plain file of ours, with no other name that would see it change,
+  // and not one that this process reads through a mapping.
   struct stat st;
-  if (lstat(spare.c_str(), &st) != 0 || !S_ISREG(st.st_mode) || st.st_nlink != 1) return 0;
+  if (lstat(spare.c_str(), &st) != 0 || !S_ISREG(st.st_mode) || st.st_nlink != 1 ||
+      FileBytes::MappedHere(st.st_dev, st.st_ino))
+    return 0;
   // The spare takes the place of the empty file just made (whose name is
   // unique), so that the name stays one that recovery knows.
   if (rename(spare.c_str(), item->tmp.c_str()) != 0) return 0;

@@ -48,11 +48,17 @@ class FileBytes {
   // Heap bytes held (a mapping holds none: its pages are the file's).
   size_t capacity() const { return map_ ? 0 : text_.capacity(); }
 
+  // Whether this process holds a mapping of the file (device, inode): such a
+  // file must not be written over in place (a spare that is mapped is not
+  // recycled).
+  static bool MappedHere(unsigned long long dev, unsigned long long ino);
+
  private:
   void Unmap();
   std::string text_;
   const char* map_ = nullptr;
   size_t map_size_ = 0;
+  unsigned long long dev_ = 0, ino_ = 0;  // of the mapped file
 };
 
 }  // namespace acct

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstdio>
+#include <memory>
 #include <random>
 #include <string>
 #include <vector>
@@ -267,6 +268,34 @@ bool OneShotSeesSameSizeRewrites() {
 
 TEST(SnapshotIndex, AOneShotProcessSeesSameSizeRewritesOfFilesItMaps) {
   EXPECT_EXIT(std::_Exit(OneShotSeesSameSizeRewrites() ? 0 : 1), ::testing::ExitedWithCode(0), "");
+}
+
+// A one-off process that still holds a mapped snapshot while it makes more
+// changes: the file becomes the backup, then the spare, and the third change
+// would write over the spare in place, under the snapshot, were it not
+// mapped here.
+bool MappedSnapshotsOutliveLaterChanges() {
+  tavo::SetOneShotProcess();
+  tavo_test::TempRoot root;
+  std::string filler;
+  for (int i = 0; i < 16000; ++i)
+    filler += "filler" + std::to_string(i) + ":x:" + std::to_string(200 + i % 700) + ":\n";
+  root.Append("/etc/group", filler);
+  root.AddGroup("flip", 1500, {"admin"});
+  const std::shared_ptr<const ta::GroupDb> held = ta::LocalGroups();
+  const std::string was(held->Text());
+  for (int i = 0; i < 4; ++i) {
+    const bool ok = i % 2 ? tavo_test::ChangeMembers("flip", {}, {"guest"})
+                          : tavo_test::ChangeMembers("flip", {"guest"}, {});
+    if (!ok) return false;
+  }
+  return held->Bytes().mapped() && std::string(held->Text()) == was &&
+         tavo_test::MembersOf("flip") == std::vector<std::string>{"admin"};
+}
+
+TEST(SnapshotIndex, AMappedSnapshotOutlivesLaterChangesOfItsFile) {
+  EXPECT_EXIT(std::_Exit(MappedSnapshotsOutliveLaterChanges() ? 0 : 1),
+              ::testing::ExitedWithCode(0), "");
 }
 
 TEST(SnapshotIndex, WholeFilesAreReadByteForByteAtEverySize) {
