@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <csignal>
 #include <cstdlib>
 #include <cstdio>
 #include <memory>
@@ -296,6 +297,19 @@ bool MappedSnapshotsOutliveLaterChanges() {
 TEST(SnapshotIndex, AMappedSnapshotOutlivesLaterChangesOfItsFile) {
   EXPECT_EXIT(std::_Exit(MappedSnapshotsOutliveLaterChanges() ? 0 : 1),
               ::testing::ExitedWithCode(0), "");
+}
+
+// A mapped file cut short in place raises SIGBUS when the call reads past
+// its new end: a one-off process says so and exits with status 1 rather
+// than dying of the signal.
+TEST(SnapshotIndex, AOneShotProcessStopsWithAMessageOnABusError) {
+  EXPECT_EXIT(
+      {
+        tavo::SetOneShotProcess();
+        raise(SIGBUS);
+        std::_Exit(0);
+      },
+      ::testing::ExitedWithCode(1), "an account file was cut short while the call read it");
 }
 
 TEST(SnapshotIndex, WholeFilesAreReadByteForByteAtEverySize) {
