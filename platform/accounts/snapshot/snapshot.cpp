@@ -213,68 +213,81 @@ bool StatKey(const std::string& path, FileKey* key) {
   return true;
 }
 
-bool ReadWholeFile(const std::string& path, std::string* content, FileKey* key) {
+namespace {
+
+// Opens the file at `path` and fills its key: the descriptor, or -1 with true
+// for a missing file (key.exists=false) and false for any other failure.
+bool OpenForRead(const std::string& path, int* fd, struct stat* st, FileKey* key) {
   *key = FileKey();
   key->generation = SnapshotGeneration(path);
-  content->clear();
-  int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) {
+  *fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (*fd < 0) {
     if (errno == ENOENT || errno == ENOTDIR) return true;
     ACCT_ERR(TAVO_ERR_IO);
     return false;
   }
-  struct stat st;
-  bool ok = fstat(fd, &st) == 0;
-  if (ok) {
-    FillKey(st, key);
-    // Read straight into the string; the file may still grow while read.
-    const size_t expect = static_cast<size_t>(st.st_size);
-    if (expect >= kMaxSnapshotBytes) {
-      close(fd);
-      ACCT_ERR(TAVO_ERR_IO);
-      return false;
-    }
-    content->reserve(expect + 1);
-    PrefaultHeap(&(*content)[0], expect + 1);
-    content->resize(expect);
-    size_t have = 0;
-    char extra[4096];  // what the file gained since fstat, if anything
-    for (;;) {
-      const bool full = have == content->size();
-      ssize_t n = full ? read(fd, extra, sizeof extra)
-                       : read(fd, &(*content)[have], content->size() - have);
-      if (n < 0 && errno == EINTR) continue;
-      if (n < 0) { ok = false; break; }
-      if (n == 0) break;
-      if (full) content->append(extra, static_cast<size_t>(n));
-      have += static_cast<size_t>(n);
-      if (have >= kMaxSnapshotBytes) { ok = false; break; }
-    }
-    content->resize(ok ? have : 0);
+  if (fstat(*fd, st) != 0 || static_cast<unsigned long long>(st->st_size) >= kMaxSnapshotBytes) {
+    close(*fd);
+    *fd = -1;
+    ACCT_ERR(TAVO_ERR_IO);
+    return false;
   }
+  FillKey(*st, key);
+  return true;
+}
+
+// Reads the whole of open file `fd` (of status `st`) into `content`, and
+// closes it.
+bool ReadOpened(int fd, const struct stat& st, std::string* content) {
+  // Read straight into the string; the file may still grow while read.
+  const size_t expect = static_cast<size_t>(st.st_size);
+  content->reserve(expect + 1);
+  PrefaultHeap(&(*content)[0], expect + 1);
+  content->resize(expect);
+  size_t have = 0;
+  bool ok = true;
+  char extra[4096];  // what the file gained since fstat, if anything
+  for (;;) {
+    const bool full = have == content->size();
+    ssize_t n = full ? read(fd, extra, sizeof extra)
+                     : read(fd, &(*content)[have], content->size() - have);
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) { ok = false; break; }
+    if (n == 0) break;
+    if (full) content->append(extra, static_cast<size_t>(n));
+    have += static_cast<size_t>(n);
+    if (have >= kMaxSnapshotBytes) { ok = false; break; }
+  }
+  content->resize(ok ? have : 0);
   close(fd);
   if (!ok) ACCT_ERR(TAVO_ERR_IO);
   return ok;
 }
 
+}  // namespace
+
+bool ReadWholeFile(const std::string& path, std::string* content, FileKey* key) {
+  content->clear();
+  int fd;
+  struct stat st;
+  if (!OpenForRead(path, &fd, &st, key)) return false;
+  return fd < 0 || ReadOpened(fd, st, content);
+}
+
 bool ReadFileBytes(const std::string& path, FileBytes* content, FileKey* key) {
-  if (IsOneShotProcess()) {
-    *key = FileKey();
-    key->generation = SnapshotGeneration(path);
-    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    struct stat st;
-    if (fd >= 0 && fstat(fd, &st) == 0 && S_ISREG(st.st_mode) &&
-        static_cast<unsigned long long>(st.st_size) >= kMapBytes &&
-        static_cast<unsigned long long>(st.st_size) < kMaxSnapshotBytes &&
-        content->Map(fd, static_cast<size_t>(st.st_size))) {
-      FillKey(st, key);
-      close(fd);
-      return true;
-    }
-    if (fd >= 0) close(fd);  // small, not a plain file, or not mapped: read below
+  *content = FileBytes();
+  int fd;
+  struct stat st;
+  if (!OpenForRead(path, &fd, &st, key)) return false;
+  if (fd < 0) return true;  // missing: empty
+  if (IsOneShotProcess() && S_ISREG(st.st_mode) &&
+      static_cast<unsigned long long>(st.st_size) >= kMapBytes &&
+      content->Map(fd, static_cast<size_t>(st.st_size))) {
+    close(fd);
+    return true;
   }
-  std::string text;
-  if (!ReadWholeFile(path, &text, key)) return false;
+  std::string text;  // small, not a plain file, not one-off, or not mapped
+  if (!ReadOpened(fd, st, &text)) return false;
   *content = FileBytes(std::move(text));
   return true;
 }
