@@ -18,7 +18,9 @@
 // answer what cannot block (static files, the session check, refusals).
 // Routes of Lane::kWorker (module calls, login, /api/info) run on a bounded
 // worker pool; the connection waits, suspended, without holding an event
-// thread. A full pool queue is answered 503 with Retry-After.
+// thread (except that a request alone in flight is waited for, awake, for
+// up to half a millisecond). A full pool queue is answered 503 with
+// Retry-After.
 //
 // Adding a route: call AddRoute before Bind, e.g.
 //   server.AddRoute("GET", "/healthz", HttpServer::Lane::kEvent,
