@@ -39,15 +39,22 @@ int Connect(int port) {
   return fd;
 }
 
+// A server on a free loopback port over `root`, which also serves as its
+// page folder.
+ServeOptions Loopback(const tavo_test::TempRoot& root) {
+  ServeOptions options;
+  options.root = root.dir();
+  options.port = 0;
+  options.web_dir = root.dir();
+  return options;
+}
+
 TEST(EventProbeTest, AnsweredWhileServingEvenWithClientsAtTheirLimitAndNotAfterStop) {
   tavo_test::TempRoot root;
   ModuleSet modules;
   LocalAccountOps ops(modules);
-  ServeOptions options;
-  options.root = root.dir();
-  options.port = 0;
+  ServeOptions options = Loopback(root);
   options.per_address = 4;
-  options.web_dir = root.dir();
   HttpServer server(options, ops);
   int port = 0;
   ASSERT_TRUE(server.Bind(&port).ok());
@@ -117,10 +124,7 @@ TEST(EventProbeTest, EveryWorkerAnswerArrivesWhetherItCameQuicklyOrLate) {
   tavo_test::TempRoot root;
   ModuleSet modules;
   LocalAccountOps ops(modules);
-  ServeOptions options;
-  options.root = root.dir();
-  options.port = 0;
-  options.web_dir = root.dir();
+  ServeOptions options = Loopback(root);
   options.keepalive_max = 1000;
   auto owned = std::make_unique<HttpServer>(options, ops);
   HttpServer& server = *owned;
@@ -142,10 +146,10 @@ TEST(EventProbeTest, EveryWorkerAnswerArrivesWhetherItCameQuicklyOrLate) {
   std::thread run([&server] { server.Run(); });
 
   auto client = [port](int seed, int count, int* wrong) {
-    std::mt19937 random(seed);
+    std::mt19937 rng(seed);
     const int fd = Connect(port);
     for (int i = 0; i < count && fd >= 0; ++i) {
-      const int us = static_cast<int>(random() % 1500);
+      const int us = static_cast<int>(rng() % 1500);
       const std::string n = std::to_string(seed) + "-" + std::to_string(i);
       const std::string body = Get(fd, "/work?us=" + std::to_string(us) + "&n=" + n);
       if (body != "{\"n\":\"" + n + "\"}") {
