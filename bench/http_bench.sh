@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # HTTP benchmark of `tavo serve` beside nginx serving the same bytes:
-#   bench/http_bench.sh [BUILD_DIR]   (default: build; needs nginx-light, wrk, python3)
+#   bench/http_bench.sh [BUILD_DIR]   (default: build; installs nginx-light and wrk if missing)
 # Makes a root of 10,000 groups x 10 members and 10,000 users, starts tavo and
 # a private nginx on free loopback ports, and prints throughput (wrk -t2 -c64
 # -d10s, keep-alive, a page of 50 groups), sequential latency (1,000 requests
@@ -11,6 +11,7 @@ set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
 dir=${1:-build}
 case "$dir" in /*) ;; *) dir="$top/$dir" ;; esac
+"$top/tools/install-deps.sh" --bench
 cmake --build "$dir" -j2 --target tavo_cli call_in_process tavo_group_module >/dev/null
 tavo="$dir/bin/tavo"
 work=$(mktemp -d /tmp/tavo-http-bench.XXXXXX)

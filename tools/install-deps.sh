@@ -3,19 +3,31 @@
 #   tools/install-deps.sh          build and test dependencies (Debian packages)
 #   tools/install-deps.sh --browser  also the browser-test packages (chromium, playwright-core)
 #                                    and the npm packages of the e2e tests (the OpenAPI validator)
+#   tools/install-deps.sh --bench    also what only the benchmarks use (nginx, wrk)
 # Safe to run again: it installs only what is missing.
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 top=$(dirname "$here")
 want_browser=0
-[ "${1:-}" = "--browser" ] && want_browser=1
+want_bench=0
+for arg in "$@"; do
+  case "$arg" in
+    --browser) want_browser=1 ;;
+    --bench) want_bench=1 ;;
+    *) echo "install-deps: unknown option $arg" >&2; exit 2 ;;
+  esac
+done
 
 sudo_cmd=()
 [ "$(id -u)" -ne 0 ] && sudo_cmd=(sudo)
 
 missing=()
 while read -r kind name command; do
-  [ "$kind" = apt ] || continue
+  case "$kind" in
+    apt) ;;
+    bench) [ $want_bench -eq 1 ] || continue ;;
+    *) continue ;;
+  esac
   if [ "$name" = chromium ] && [ $want_browser -eq 0 ]; then continue; fi
   if [ -n "$command" ] && command -v "$command" >/dev/null 2>&1; then continue; fi
   dpkg-query -W -f='${Status}' "$name" 2>/dev/null | grep -q 'install ok installed' || missing+=("$name")
