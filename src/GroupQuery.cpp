@@ -9,6 +9,7 @@
 #include "JsonRead.h"
 #include "tavo/directory.h"
 #include "tavo/error.h"
+#include "tavo/read_scope.h"
 #include "tavo/util.h"
 
 namespace group_module {
@@ -124,6 +125,9 @@ void GroupHandler::List() {
   result_["offset"] = offset;
   result_["total"] = total;
   code_ = kApiSuccess;
+  // A page of local groups comes from the group file, its descriptions and
+  // the GID range alone: the server may give it again while they stand.
+  if (kind == TAVO_GROUP_LOCAL) TavoAnswerReusable();
 end:
   Exit();
 }

@@ -11,6 +11,7 @@
 
 #include <json/value.h>
 
+#include <memory>
 #include <string>
 
 #include "module_loader.h"
@@ -36,6 +37,9 @@ struct CallResult {
   ModuleSet::Lookup lookup = ModuleSet::Lookup::kFound;
   Json::Value envelope;  // set only when lookup == kFound
   int code = 0;          // the API code of the answer (3200 for success)
+  // The envelope as compact JSON, when it is at hand already: an answer
+  // given again from the answer cache has this and a null envelope.
+  std::shared_ptr<const std::string> text;
 };
 
 // Runs the call. When the method is unknown, only `lookup` is meaningful.

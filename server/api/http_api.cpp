@@ -33,7 +33,11 @@ void HttpServer::Impl::Serve(const HttpRequest& req, HttpResponse& res,
     return;
   }
   res.log.code = result.code;
-  SendJson(res, result.envelope);
+  if (result.text) {
+    SendJsonText(res, *result.text);
+  } else {
+    SendJson(res, result.envelope);
+  }
 }
 
 void HttpServer::Impl::ApiInfo(const HttpRequest& req, HttpResponse& res) {

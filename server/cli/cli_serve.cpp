@@ -210,7 +210,7 @@ int ServeMain(const std::vector<std::string>& command_line) {
     setrlimit(RLIMIT_NOFILE, &files);
   }
 
-  LocalAccountOps local(modules);
+  LocalAccountOps local(modules, static_cast<size_t>(options.answer_cache));
   WatchdogIntervalUsec();  // asked here, in the process systemd watches
   if (!options.privsep_user.empty()) {
     if (geteuid() != 0) {

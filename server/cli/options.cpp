@@ -66,6 +66,7 @@ Status ParseServeOptions(const std::vector<std::string>& args, ServeOptions* out
       {"--session-idle", &o.session_idle, 1, 7 * 24 * 3600},
       {"--session-lifetime", &o.session_lifetime, 1, 30 * 24 * 3600},
       {"--max-sessions", &o.max_sessions, 1, 100000},
+      {"--answer-cache", &o.answer_cache, 0, 100000},
   };
   for (size_t i = 0; i < args.size(); ++i) {
     const std::string& a = args[i];
@@ -170,6 +171,8 @@ std::string ServeUsage() {
     << d.stop_timeout << "]\n"
     << "  --keepalive-timeout S  idle time a connection is kept open [" << d.keepalive_timeout << "]\n"
     << "  --keepalive-max N      requests served on one connection [" << d.keepalive_max << "]\n"
+    << "  --answer-cache N       module answers kept to be given again while their account\n"
+    << "                         files are unchanged; 0: none [" << d.answer_cache << "]\n"
     << "  --session-idle S       a session ends after this long unused [" << d.session_idle << "]\n"
     << "  --session-lifetime S   a session ends this long after the login ["
     << d.session_lifetime << "]\n"

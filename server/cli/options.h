@@ -34,6 +34,7 @@ struct ServeOptions {
   int session_idle = 15 * 60;      // --session-idle SECONDS
   int session_lifetime = 8 * 3600;  // --session-lifetime SECONDS, however busy
   int max_sessions = 256;          // --max-sessions
+  int answer_cache = 512;          // --answer-cache N answers kept for reuse; 0: none
   int login_max_failures = 5;      // failed logins per account and address ...
   int login_window = 60;           // ... within this many seconds before 429
   std::string tls_cert, tls_key;    // --tls-cert FILE --tls-key FILE (PEM): serve HTTPS

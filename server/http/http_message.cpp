@@ -51,4 +51,10 @@ void SendJson(HttpResponse& res, const Json::Value& body) {
   res.body = ToCompactJson(body);
 }
 
+void SendJsonText(HttpResponse& res, const std::string& text) {
+  res.status = 200;
+  res.content_type = kJsonType;
+  res.body = text;
+}
+
 }  // namespace tavo_server

@@ -58,6 +58,8 @@ struct HttpResponse {
 void SendError(HttpResponse& res, int status, const std::string& message);
 // Answers HTTP 200 with a JSON body.
 void SendJson(HttpResponse& res, const Json::Value& body);
+// 200 with `text`, which is JSON already.
+void SendJsonText(HttpResponse& res, const std::string& text);
 
 }  // namespace tavo_server
 

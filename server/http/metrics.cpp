@@ -90,6 +90,10 @@ std::string Metrics::Render(size_t sessions, const Json::Value& side) const {
   Head(&out, "tavo_store_fsync_seconds_total", "counter", "Time spent in those fsync calls.");
   out += "tavo_store_fsync_seconds_total " + Number(store["fsync_ns"].asUInt64() / 1e9) + "\n";
 
+  Head(&out, "tavo_answers_reused_total", "counter",
+       "Module answers given again from the answer cache, their account files unchanged.");
+  out += "tavo_answers_reused_total " + std::to_string(side["answers_reused"].asUInt64()) + "\n";
+
   Head(&out, "tavo_directory_bound", "gauge", "1 when the directory is bound (ldap) or joined (domain).");
   std::string groups, last, errors;
   for (const char* kind : {"ldap", "domain"}) {

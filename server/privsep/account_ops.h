@@ -15,6 +15,7 @@
 
 #include <string>
 
+#include "answer_cache.h"
 #include "dispatch.h"
 #include "login.h"
 
@@ -41,7 +42,8 @@ class AccountOps {
   virtual Json::Value Info() = 0;
   // Figures of the side that holds the account files, for /metrics:
   // {"store": tavo::StoreStats as numbers, "directory": {"ldap"|"domain":
-  // {"bound", "groups", "last_sync", "last_error_time"}}}. Holds no names.
+  // {"bound", "groups", "last_sync", "last_error_time"}}, "answers_reused": N}.
+  // Holds no names.
   virtual Json::Value Stats() = 0;
 };
 
@@ -53,19 +55,24 @@ std::string GrantFor(const std::string& key, const LoginIdentity& who);
 bool GrantValid(const std::string& key, const LoginIdentity& who);
 
 // Runs everything in this process over `modules` (which must outlive it).
+// Answers that a module marked reusable are kept (answer_cache.h) and given
+// again, after the same login check, while their files are unchanged: at
+// most `kept_answers` of them (0: none).
 class LocalAccountOps : public AccountOps {
  public:
-  explicit LocalAccountOps(const ModuleSet& modules);
+  explicit LocalAccountOps(const ModuleSet& modules,
+                           size_t kept_answers = AnswerCache::kDefaultEntries);
   LoginResult CheckLogin(const std::string& account, const std::string& password,
                          LoginIdentity* who) override;
   LoginResult Recheck(const LoginIdentity& who) override;
   Answer Call(const ApiCall& call, const LoginIdentity& who) override;
   Json::Value Info() override;
-  Json::Value Stats() override { return LocalStats(); }
+  Json::Value Stats() override;
 
  private:
   const ModuleSet& modules_;
   const std::string key_;  // drawn at start-up
+  AnswerCache answers_;  // the answers kept for reuse
 };
 
 }  // namespace tavo_server

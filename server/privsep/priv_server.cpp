@@ -11,6 +11,7 @@
 #include <cstring>
 #include <thread>
 
+#include "json_util.h"
 #include "privsep/priv_channel.h"
 #include "random.h"
 
@@ -130,7 +131,11 @@ Json::Value PrivServer::Answer(const Json::Value& req) {
     out["result"] = a.denied ? "denied" : a.unavailable ? "unavailable" : "ok";
     out["lookup"] = static_cast<int>(a.result.lookup);
     out["code"] = a.result.code;
-    out["envelope"] = a.result.envelope;
+    if (a.result.text) {
+      ParseJson(*a.result.text, &out["envelope"]);
+    } else {
+      out["envelope"] = a.result.envelope;
+    }
   } else if (op == "info") {
     if (!HasExactKeys(req, {"op"})) return Json::Value();
     out["result"] = "ok";

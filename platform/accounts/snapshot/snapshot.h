@@ -109,10 +109,13 @@ std::shared_ptr<const void> PinnedValue(const void* cache, const std::string& pa
 // The value pinned for (cache, platform path `abs` under root generation
 // `root`): found without resolving the path. Null when none.
 std::shared_ptr<const void> PinnedAt(const void* cache, const char* abs, unsigned long long root);
+// Looks the file at `path` up again in `cache` (SnapshotCache<T>::Get).
+using Refetch = std::shared_ptr<const void> (*)(const void* cache, const std::string& path);
 // Keeps `value` for (cache, path) when a pin is alive on this thread; also
-// under (abs, root) when `abs` is given.
+// under (abs, root) when `abs` is given. `refetch` lets a read set made from
+// the pin (read_scope.h) look the file up again later.
 void PinValue(const void* cache, const std::string& path, std::shared_ptr<const void> value,
-              const char* abs = nullptr, unsigned long long root = 0);
+              Refetch refetch, const char* abs = nullptr, unsigned long long root = 0);
 // True once per pin (and always without one): whether a Get on this thread
 // must read the folders' pending change events, rather than use the counts
 // as of the read made earlier in the same pin.
@@ -141,6 +144,9 @@ class SnapshotCache {
   void Install(const std::string& path, std::shared_ptr<const T> value);
 
  private:
+  static std::shared_ptr<const void> RefetchFrom(const void* cache, const std::string& path) {
+    return const_cast<SnapshotCache*>(static_cast<const SnapshotCache*>(cache))->Get(path);
+  }
   // `read_events`: read the folders' pending change events first (false only
   // for a lookup of a pinned call after the call's first).
   std::shared_ptr<const T> GetFresh(const std::string& path, bool read_events);
@@ -163,7 +169,7 @@ std::shared_ptr<const T> SnapshotCache<T>::Get(const std::string& path) {
   if (std::shared_ptr<const void> pinned = internal::PinnedValue(this, path))
     return std::static_pointer_cast<const T>(pinned);
   std::shared_ptr<const T> value = GetFresh(path, internal::ReadEventsNow());
-  if (value) internal::PinValue(this, path, value);
+  if (value) internal::PinValue(this, path, value, &RefetchFrom);
   return value;
 }
 
@@ -176,7 +182,7 @@ std::shared_ptr<const T> SnapshotCache<T>::GetAt(const char* abs_path) {
   if (std::shared_ptr<const void> pinned = internal::PinnedValue(this, path))
     return std::static_pointer_cast<const T>(pinned);
   std::shared_ptr<const T> value = GetFresh(path, internal::ReadEventsNow());
-  if (value) internal::PinValue(this, path, value, abs_path, root);
+  if (value) internal::PinValue(this, path, value, &RefetchFrom, abs_path, root);
   return value;
 }
 
