@@ -59,3 +59,25 @@ test('a page is reused while its files stand, and made afresh after any change t
   const short = (await call(env.url, env.token, 'TAVO.Core.Group', 'list', { limit: 2 })).data;
   assert.equal(short.groups.length, 2);
 });
+
+test('pages asked for while groups are made never miss a change already answered', async () => {
+  let done = false;
+  const readers = [1, 2, 3, 4].map(async () => {
+    let pages = 0;
+    while (!done) {
+      await page();
+      pages++;
+    }
+    return pages;
+  });
+  try {
+    for (let i = 0; i < 20; i++) {
+      const name = `busy${String(i).padStart(2, '0')}`;
+      assert.equal((await call(env.url, env.token, 'TAVO.Core.Group', 'create', { name })).success, true);
+      assert.ok(entry(await page(), name), `${name} is in the page asked for after its creation`);
+    }
+  } finally {
+    done = true;
+  }
+  for (const pages of await Promise.all(readers)) assert.ok(pages > 0);
+});
