@@ -1,38 +1,15 @@
 #include "device_cookie.h"
 
-#include <gnutls/crypto.h>
-
 #include <cstdlib>
 
 #include "random.h"
 #include "tavo/util.h"
 
 namespace tavo_server {
-namespace {
-
-bool SameText(const std::string& a, const std::string& b) {
-  if (a.size() != b.size()) return false;
-  volatile unsigned char diff = 0;
-  for (size_t i = 0; i < a.size(); ++i) diff |= static_cast<unsigned char>(a[i] ^ b[i]);
-  return diff == 0;
-}
-
-}  // namespace
 
 std::string DeviceCookies::Mac(const std::string& issued, const std::string& nonce,
                                const std::string& account) const {
-  const std::string text = "device\n" + issued + "\n" + nonce + "\n" + tavo::CaseFoldKey(account);
-  unsigned char mac[32];
-  if (key_.empty() || gnutls_hmac_fast(GNUTLS_MAC_SHA256, key_.data(), key_.size(), text.data(),
-                                       text.size(), mac) != 0)
-    return "";
-  static const char kHex[] = "0123456789abcdef";
-  std::string out;
-  for (unsigned char c : mac) {
-    out += kHex[c >> 4];
-    out += kHex[c & 15];
-  }
-  return out;
+  return HmacSha256Hex(key_, "device\n" + issued + "\n" + nonce + "\n" + tavo::CaseFoldKey(account));
 }
 
 std::string DeviceCookies::Issue(const std::string& account, time_t now) const {
@@ -54,7 +31,7 @@ std::string DeviceCookies::Verify(const std::string& value, const std::string& a
       now - t > lifetime_.count())
     return "";
   const std::string mac = Mac(issued, nonce, account);
-  return !mac.empty() && SameText(mac, value.substr(b + 1)) ? nonce : "";
+  return !mac.empty() && SecretEquals(mac, value.substr(b + 1)) ? nonce : "";
 }
 
 }  // namespace tavo_server

@@ -1,5 +1,6 @@
 #include "random.h"
 
+#include <gnutls/crypto.h>
 #include <sys/random.h>
 
 #include <cerrno>
@@ -48,6 +49,27 @@ std::string RandomPassword(size_t length) {
     out += kChars[c % n];
   }
   return out;
+}
+
+std::string HmacSha256Hex(const std::string& key, const std::string& text) {
+  unsigned char mac[32];
+  if (key.empty() || gnutls_hmac_fast(GNUTLS_MAC_SHA256, key.data(), key.size(), text.data(),
+                                      text.size(), mac) != 0)
+    return "";
+  static const char kHex[] = "0123456789abcdef";
+  std::string out;
+  for (unsigned char c : mac) {
+    out += kHex[c >> 4];
+    out += kHex[c & 15];
+  }
+  return out;
+}
+
+bool SecretEquals(const std::string& a, const std::string& b) {
+  if (a.size() != b.size()) return false;
+  volatile unsigned char diff = 0;
+  for (size_t i = 0; i < a.size(); ++i) diff |= static_cast<unsigned char>(a[i] ^ b[i]);
+  return diff == 0;
 }
 
 }  // namespace tavo_server

@@ -10,14 +10,6 @@ constexpr size_t kPrefix = 16;  // hex digits used to find a secret
 
 std::string Prefix(const std::string& secret) { return secret.substr(0, kPrefix); }
 
-// Compares two secrets in time that depends only on their lengths.
-bool SecretEquals(const std::string& a, const std::string& b) {
-  if (a.size() != b.size()) return false;
-  volatile unsigned char diff = 0;
-  for (size_t i = 0; i < a.size(); ++i) diff |= static_cast<unsigned char>(a[i] ^ b[i]);
-  return diff == 0;
-}
-
 }  // namespace
 
 bool SessionStore::Create(const std::string& account, const std::string& stamp, Session* out,

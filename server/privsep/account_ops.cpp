@@ -1,7 +1,5 @@
 #include "account_ops.h"
 
-#include <gnutls/crypto.h>
-
 #include "random.h"
 #include "dir_status.h"
 #include "tavo/read_scope.h"
@@ -10,26 +8,12 @@
 namespace tavo_server {
 
 std::string GrantFor(const std::string& key, const LoginIdentity& who) {
-  const std::string text = "grant\n" + who.name + "\n" + who.stamp;
-  unsigned char mac[32];
-  if (key.empty() || gnutls_hmac_fast(GNUTLS_MAC_SHA256, key.data(), key.size(), text.data(),
-                                      text.size(), mac) != 0)
-    return "";
-  static const char kHex[] = "0123456789abcdef";
-  std::string out;
-  for (unsigned char c : mac) {
-    out += kHex[c >> 4];
-    out += kHex[c & 15];
-  }
-  return out;
+  return HmacSha256Hex(key, "grant\n" + who.name + "\n" + who.stamp);
 }
 
 bool GrantValid(const std::string& key, const LoginIdentity& who) {
   const std::string want = GrantFor(key, who);
-  if (want.empty() || want.size() != who.grant.size()) return false;
-  volatile unsigned char diff = 0;
-  for (size_t i = 0; i < want.size(); ++i) diff |= static_cast<unsigned char>(want[i] ^ who.grant[i]);
-  return diff == 0;
+  return !want.empty() && SecretEquals(want, who.grant);
 }
 
 LocalAccountOps::LocalAccountOps(const ModuleSet& modules, size_t kept_answers)
