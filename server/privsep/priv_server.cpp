@@ -131,10 +131,11 @@ Json::Value PrivServer::Answer(const Json::Value& req) {
     out["result"] = a.denied ? "denied" : a.unavailable ? "unavailable" : "ok";
     out["lookup"] = static_cast<int>(a.result.lookup);
     out["code"] = a.result.code;
-    if (a.result.text) {
+    // A reused answer comes as its text alone.
+    if (a.result.envelope.isNull() && a.result.text) {
       ParseJson(*a.result.text, &out["envelope"]);
     } else {
-      out["envelope"] = a.result.envelope;
+      out["envelope"] = std::move(a.result.envelope);
     }
   } else if (op == "info") {
     if (!HasExactKeys(req, {"op"})) return Json::Value();
