@@ -9,6 +9,7 @@
 #include "JsonRead.h"
 #include "ParamChecker.h"
 #include "tavo/error.h"
+#include "tavo/read_scope.h"
 #include "tavo/szlist.h"
 #include "tavo/user.h"
 #include "tavo/util.h"
@@ -187,6 +188,10 @@ void GroupHandler::ListMember() {
   }
   result_["offset"] = offset;
   code_ = kApiSuccess;
+  // A local group's members or non-members come from the account files alone
+  // (the users' names, UIDs and descriptions, the group, the UID range): the
+  // server may give the page again while they stand.
+  TavoAnswerReusable();
 end:
   ServerFormHandler::UnlockFile(fd);
   TLIBCSzListFree(list);

@@ -1,7 +1,8 @@
-// A page of groups asked for again is given from the answer cache, and only
-// while every file it was made from is unchanged: whoever changes a file, and
-// however (in place, at the same size, within one clock tick), the next page
-// is the module's own answer on the files as they are.
+// A page of groups or of a group's members asked for again is given from the
+// answer cache, and only while every file it was made from is unchanged:
+// whoever changes a file, and however (in place, at the same size, within one
+// clock tick), the next page is the module's own answer on the files as they
+// are.
 import { test } from 'node:test';
 import assert from 'node:assert/strict';
 import { readFileSync, writeFileSync, appendFileSync } from 'node:fs';
@@ -80,4 +81,30 @@ test('pages asked for while groups are made never miss a change already answered
     done = true;
   }
   for (const pages of await Promise.all(readers)) assert.ok(pages > 0);
+});
+
+test('pages of members and non-members are reused until a user or the group changes', async () => {
+  const etc = join(env.root, 'etc');
+  const members = async (ingroup) => (await call(env.url, env.token, 'TAVO.Core.Group.Member', 'list',
+    { group: 'finance', ingroup, limit: 50 })).data;
+  const user = (data, name) => data.users.find((u) => u.name === name);
+  for (const ingroup of [true, false]) {
+    await members(ingroup);
+    const before = await reused();
+    await members(ingroup);
+    assert.equal(await reused(), before + 1, `ingroup=${ingroup} kept`);
+  }
+  // Another program changes a member's and a non-member's full names in
+  // place, at the same size.
+  const passwd = readFileSync(join(etc, 'passwd'), 'utf8');
+  writeFileSync(join(etc, 'passwd'),
+    passwd.replace(':Bob Baker:', ':Bob Boker:').replace(':Alice Archer:', ':Alice Arches:'));
+  assert.equal(user(await members(true), 'bob').description, 'Bob Boker');
+  assert.equal(user(await members(false), 'alice').description, 'Alice Arches');
+  // A member added by another process of this platform moves from one page to the other.
+  assert.ok(user(await members(false), 'mallory'));
+  assert.equal(tavoCall(env.root, 'TAVO.Core.Group.Member', 'add',
+    { group: 'finance', name: ['mallory'] }).success, true);
+  assert.ok(user(await members(true), 'mallory'));
+  assert.equal(user(await members(false), 'mallory'), undefined);
 });
