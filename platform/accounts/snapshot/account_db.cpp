@@ -1,8 +1,6 @@
 // Snapshots of the account files and their indexes.
 #include "account_db.h"
 
-#include <sys/stat.h>
-
 #include <algorithm>
 #include <climits>
 #include <cstdint>
@@ -11,7 +9,6 @@
 
 #include "names.h"
 #include "snapshot.h"
-#include "tavo/root.h"
 
 namespace tavo {
 namespace acct {
@@ -373,90 +370,6 @@ DescDb::DescDb(FileBytes text) : text_(std::move(text)) {
 
 size_t DescDb::MemoryBytes() const {
   return text_.capacity() + texts_.capacity() * sizeof(TextSpan) + index_.MemoryBytes();
-}
-
-std::shared_ptr<GroupDb> BuildGroupDb(FileBytes content) {
-  return std::make_shared<GroupDb>(std::move(content));
-}
-
-namespace {
-SnapshotCache<GroupDb>& LocalGroupCache() {
-  static SnapshotCache<GroupDb> cache(BuildGroupDb, false);
-  return cache;
-}
-}  // namespace
-
-std::shared_ptr<const GroupDb> LocalGroups() {
-  return LocalGroupCache().GetAt(kGroupPath);
-}
-
-std::shared_ptr<const GroupDb> LocalGroupsNow() {
-  return LocalGroupCache().GetUnpinned(TavoRootPath(kGroupPath));
-}
-
-void InstallLocalGroups(std::shared_ptr<const GroupDb> db) {
-  if (db) LocalGroupCache().Install(TavoRootPath(kGroupPath), std::move(db));
-}
-
-std::shared_ptr<const GroupDb> DomainGroups() {
-  static SnapshotCache<GroupDb> cache(BuildGroupDb, true);
-  return cache.GetAt(kDomainGroupPath);
-}
-
-std::shared_ptr<const GroupDb> LdapGroups() {
-  static SnapshotCache<GroupDb> cache(BuildGroupDb, true);
-  return cache.GetAt(kLdapGroupPath);
-}
-
-std::shared_ptr<const UserDb> Passwd() {
-  static SnapshotCache<UserDb> cache(
-      [](FileBytes c) { return std::make_shared<UserDb>(std::move(c)); }, false);
-  return cache.GetAt(kPasswdPath);
-}
-
-std::shared_ptr<const ShadowDb> Shadow() {
-  static SnapshotCache<ShadowDb> cache(
-      [](FileBytes c) { return std::make_shared<ShadowDb>(std::move(c)); }, true);
-  return cache.GetAt(kShadowPath);
-}
-
-std::shared_ptr<const LoginDefs> Defs() {
-  static SnapshotCache<LoginDefs> cache(
-      [](FileBytes c) { return std::make_shared<LoginDefs>(ParseLoginDefs(std::string(c.view()))); },
-      true);
-  return cache.GetAt(kLoginDefsPath);
-}
-
-namespace {
-SnapshotCache<DescDb>& DescCache() {
-  static SnapshotCache<DescDb> cache(
-      [](FileBytes c) { return std::make_shared<DescDb>(std::move(c)); }, true);
-  return cache;
-}
-SnapshotCache<FileText>& GshadowCache() {
-  static SnapshotCache<FileText> cache(
-      [](FileBytes c) { return std::make_shared<FileText>(FileText{std::move(c)}); }, true);
-  return cache;
-}
-}  // namespace
-
-std::shared_ptr<const DescDb> Descriptions() { return DescCache().GetAt(kDescPath); }
-
-std::shared_ptr<const DescDb> DescriptionsNow() {
-  return DescCache().GetUnpinned(TavoRootPath(kDescPath));
-}
-
-std::shared_ptr<const FileText> GshadowNow(bool* exists) {
-  const std::string path = TavoRootPath(kGshadowPath);
-  std::shared_ptr<const FileText> text = GshadowCache().GetUnpinned(path);
-  struct stat st;
-  *exists = text && (!text->text.empty() || stat(path.c_str(), &st) == 0);
-  return text;
-}
-
-void InstallGshadow(std::string text) {
-  GshadowCache().Install(TavoRootPath(kGshadowPath),
-                         std::make_shared<FileText>(FileText{FileBytes(std::move(text))}));
 }
 
 bool IsReachable(const GroupLine& g, const LoginDefs& defs) {
