@@ -2,6 +2,7 @@
 
 #include <syslog.h>
 
+#include <chrono>
 #include <exception>
 
 #include "json_util.h"
@@ -62,6 +63,7 @@ CallResult Dispatch(const ModuleSet& modules, const ApiCall& call, const std::st
   bool failed = false;
   {
     tavo::ScopedRequestAccount scoped(account);
+    const auto start = std::chrono::steady_clock::now();
     try {
       entry(&request, &response);
     } catch (const std::exception& e) {
@@ -73,6 +75,8 @@ CallResult Dispatch(const ModuleSet& modules, const ApiCall& call, const std::st
              call.version, call.method.c_str());
       failed = true;
     }
+    result.module_us =
+        std::chrono::duration<double, std::micro>(std::chrono::steady_clock::now() - start).count();
   }
   if (failed) {
     TAVO::APIResponse unknown;
@@ -98,8 +102,8 @@ std::string LookupMessage(ModuleSet::Lookup lookup, const ApiCall& call) {
     case ModuleSet::Lookup::kNoVersion:
       return "API '" + call.api + "' has no version " + std::to_string(call.version);
     case ModuleSet::Lookup::kNoMethod:
-      return "API '" + call.api + "' version " + std::to_string(call.version) +
-             " has no method '" + call.method + "'";
+      return "API '" + call.api + "' version " + std::to_string(call.version) + " has no method '" +
+             call.method + "'";
     case ModuleSet::Lookup::kFound:
       break;
   }

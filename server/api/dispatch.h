@@ -40,6 +40,9 @@ struct CallResult {
   // The envelope as compact JSON, when it is at hand already: an answer
   // given again from the answer cache has this and a null envelope.
   std::shared_ptr<const std::string> text;
+  // How long the module's entry function ran, in microseconds; 0 when no
+  // module ran (a failed lookup, an answer given again).
+  double module_us = 0;
 };
 
 // Runs the call. When the method is unknown, only `lookup` is meaningful.

@@ -74,6 +74,7 @@ AccountOps::Answer PrivClient::Call(const ApiCall& call, const LoginIdentity& wh
   a.result.lookup = static_cast<ModuleSet::Lookup>(lookup >= 0 && lookup <= 3 ? lookup : 1);
   a.result.code = answer["code"].isInt() ? answer["code"].asInt() : 0;
   a.result.envelope = answer["envelope"];
+  a.result.module_us = answer["module_us"].isNumeric() ? answer["module_us"].asDouble() : 0;
   return a;
 }
 

@@ -131,6 +131,7 @@ Json::Value PrivServer::Answer(const Json::Value& req) {
     out["result"] = a.denied ? "denied" : a.unavailable ? "unavailable" : "ok";
     out["lookup"] = static_cast<int>(a.result.lookup);
     out["code"] = a.result.code;
+    out["module_us"] = a.result.module_us;
     // A reused answer comes as its text alone.
     if (a.result.envelope.isNull() && a.result.text) {
       ParseJson(*a.result.text, &out["envelope"]);

@@ -27,6 +27,11 @@ test('a page is reused while its files stand, and made afresh after any change t
   const before = await reused();
   assert.deepEqual(await page(), first);
   assert.equal(await reused(), before + 1, 'the same page again is the kept answer');
+  // Server-Timing tells the module's own time, and a kept answer has none.
+  const timing = async () => (await fetch(`${env.url}/api?api=TAVO.Core.Group&version=1&method=list&limit=7`,
+    { headers: { Authorization: `Bearer ${env.token}` } })).headers.get('server-timing');
+  assert.match(await timing(), /^module;dur=\d+\.\d{3}$/);
+  assert.equal(await timing(), null);
 
   // Each change, right after a page was kept, must show in the next page.
   const changes = [
