@@ -1,5 +1,5 @@
 // `tavo serve`: loads the modules and serves them over HTTP until SIGINT or
-// SIGTERM.
+// SIGTERM; SIGHUP reloads the TLS certificate and key.
 #include <netdb.h>
 #include <pthread.h>
 #include <signal.h>
@@ -28,6 +28,7 @@
 #include "privsep/split.h"
 #include "serve_conf.h"
 #include "systemd_notify.h"
+#include "tls_credentials.h"
 #include "tavo/error.h"
 #include "tavo/root.h"
 #include "tavo/store_check.h"
@@ -64,12 +65,33 @@ Status AdoptActivatedSocket(ServeOptions* options) {
   return Status::OK();
 }
 
-// Binds, announces and serves HTTP until a stop signal (blocked in every
-// thread) arrives. `after_bind` runs once the socket is bound and the TLS
-// files are read (a split server drops its rights there); `sync_here` runs
-// the periodic directory sync in this process.
-int RunFront(const ServeOptions& options, AccountOps& ops, const sigset_t& stop_signals,
-             const std::function<bool()>& after_bind, bool sync_here) {
+// SIGHUP: the certificate and key are read again (through `read_tls`) and
+// presented from the next handshake on; a pair that cannot be read or does
+// not pass the checks leaves the one in use.
+void ReloadTls(const ServeOptions& options, HttpServer& server, const TlsReader& read_tls) {
+  if (!options.tls()) {
+    syslog(LOG_NOTICE, "SIGHUP: nothing to reload (the server does not serve HTTPS)");
+    return;
+  }
+  std::string cert, key;
+  Status s = read_tls(&cert, &key);
+  if (s.ok()) s = server.ReloadTls(cert, key);
+  if (s.ok()) {
+    syslog(LOG_NOTICE, "SIGHUP: TLS certificate reloaded from %s",
+           TerminalSafe(options.tls_cert).c_str());
+  } else {
+    syslog(LOG_ERR, "SIGHUP: TLS certificate kept as it was: %s",
+           TerminalSafe(s.message()).c_str());
+  }
+}
+
+// Binds, announces and serves HTTP until a stop signal arrives (`signals`:
+// SIGINT, SIGTERM and SIGHUP, blocked in every thread). `after_bind` runs
+// once the socket is bound and the TLS files are read (a split server drops
+// its rights there); `sync_here` runs the periodic directory sync in this
+// process.
+int RunFront(const ServeOptions& options, AccountOps& ops, const sigset_t& signals,
+             const std::function<bool()>& after_bind, bool sync_here, const TlsReader& read_tls) {
   Status s;
   HttpServer server(options, ops);
   int port = 0;
@@ -118,10 +140,13 @@ int RunFront(const ServeOptions& options, AccountOps& ops, const sigset_t& stop_
     directory_sync.reset(new tavo_dir::PeriodicSync(tavo_dir::PeriodicSync::ConfiguredInterval()));
   }
 
-  std::thread stopper([&server, stop_signals] {
+  std::thread stopper([&server, &options, &read_tls, signals] {
     int sig = 0;
-    sigwait(&stop_signals, &sig);
-    if (sig != 0) fprintf(stderr, "tavo: signal %d, stopping\n", sig);
+    while (sigwait(&signals, &sig) != 0 || sig == SIGHUP) {
+      if (sig == SIGHUP) ReloadTls(options, server, read_tls);
+      sig = 0;
+    }
+    fprintf(stderr, "tavo: signal %d, stopping\n", sig);
     NotifyStopping();
     server.Stop();
   });
@@ -195,13 +220,18 @@ int ServeMain(const std::vector<std::string>& command_line) {
   // Made here, where the modules are: a split-off front has none of its own.
   options.openapi_json = ToCompactJson(BuildOpenApi(modules));
 
-  // SIGINT and SIGTERM are taken by a thread of their own, which stops the
-  // server; every other thread (the workers too) keeps them blocked.
-  sigset_t stop_signals;
-  sigemptyset(&stop_signals);
-  sigaddset(&stop_signals, SIGINT);
-  sigaddset(&stop_signals, SIGTERM);
-  pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
+  // SIGINT, SIGTERM and SIGHUP are taken by a thread of their own, which
+  // stops the server or reloads its certificate; every other thread (the
+  // workers too) keeps them blocked.
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGINT);
+  sigaddset(&signals, SIGTERM);
+  sigaddset(&signals, SIGHUP);
+  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+  const TlsReader read_files = [&options](std::string* cert, std::string* key) {
+    return ReadTlsFiles(options.tls_cert, options.tls_key, cert, key);
+  };
   signal(SIGPIPE, SIG_IGN);
   // Each connection is a descriptor: allow as many as the system lets us.
   struct rlimit files;
@@ -219,16 +249,18 @@ int ServeMain(const std::vector<std::string>& command_line) {
     }
     std::unique_ptr<tavo_dir::PeriodicSync> directory_sync;
     return ServeSplit(
-        options.privsep_user, local, stop_signals,
-        [&options, &stop_signals](AccountOps& ops, const std::function<bool()>& drop) {
-          return RunFront(options, ops, stop_signals, drop, false);
+        options.privsep_user, local, signals,
+        [&options, &signals](AccountOps& ops, const std::function<bool()>& drop,
+                             const TlsReader& read_tls) {
+          return RunFront(options, ops, signals, drop, false, read_tls);
         },
         [&directory_sync] {
           directory_sync.reset(
               new tavo_dir::PeriodicSync(tavo_dir::PeriodicSync::ConfiguredInterval()));
-        });
+        },
+        read_files);
   }
-  return RunFront(options, local, stop_signals, [] { return true; }, true);
+  return RunFront(options, local, signals, [] { return true; }, true, read_files);
 }
 
 }  // namespace tavo_server

@@ -7,36 +7,26 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <fstream>
-#include <sstream>
 #include <string>
 
 #include "http_impl.h"
 #include "http_server.h"
+#include "tls_credentials.h"
 
 namespace tavo_server {
 
-namespace {
-
-bool ReadPem(const std::string& path, std::string* out) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream text;
-  text << in.rdbuf();
-  *out = text.str();
-  return in.good() || in.eof() ? !out->empty() : false;
-}
-
-}  // namespace
-
 Status HttpServer::Bind(int* port) {
   const ServeOptions& o = impl_->options;
-  // The certificate and key are read now, while the files may still be
-  // readable (a split server drops its rights after binding).
+  // The certificate and key are read and checked now, while the files may
+  // still be readable (a split server drops its rights after binding).
   if (o.tls()) {
     if (!MHD_is_feature_supported(MHD_FEATURE_TLS))
       return Status::Error("this libmicrohttpd has no TLS support");
-    if (!ReadPem(o.tls_cert, &impl_->tls_cert_pem)) return Status::Error("cannot read " + o.tls_cert);
-    if (!ReadPem(o.tls_key, &impl_->tls_key_pem)) return Status::Error("cannot read " + o.tls_key);
+    std::string cert, key;
+    Status s = ReadTlsFiles(o.tls_cert, o.tls_key, &cert, &key);
+    if (!s.ok()) return s;
+    s = TlsCredentials::Install(cert, key);
+    if (!s.ok()) return Status::Error(o.tls_cert + " and " + o.tls_key + ": " + s.message());
   }
   int fd = -1;
   if (o.activated_fd >= 0) {
@@ -76,6 +66,11 @@ Status HttpServer::Bind(int* port) {
                                             : reinterpret_cast<sockaddr_in*>(&bound)->sin_port);
   impl_->listen_fd = fd;
   return Status::OK();
+}
+
+Status HttpServer::ReloadTls(const std::string& cert_pem, const std::string& key_pem) {
+  if (!impl_->options.tls()) return Status::Error("the server does not serve HTTPS");
+  return TlsCredentials::Install(cert_pem, key_pem);
 }
 
 }  // namespace tavo_server

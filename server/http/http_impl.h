@@ -65,7 +65,6 @@ struct HttpServer::Impl {
   int listen_fd = -1;
   std::string keep_alive_header;  // "timeout=N"
   SitePolicy site;                 // Host and Origin
-  std::string tls_cert_pem, tls_key_pem;  // read at Listen when serving HTTPS
   std::atomic<int> connections{0};  // open connections
   std::atomic<int> in_flight{0};    // requests whose head has arrived, not yet answered
   std::atomic<bool> stopping{false};

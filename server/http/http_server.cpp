@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "http_impl.h"
+#include "tls_credentials.h"
 
 namespace tavo_server {
 namespace {
@@ -316,19 +317,20 @@ Status HttpServer::Run() {
   // The library's own inactivity timeout only backs up the deadlines above.
   const unsigned backstop =
       static_cast<unsigned>(std::max({o.read_timeout, o.write_timeout, o.keepalive_timeout}) + 5);
-  // HTTPS: the key and certificate read at Bind.
+  // HTTPS: each handshake takes the certificate installed at Bind, or by the
+  // latest ReloadTls.
   std::vector<MHD_OptionItem> tls_options;
   if (o.tls()) {
-    tls_options.push_back({MHD_OPTION_HTTPS_MEM_KEY, 0, const_cast<char*>(s.tls_key_pem.c_str())});
-    tls_options.push_back({MHD_OPTION_HTTPS_MEM_CERT, 0, const_cast<char*>(s.tls_cert_pem.c_str())});
+    tls_options.push_back({MHD_OPTION_HTTPS_CERT_CALLBACK, 0,
+                           reinterpret_cast<void*>(&TlsCredentials::Retrieve)});
   }
   tls_options.push_back({MHD_OPTION_END, 0, nullptr});
   MHD_Daemon* daemon = MHD_start_daemon(
       MHD_USE_EPOLL_INTERNAL_THREAD | MHD_ALLOW_SUSPEND_RESUME | MHD_USE_ITC | MHD_USE_ERROR_LOG |
           (o.tls() ? MHD_USE_TLS : 0),
       0, nullptr, nullptr, OnRequest, &s,
+      MHD_OPTION_EXTERNAL_LOGGER, OnLibraryError, nullptr,  // first, to catch every message
       MHD_OPTION_ARRAY, tls_options.data(),
-      MHD_OPTION_EXTERNAL_LOGGER, OnLibraryError, nullptr,
       MHD_OPTION_LISTEN_SOCKET, s.listen_fd,
       MHD_OPTION_THREAD_POOL_SIZE, threads,
       MHD_OPTION_CONNECTION_LIMIT, static_cast<unsigned>(o.max_connections + kRefusalHeadroom),

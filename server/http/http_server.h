@@ -64,7 +64,13 @@ class HttpServer {
   void AddRoute(const std::string& method, const std::string& path, Lane lane, Handler handler);
 
   // Binds the listening socket; *port receives the port actually bound.
+  // When serving HTTPS, reads and checks the certificate and key first.
   Status Bind(int* port);
+  // Presents this certificate chain and key (PEM) to every TLS handshake from
+  // now on, once they pass the checks of TlsCredentials::Install; a pair that
+  // fails them changes nothing. Connections already open keep theirs. Any
+  // thread, after Bind.
+  Status ReloadTls(const std::string& cert_pem, const std::string& key_pem);
   // Serves until Stop. Returns OK when every request in flight finished
   // within the stop time, else an error saying how many did not.
   Status Run();

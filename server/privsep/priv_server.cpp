@@ -52,6 +52,10 @@ Status PrivServer::Listen() {
   return Status::OK();
 }
 
+void PrivServer::SetTlsReader(std::function<Status(std::string*, std::string*)> read) {
+  read_tls_ = std::move(read);
+}
+
 void PrivServer::AllowPeer(pid_t pid, uid_t uid) {
   peer_uid_ = uid;
   peer_pid_ = pid;
@@ -142,6 +146,18 @@ Json::Value PrivServer::Answer(const Json::Value& req) {
     if (!HasExactKeys(req, {"op"})) return Json::Value();
     out["result"] = "ok";
     out["info"] = ops_.Info();
+  } else if (op == "tls") {
+    // Asked when the front reloads its certificate (SIGHUP).
+    if (!HasExactKeys(req, {"op"})) return Json::Value();
+    std::string cert, key;
+    const Status s = read_tls_ ? read_tls_(&cert, &key) : Status::Error("no TLS files");
+    out["result"] = s.ok() ? "ok" : "unavailable";
+    if (s.ok()) {
+      out["cert"] = cert;
+      out["key"] = key;
+    } else {
+      out["error"] = s.message();
+    }
   } else if (op == "stats") {
     if (!HasExactKeys(req, {"op"})) return Json::Value();
     out["result"] = "ok";

@@ -18,6 +18,7 @@
 
 #include <atomic>
 #include <condition_variable>
+#include <functional>
 #include <mutex>
 #include <string>
 
@@ -37,6 +38,10 @@ class PrivServer {
   Status Listen();
   const std::string& address() const { return address_; }
   void AllowPeer(pid_t pid, uid_t uid);
+  // How op "tls" reads the server's certificate and key (PEM) for the front,
+  // which cannot read the files once it has dropped its rights; without a
+  // reader the op is refused. Before Run.
+  void SetTlsReader(std::function<Status(std::string* cert_pem, std::string* key_pem)> read);
   // Serves until Stop.
   void Run();
   void Stop();
@@ -48,6 +53,7 @@ class PrivServer {
   void Serve(int fd);
 
   AccountOps& ops_;
+  std::function<Status(std::string*, std::string*)> read_tls_;
   const int max_busy_;
   const int read_timeout_ms_;
   std::string address_;

@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdio>
 #include <cstring>
 #include <thread>
@@ -37,8 +38,9 @@ bool DropTo(uid_t uid, gid_t gid, pid_t parent) {
 
 }  // namespace
 
-int ServeSplit(const std::string& user, AccountOps& local, const sigset_t& stop_signals,
-               const FrontMain& front, const std::function<void()>& parent_started) {
+int ServeSplit(const std::string& user, AccountOps& local, const sigset_t& signals,
+               const FrontMain& front, const std::function<void()>& parent_started,
+               const TlsReader& read_tls) {
   struct passwd* pw = getpwnam(user.c_str());
   if (pw == nullptr || pw->pw_uid == 0) {
     fprintf(stderr, "tavo serve: no unprivileged user %s for the front process\n", user.c_str());
@@ -47,6 +49,7 @@ int ServeSplit(const std::string& user, AccountOps& local, const sigset_t& stop_
   const uid_t uid = pw->pw_uid;
   const gid_t gid = pw->pw_gid;
   PrivServer priv(local);
+  priv.SetTlsReader(read_tls);
   Status s = priv.Listen();
   if (!s.ok()) {
     fprintf(stderr, "tavo serve: %s\n", s.message().c_str());
@@ -67,7 +70,19 @@ int ServeSplit(const std::string& user, AccountOps& local, const sigset_t& stop_
     if (read(go[0], &byte, 1) != 1) _exit(kExitFailure);
     close(go[0]);
     PrivClient client(priv.address());
-    const int code = front(client, [uid, gid, parent] { return DropTo(uid, gid, parent); });
+    const TlsReader ask = [&client](std::string* cert, std::string* key) {
+      Json::Value req(Json::objectValue), answer;
+      req["op"] = "tls";
+      if (!client.Ask(req, &answer)) return Status::Error("the account process did not answer");
+      if (answer["result"] != "ok" || !answer["cert"].isString() || !answer["key"].isString())
+        return Status::Error(answer["error"].isString() ? answer["error"].asString()
+                                                        : "the account process refused");
+      *cert = answer["cert"].asString();
+      *key = answer["key"].asString();
+      return Status::OK();
+    };
+    const auto drop = [uid, gid, parent] { return DropTo(uid, gid, parent); };
+    const int code = front(client, drop, ask);
     fflush(stdout);
     fflush(stderr);
     _exit(code);
@@ -80,14 +95,24 @@ int ServeSplit(const std::string& user, AccountOps& local, const sigset_t& stop_
   close(go[1]);
   std::thread runner([&priv] { priv.Run(); });
   parent_started();
-  std::thread forwarder([pid, stop_signals] {
-    int sig = 0;
-    sigwait(&stop_signals, &sig);
-    if (sig == SIGINT || sig == SIGTERM) kill(pid, SIGTERM);
+  std::atomic<bool> child_gone{false};
+  std::thread forwarder([pid, signals, &child_gone] {
+    for (;;) {
+      int sig = 0;
+      if (sigwait(&signals, &sig) != 0) continue;
+      if (child_gone.load()) return;  // its pid may be another process's now
+      if (sig == SIGHUP) {
+        kill(pid, SIGHUP);  // the front reloads its certificate
+        continue;
+      }
+      kill(pid, SIGTERM);
+      return;
+    }
   });
   int status = 0;
   while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
   }
+  child_gone.store(true);
   pthread_kill(forwarder.native_handle(), SIGTERM);  // wakes the sigwait
   forwarder.join();
   priv.Stop();

@@ -7,7 +7,10 @@
 // privileges) and must be called once the front has bound its socket and read
 // its TLS files. The parent allows only that child on the channel, calls
 // `parent_started` (for threads of its own: the fork is made before any),
-// forwards SIGINT and SIGTERM to the child and ends when the child does.
+// forwards SIGINT and SIGTERM (as SIGTERM) and SIGHUP to the child, and ends
+// when the child does. `signals` are those three, blocked in every thread.
+// The front's `read_tls` asks this process, which reads the files with
+// `read_tls` here (the front can no longer read them itself).
 //
 // Returns the exit status for `tavo serve`.
 #ifndef TAVO_SERVER_PRIVSEP_SPLIT_H_
@@ -19,13 +22,19 @@
 #include <string>
 
 #include "privsep/account_ops.h"
+#include "status.h"
 
 namespace tavo_server {
 
-using FrontMain = std::function<int(AccountOps& ops, const std::function<bool()>& drop)>;
+// Reads the server's TLS certificate and key (PEM), for a reload.
+using TlsReader = std::function<Status(std::string* cert_pem, std::string* key_pem)>;
 
-int ServeSplit(const std::string& user, AccountOps& local, const sigset_t& stop_signals,
-               const FrontMain& front, const std::function<void()>& parent_started);
+using FrontMain = std::function<int(AccountOps& ops, const std::function<bool()>& drop,
+                                    const TlsReader& read_tls)>;
+
+int ServeSplit(const std::string& user, AccountOps& local, const sigset_t& signals,
+               const FrontMain& front, const std::function<void()>& parent_started,
+               const TlsReader& read_tls);
 
 }  // namespace tavo_server
 

@@ -1,13 +1,15 @@
 // Host names of other sites get 421, cross-site POSTs 403; HTTPS with the
-// certificate of `tavo init` gives Secure cookies and HSTS; plain HTTP beyond
-// loopback needs --insecure-http.
+// certificate of `tavo init` gives Secure cookies and HSTS; SIGHUP presents a
+// renewed certificate; plain HTTP beyond loopback needs --insecure-http.
 import { test } from 'node:test';
 import assert from 'node:assert/strict';
 import http from 'node:http';
 import https from 'node:https';
-import { readFileSync } from 'node:fs';
+import tls from 'node:tls';
+import crypto from 'node:crypto';
+import { readFileSync, copyFileSync, writeFileSync, chmodSync, mkdirSync } from 'node:fs';
 import { join } from 'node:path';
-import { withServer, startServer, runTavo, ADMIN_PASSWORD } from './helpers.mjs';
+import { withServer, startServer, runTavo, scratch, initRoot, ADMIN_PASSWORD } from './helpers.mjs';
 
 const env = withServer();
 
@@ -69,6 +71,95 @@ test('HTTPS with the certificate of tavo init: Secure cookies and HSTS', async (
   const plain = await request(env.url, { headers: { Host: new URL(env.url).host } });
   assert.equal(plain.headers['strict-transport-security'], undefined);
 });
+
+// The SHA-256 fingerprint of the certificate a new TLS connection is shown.
+function presented(url) {
+  const u = new URL(url);
+  return new Promise((resolve, reject) => {
+    const socket = tls.connect({ host: u.hostname, port: Number(u.port), rejectUnauthorized: false }, () => {
+      const fp = socket.getPeerCertificate().fingerprint256;
+      socket.end();
+      resolve(fp);
+    });
+    socket.on('error', reject);
+  });
+}
+
+const fingerprint = (file) => new crypto.X509Certificate(readFileSync(file)).fingerprint256;
+
+for (const split of [false, true]) {
+  const name = `SIGHUP presents a renewed certificate and keeps sessions${split ? ', with privsep' : ''}`;
+  test(name, { skip: split && process.getuid() !== 0 && 'needs root' }, async () => {
+    const tmp = scratch();
+    try {
+      chmodSync(tmp.dir, 0o755);  // the front of a split server (nobody) reads the root
+      const root = initRoot(tmp.dir);
+      mkdirSync(join(tmp.dir, 'other'));
+      const other = initRoot(join(tmp.dir, 'other'));
+      // The files the server is given: readable by root alone.
+      const dir = join(tmp.dir, 'tls');
+      mkdirSync(dir, { mode: 0o700 });
+      const [cert, key] = [join(dir, 'cert.pem'), join(dir, 'key.pem')];
+      const [certA, keyA] = ['cert.pem', 'key.pem'].map((f) => join(root, 'etc/tavo/tls', f));
+      const [certB, keyB] = ['cert.pem', 'key.pem'].map((f) => join(other, 'etc/tavo/tls', f));
+      copyFileSync(certA, cert);
+      copyFileSync(keyA, key);
+      const server = await startServer({
+        root, extra: ['--tls-cert', cert, '--tls-key', key, ...(split ? ['--privsep-user', 'nobody'] : [])],
+      });
+      const hup = async (re) => {
+        // With privsep the signal goes to the account process, which passes it on.
+        server.child.kill('SIGHUP');
+        assert.match(await server.stderrMatch(re), re);
+      };
+      try {
+        assert.equal(await presented(server.url), fingerprint(certA));
+        // A session and a kept-alive connection from before the reload.
+        const agent = new https.Agent({ keepAlive: true, maxSockets: 1, rejectUnauthorized: false });
+        const host = new URL(server.url).host;
+        const send = (opts) => new Promise((resolve, reject) => {
+          const req = https.request(new URL(opts.path, server.url),
+            { method: opts.method || 'GET', headers: { Host: host, ...opts.headers }, agent }, (res) => {
+              let text = '';
+              res.on('data', (d) => { text += d; });
+              res.on('end', () => resolve({ status: res.statusCode, body: text, socket: res.socket }));
+            });
+          req.on('error', reject);
+          req.end(opts.body);
+        });
+        const logged = await send({ method: 'POST', path: '/api/auth/login', body: loginBody, headers: loginHeaders(host) });
+        assert.equal(logged.status, 200, logged.body);
+        const token = JSON.parse(logged.body).data.token;
+        const info = () => send({ path: '/api/info', headers: { Authorization: `Bearer ${token}` } });
+
+        // A certificate whose key is another's, then one that is no PEM at
+        // all: refused, and the one in use stays.
+        copyFileSync(certB, cert);
+        await hup(/TLS certificate kept as it was: the key is not the key of the certificate/);
+        writeFileSync(cert, 'not a certificate\n');
+        await hup(/TLS certificate kept as it was: the certificate is not a PEM certificate/);
+        assert.equal(await presented(server.url), fingerprint(certA));
+
+        // The renewed pair: new handshakes get it, the open connection and
+        // the session carry on.
+        copyFileSync(certB, cert);
+        copyFileSync(keyB, key);
+        await hup(/TLS certificate reloaded from/);
+        assert.equal(await presented(server.url), fingerprint(certB));
+        const again = await info();
+        assert.equal(again.status, 200);
+        assert.equal(again.socket, logged.socket, 'the kept-alive connection was not closed');
+        agent.destroy();
+        assert.equal(server.child.exitCode, null);
+      } finally {
+        await server.stop();
+      }
+      assert.equal(server.child.exitCode, 0);
+    } finally {
+      tmp.cleanup();
+    }
+  });
+}
 
 test('plain HTTP on a non-loopback address needs --insecure-http', async () => {
   const r = runTavo(['serve', '--root', env.root, '--listen', '0.0.0.0:0']);

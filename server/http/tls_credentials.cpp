@@ -1,0 +1,107 @@
+#include "tls_credentials.h"
+
+#include <atomic>
+#include <fstream>
+#include <iterator>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+namespace tavo_server {
+namespace {
+
+constexpr unsigned kMaxChain = 16;
+
+struct Pair {
+  gnutls_pcert_st certs[kMaxChain];
+  unsigned count = 0;
+  gnutls_privkey_t key = nullptr;
+
+  ~Pair() {
+    for (unsigned i = 0; i < count; ++i) gnutls_pcert_deinit(&certs[i]);
+    if (key != nullptr) gnutls_privkey_deinit(key);
+  }
+};
+
+bool ReadWhole(const std::string& path, std::string* out) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) return false;
+  out->assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+  return !in.bad() && !out->empty();
+}
+
+std::mutex g_mu;                           // serialises Install
+std::vector<std::unique_ptr<Pair>> g_all;  // every pair installed, kept to the end
+std::atomic<const Pair*> g_current{nullptr};
+
+gnutls_datum_t Datum(const std::string& s) {
+  return gnutls_datum_t{reinterpret_cast<unsigned char*>(const_cast<char*>(s.data())),
+                        static_cast<unsigned>(s.size())};
+}
+
+// The public key in DER, as the certificate or the private key gives it.
+bool PublicKeyDer(gnutls_pubkey_t pub, std::string* out) {
+  gnutls_datum_t d{nullptr, 0};
+  if (gnutls_pubkey_export2(pub, GNUTLS_X509_FMT_DER, &d) != 0) return false;
+  out->assign(reinterpret_cast<const char*>(d.data), d.size);
+  gnutls_free(d.data);
+  return true;
+}
+
+bool KeyMatches(const Pair& p) {
+  gnutls_pubkey_t from_key = nullptr;
+  if (gnutls_pubkey_init(&from_key) != 0) return false;
+  std::string a, b;
+  const bool ok = gnutls_pubkey_import_privkey(from_key, p.key, 0, 0) == 0 &&
+                  PublicKeyDer(from_key, &a) && PublicKeyDer(p.certs[0].pubkey, &b) && a == b;
+  gnutls_pubkey_deinit(from_key);
+  return ok;
+}
+
+}  // namespace
+
+Status TlsCredentials::Install(const std::string& cert_pem, const std::string& key_pem) {
+  auto p = std::make_unique<Pair>();
+  gnutls_datum_t cert = Datum(cert_pem);
+  unsigned count = kMaxChain;
+  const int r = gnutls_pcert_list_import_x509_raw(p->certs, &count, &cert, GNUTLS_X509_FMT_PEM, 0);
+  if (r == GNUTLS_E_SHORT_MEMORY_BUFFER)
+    return Status::Error("the certificate chain holds more than " + std::to_string(kMaxChain) +
+                         " certificates");
+  if (r != 0 || count == 0)
+    return Status::Error(std::string("the certificate is not a PEM certificate: ") +
+                         gnutls_strerror(r));
+  p->count = count;
+  if (gnutls_privkey_init(&p->key) != 0) return Status::Error("no memory for the TLS key");
+  gnutls_datum_t key = Datum(key_pem);
+  const int k = gnutls_privkey_import_x509_raw(p->key, &key, GNUTLS_X509_FMT_PEM, nullptr, 0);
+  if (k != 0)
+    return Status::Error(std::string("the key is not a PEM private key without a passphrase: ") +
+                         gnutls_strerror(k));
+  if (!KeyMatches(*p)) return Status::Error("the key is not the key of the certificate");
+  std::lock_guard<std::mutex> lock(g_mu);
+  g_current.store(p.get(), std::memory_order_release);
+  g_all.push_back(std::move(p));
+  return Status::OK();
+}
+
+Status ReadTlsFiles(const std::string& cert_path, const std::string& key_path,
+                    std::string* cert_pem, std::string* key_pem) {
+  if (!ReadWhole(cert_path, cert_pem)) return Status::Error("cannot read " + cert_path);
+  if (!ReadWhole(key_path, key_pem)) return Status::Error("cannot read " + key_path);
+  return Status::OK();
+}
+
+int TlsCredentials::Retrieve(gnutls_session_t, const gnutls_datum_t*, int,
+                             const gnutls_pk_algorithm_t*, int, gnutls_pcert_st** pcert,
+                             unsigned int* pcert_length, gnutls_privkey_t* pkey) {
+  const Pair* p = g_current.load(std::memory_order_acquire);
+  if (p == nullptr) return -1;  // fails the handshake
+  // The library only reads these; the pair outlives every handshake.
+  *pcert = const_cast<gnutls_pcert_st*>(p->certs);
+  *pcert_length = p->count;
+  *pkey = p->key;
+  return 0;
+}
+
+}  // namespace tavo_server

@@ -1,0 +1,46 @@
+// TlsCredentials: the certificate chain and private key that the HTTPS
+// server of this process presents, replaceable while it serves.
+//
+// Install checks a PEM certificate chain and its PEM private key (both must
+// parse, the chain holds 1 to 16 certificates, and the key must be the one of
+// the first certificate) and makes them the ones every TLS handshake that
+// starts from then on presents; handshakes already under way, and the
+// connections they opened, keep what they began with. A pair that fails a
+// check changes nothing.
+//
+// Ownership: an installed pair is kept until the process ends, also after it
+// was replaced, since a handshake begun with it may still be reading it (a
+// few KiB a reload).
+// Thread-safety: Install from any thread, at any time; Retrieve is what the
+// TLS library calls from the event threads. One set of credentials per
+// process: a second HTTPS server in the same process would share them.
+// Errors: Install returns a Status saying what is wrong with the pair;
+// ReadTlsFiles one naming the file it cannot read.
+#ifndef TAVO_SERVER_HTTP_TLS_CREDENTIALS_H_
+#define TAVO_SERVER_HTTP_TLS_CREDENTIALS_H_
+
+#include <gnutls/abstract.h>
+
+#include <string>
+
+#include "status.h"
+
+namespace tavo_server {
+
+class TlsCredentials {
+ public:
+  static Status Install(const std::string& cert_pem, const std::string& key_pem);
+
+  // The certificate callback for MHD_OPTION_HTTPS_CERT_CALLBACK.
+  static int Retrieve(gnutls_session_t session, const gnutls_datum_t* req_ca_dn, int nreqs,
+                      const gnutls_pk_algorithm_t* pk_algos, int pk_algos_length,
+                      gnutls_pcert_st** pcert, unsigned int* pcert_length, gnutls_privkey_t* pkey);
+};
+
+// Reads a certificate file and a key file whole, as they are (PEM).
+Status ReadTlsFiles(const std::string& cert_path, const std::string& key_path,
+                    std::string* cert_pem, std::string* key_pem);
+
+}  // namespace tavo_server
+
+#endif  // TAVO_SERVER_HTTP_TLS_CREDENTIALS_H_
