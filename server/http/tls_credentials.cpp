@@ -2,7 +2,6 @@
 
 #include <atomic>
 #include <fstream>
-#include <iterator>
 #include <memory>
 #include <mutex>
 #include <vector>
@@ -23,11 +22,20 @@ struct Pair {
   }
 };
 
-bool ReadWhole(const std::string& path, std::string* out) {
+// A certificate chain or a key is a few KiB; anything past this is not one
+// (and /dev/zero must not fill the memory).
+constexpr size_t kMaxFile = 1 << 20;
+
+Status ReadWhole(const std::string& path, std::string* out) {
   std::ifstream in(path, std::ios::binary);
-  if (!in) return false;
-  out->assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-  return !in.bad() && !out->empty();
+  if (!in) return Status::Error("cannot read " + path);
+  out->assign(kMaxFile + 1, '\0');
+  in.read(&(*out)[0], static_cast<std::streamsize>(out->size()));
+  if (in.bad()) return Status::Error("cannot read " + path);
+  out->resize(static_cast<size_t>(in.gcount()));
+  if (out->empty()) return Status::Error(path + " is empty");
+  if (out->size() > kMaxFile) return Status::Error(path + " is larger than 1 MiB");
+  return Status::OK();
 }
 
 std::mutex g_mu;                           // serialises Install
@@ -87,9 +95,8 @@ Status TlsCredentials::Install(const std::string& cert_pem, const std::string& k
 
 Status ReadTlsFiles(const std::string& cert_path, const std::string& key_path,
                     std::string* cert_pem, std::string* key_pem) {
-  if (!ReadWhole(cert_path, cert_pem)) return Status::Error("cannot read " + cert_path);
-  if (!ReadWhole(key_path, key_pem)) return Status::Error("cannot read " + key_path);
-  return Status::OK();
+  Status s = ReadWhole(cert_path, cert_pem);
+  return s.ok() ? ReadWhole(key_path, key_pem) : s;
 }
 
 int TlsCredentials::Retrieve(gnutls_session_t, const gnutls_datum_t*, int,
