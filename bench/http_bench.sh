@@ -110,6 +110,12 @@ echo "== latency: one keep-alive client, 1,000 sequential requests"
 echo "tavo:  $(python3 "$top/bench/http_clients.py" latency "$port" "$page" "$token" 1000)"
 echo "nginx: $(python3 "$top/bench/http_clients.py" latency "$nport" "$page" - 1000)"
 
+echo "== one request after 5 ms of doing nothing (as a change's answer comes), 200 times"
+idle() { python3 "$top/bench/http_clients.py" idle "$@" 200 5; }
+echo "nginx, the page as a static file:   $(idle "$nport" /page.json -)"
+echo "tavo, the same file:                $(idle "$port" /page.json -)"
+echo "tavo, a module call (group get):    $(idle "$port" "/api?api=TAVO.Core.Group&version=1&method=get&name=g00000" "$token")"
+
 echo "== slow clients"
 python3 "$top/bench/http_clients.py" slow "$port" "$token" "$tavo_pid" 2000 2000
 

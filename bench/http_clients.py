@@ -9,6 +9,12 @@
       copy of the root); the median of each, the median of the differences
       of the pairs, and the median of what each HTTP change took beyond the
       module's own time for it (the answer's Server-Timing), in us
+  http_clients.py idle PORT PATH TOKEN N GAP_MS
+      one keep-alive connection, N GETs of PATH (with the bearer TOKEN, or
+      none for -) each after GAP_MS of doing nothing: the median and p90 of
+      a round trip that finds the machine idle, in us (what any server pays
+      here before a change's answer), and of that less the module's time
+      when the answers carry Server-Timing
   http_clients.py slow PORT TOKEN PID HEADS IDLE
       HEADS connections holding half-sent heads and IDLE kept-alive idle
       connections from 127.0.1.x addresses; meanwhile 200 GET /api/info from
@@ -167,6 +173,53 @@ def paired(port, token, group, user, n, cmd):
           f'layer adds {pct(noop_diffs, 0.5):.1f} us (median of {len(noop_diffs)} pairs)')
 
 
+def idle_round_trips(port, path, token, n, gap_ms):
+    """A change waits milliseconds for the disk, and meanwhile the server's
+    threads and the client sleep; its answer then costs whatever waking them
+    costs on this machine. The same wait before a plain GET shows that cost
+    for any server: nginx's figure is the floor of an HTTP round trip after
+    such a wait."""
+    sock = socket.create_connection(('127.0.0.1', port))
+    sock.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
+    auth = f'Authorization: Bearer {token}\r\n' if token != '-' else ''
+    request = f'GET {path} HTTP/1.1\r\nHost: 127.0.0.1\r\n{auth}\r\n'.encode()
+    times, beyond = [], []
+    for _ in range(n):
+        time.sleep(gap_ms / 1000)
+        start = time.perf_counter()
+        sock.sendall(request)
+        data = b''
+        while True:
+            chunk = sock.recv(65536)
+            if not chunk:
+                raise SystemExit('the server closed the connection')
+            data += chunk
+            head = data.find(b'\r\n\r\n')
+            if head < 0:
+                continue
+            length = 0
+            module_us = None
+            for line in data[:head].split(b'\r\n')[1:]:
+                name, _, value = line.partition(b':')
+                name = name.strip().lower()
+                if name == b'content-length':
+                    length = int(value)
+                elif name == b'server-timing' and b'module;dur=' in value:
+                    module_us = float(value.split(b'dur=')[1].split(b',')[0]) * 1000
+            if len(data) >= head + 4 + length:
+                break
+        times.append((time.perf_counter() - start) * 1e6)
+        if not data.startswith(b'HTTP/1.1 200'):
+            raise SystemExit(f'GET {path}: {data[:100]!r}')
+        if module_us is not None:
+            beyond.append(times[-1] - module_us)
+    sock.close()
+    line = f'median {pct(times, 0.5):.1f} us  p90 {pct(times, 0.9):.1f} us'
+    if len(beyond) == len(times):
+        line += f'; beyond the module\'s time: median {pct(beyond, 0.5):.1f} us'
+    print(line)
+
+
 def proc_status(pid):
     fields = {}
     with open(f'/proc/{pid}/status') as f:
@@ -219,5 +272,7 @@ if __name__ == '__main__':
         latency(int(args[0]), args[1], args[2], int(args[3]))
     elif cmd == 'paired':
         paired(int(args[0]), args[1], args[2], args[3], int(args[4]), args[5:])
+    elif cmd == 'idle':
+        idle_round_trips(int(args[0]), args[1], args[2], int(args[3]), float(args[4]))
     elif cmd == 'slow':
         slow(int(args[0]), args[1], int(args[2]), int(args[3]), int(args[4]))
