@@ -2,6 +2,8 @@
 
 #include <cstdio>
 
+#include "tls_credentials.h"
+
 namespace tavo_server {
 namespace {
 
@@ -78,6 +80,11 @@ std::string Metrics::Render(size_t sessions, const Json::Value& side) const {
   out += "tavo_sessions " + std::to_string(sessions) + "\n";
   Head(&out, "tavo_login_failures_total", "counter", "Logins refused (any reason).");
   out += "tavo_login_failures_total " + std::to_string(failed_logins_.load()) + "\n";
+  if (const int64_t not_after = TlsCredentials::NotAfter()) {
+    Head(&out, "tavo_tls_certificate_expiry_timestamp_seconds", "gauge",
+         "When the TLS certificate presented now stops being valid (seconds since the epoch).");
+    out += "tavo_tls_certificate_expiry_timestamp_seconds " + std::to_string(not_after) + "\n";
+  }
 
   const Json::Value& store = side["store"];
   Head(&out, "tavo_store_commits_total", "counter", "Changes of the account files, by result.");

@@ -1,5 +1,7 @@
 #include "tls_credentials.h"
 
+#include <gnutls/x509.h>
+
 #include <atomic>
 #include <fstream>
 #include <memory>
@@ -15,6 +17,7 @@ struct Pair {
   gnutls_pcert_st certs[kMaxChain];
   unsigned count = 0;
   gnutls_privkey_t key = nullptr;
+  int64_t not_after = 0;
 
   ~Pair() {
     for (unsigned i = 0; i < count; ++i) gnutls_pcert_deinit(&certs[i]);
@@ -87,6 +90,12 @@ Status TlsCredentials::Install(const std::string& cert_pem, const std::string& k
     return Status::Error(std::string("the key is not a PEM private key without a passphrase: ") +
                          gnutls_strerror(k));
   if (!KeyMatches(*p)) return Status::Error("the key is not the key of the certificate");
+  gnutls_x509_crt_t first = nullptr;
+  if (gnutls_x509_crt_init(&first) == 0) {
+    if (gnutls_x509_crt_import(first, &p->certs[0].cert, GNUTLS_X509_FMT_DER) == 0)
+      p->not_after = static_cast<int64_t>(gnutls_x509_crt_get_expiration_time(first));
+    gnutls_x509_crt_deinit(first);
+  }
   std::lock_guard<std::mutex> lock(g_mu);
   g_current.store(p.get(), std::memory_order_release);
   g_all.push_back(std::move(p));
@@ -97,6 +106,11 @@ Status ReadTlsFiles(const std::string& cert_path, const std::string& key_path,
                     std::string* cert_pem, std::string* key_pem) {
   Status s = ReadWhole(cert_path, cert_pem);
   return s.ok() ? ReadWhole(key_path, key_pem) : s;
+}
+
+int64_t TlsCredentials::NotAfter() {
+  const Pair* p = g_current.load(std::memory_order_acquire);
+  return p == nullptr || p->not_after < 0 ? 0 : p->not_after;
 }
 
 int TlsCredentials::Retrieve(gnutls_session_t, const gnutls_datum_t*, int,

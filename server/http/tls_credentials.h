@@ -21,6 +21,7 @@
 
 #include <gnutls/abstract.h>
 
+#include <cstdint>
 #include <string>
 
 #include "status.h"
@@ -30,6 +31,9 @@ namespace tavo_server {
 class TlsCredentials {
  public:
   static Status Install(const std::string& cert_pem, const std::string& key_pem);
+  // When the certificate presented now stops being valid (its notAfter), in
+  // seconds since the epoch; 0 when none is installed.
+  static int64_t NotAfter();
 
   // The certificate callback for MHD_OPTION_HTTPS_CERT_CALLBACK.
   static int Retrieve(gnutls_session_t session, const gnutls_datum_t* req_ca_dn, int nreqs,

@@ -86,6 +86,7 @@ function presented(url) {
 }
 
 const fingerprint = (file) => new crypto.X509Certificate(readFileSync(file)).fingerprint256;
+const notAfter = (file) => Date.parse(new crypto.X509Certificate(readFileSync(file)).validTo) / 1000;
 
 for (const split of [false, true]) {
   const name = `SIGHUP presents a renewed certificate and keeps sessions${split ? ', with privsep' : ''}`;
@@ -95,6 +96,8 @@ for (const split of [false, true]) {
       chmodSync(tmp.dir, 0o755);  // the front of a split server (nobody) reads the root
       const root = initRoot(tmp.dir);
       mkdirSync(join(tmp.dir, 'other'));
+      // A second later, so that the two certificates expire at different times.
+      await new Promise((r) => setTimeout(r, 1100));
       const other = initRoot(join(tmp.dir, 'other'));
       // The files the server is given: readable by root alone.
       const dir = join(tmp.dir, 'tls');
@@ -102,6 +105,7 @@ for (const split of [false, true]) {
       const [cert, key] = [join(dir, 'cert.pem'), join(dir, 'key.pem')];
       const [certA, keyA] = ['cert.pem', 'key.pem'].map((f) => join(root, 'etc/tavo/tls', f));
       const [certB, keyB] = ['cert.pem', 'key.pem'].map((f) => join(other, 'etc/tavo/tls', f));
+      assert.notEqual(notAfter(certA), notAfter(certB));
       copyFileSync(certA, cert);
       copyFileSync(keyA, key);
       const server = await startServer({
@@ -131,6 +135,10 @@ for (const split of [false, true]) {
         assert.equal(logged.status, 200, logged.body);
         const token = JSON.parse(logged.body).data.token;
         const info = () => send({ path: '/api/info', headers: { Authorization: `Bearer ${token}` } });
+        // /metrics tells when the certificate presented now expires.
+        const expiry = async () => Number((await send({ path: '/metrics', headers: { Authorization: `Bearer ${token}` } }))
+          .body.match(/^tavo_tls_certificate_expiry_timestamp_seconds (\d+)$/m)[1]);
+        assert.equal(await expiry(), notAfter(certA));
 
         // A certificate whose key is another's, then one that is no PEM at
         // all: refused, and the one in use stays.
@@ -146,6 +154,7 @@ for (const split of [false, true]) {
         copyFileSync(keyB, key);
         await hup(/TLS certificate reloaded from/);
         assert.equal(await presented(server.url), fingerprint(certB));
+        assert.equal(await expiry(), notAfter(certB));
         const again = await info();
         assert.equal(again.status, 200);
         assert.equal(again.socket, logged.socket, 'the kept-alive connection was not closed');
