@@ -75,7 +75,8 @@ Status TlsCredentials::Install(const std::string& cert_pem, const std::string& k
   auto p = std::make_unique<Pair>();
   gnutls_datum_t cert = Datum(cert_pem);
   unsigned count = kMaxChain;
-  const int r = gnutls_pcert_list_import_x509_raw(p->certs, &count, &cert, GNUTLS_X509_FMT_PEM, 0);
+  const int r = gnutls_pcert_list_import_x509_raw(p->certs, &count, &cert, GNUTLS_X509_FMT_PEM,
+                                                  GNUTLS_X509_CRT_LIST_IMPORT_FAIL_IF_EXCEED);
   if (r == GNUTLS_E_SHORT_MEMORY_BUFFER)
     return Status::Error("the certificate chain holds more than " + std::to_string(kMaxChain) +
                          " certificates");
