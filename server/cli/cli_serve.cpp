@@ -201,6 +201,13 @@ int ServeMain(const std::vector<std::string>& command_line) {
     return kExitUsage;
   }
   tavo::TavoRootSet(options.root);
+  // A reload asked for while the server starts (systemd may send it as soon
+  // as the process exists) waits for the signal thread below, which then
+  // reads the TLS files again, instead of ending the process.
+  sigset_t hangup;
+  sigemptyset(&hangup);
+  sigaddset(&hangup, SIGHUP);
+  pthread_sigmask(SIG_BLOCK, &hangup, nullptr);
   if (!conf.empty()) fprintf(stderr, "tavo: settings from %s\n", TerminalSafe(conf).c_str());
   // The directory client reads no ldap.conf or .ldaprc of the machine; set
   // before any thread starts.
