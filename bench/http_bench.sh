@@ -15,7 +15,7 @@ top=$(cd "$(dirname "$0")/.." && pwd)
 dir=${1:-build}
 case "$dir" in /*) ;; *) dir="$top/$dir" ;; esac
 "$top/tools/install-deps.sh" --bench
-cmake --build "$dir" -j2 --target tavo_cli call_in_process tavo_group_module >/dev/null
+cmake --build "$dir" -j2 --target tavo_cli call_in_process http_floor change_client tavo_group_module >/dev/null
 tavo="$dir/bin/tavo"
 work=$(mktemp -d /tmp/tavo-http-bench.XXXXXX)
 chmod 755 "$work"
@@ -127,3 +127,18 @@ echo "== a membership change over keep-alive, beside the same change in process"
 cp -a "$work/root" "$work/root2"
 python3 "$top/bench/http_clients.py" paired "$port" "$token" g00000 u05000 100 \
   "$dir/bin/call_in_process" "$work/root2" "$dir/modules" g00000 u05000
+
+echo "== the same change from a C++ client, beside a server that makes it in its own thread"
+# http_floor has one thread and blocking sockets: no pool, no event loop, no
+# login, so what it adds to a change is what any server adds here (the
+# sockets, and waking a sleeping client and server). change_client costs next
+# to nothing itself, unlike the Python client above. Alternated, twice.
+cp -a "$work/root" "$work/root3"
+fport=$(free_port)
+"$dir/bin/http_floor" "$work/root3" "$dir/modules" "$fport" >"$work/floor.out" &
+pids+=($!)
+for _ in $(seq 100); do grep -q listening "$work/floor.out" 2>/dev/null && break; sleep 0.1; done
+for _ in 1 2; do
+  echo "tavo:                           $("$dir/bin/change_client" "$port" "$token" g00000 u05000 200)"
+  echo "one-thread server (the floor):  $("$dir/bin/change_client" "$fport" - g00000 u05000 200)"
+done
