@@ -101,7 +101,11 @@ void BM_SaveMembership(benchmark::State& state) {
 
 BENCHMARK(BM_ListPage)->Arg(1000)->Arg(10000)->Arg(100000)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_LoadGroup)->Arg(1000)->Arg(10000)->Arg(100000)->Unit(benchmark::kMicrosecond);
-BENCHMARK(BM_SaveMembership)->Arg(1000)->Arg(10000)->Arg(100000)->Unit(benchmark::kMillisecond)
+BENCHMARK(BM_SaveMembership)
+    ->Arg(1000)
+    ->Arg(10000)
+    ->Arg(100000)
+    ->Unit(benchmark::kMillisecond)
     ->MinTime(0.5);
 
 // Keeps the mean real time (ns) of every run by name.
@@ -188,7 +192,9 @@ double DurableReplaceOnce(const BenchRoot& root) {
 
 double Median(std::vector<double> v) {
   std::sort(v.begin(), v.end());
-  return v.empty() ? 0 : v.size() % 2 ? v[v.size() / 2] : (v[v.size() / 2 - 1] + v[v.size() / 2]) / 2;
+  return v.empty()      ? 0
+         : v.size() % 2 ? v[v.size() / 2]
+                        : (v[v.size() / 2 - 1] + v[v.size() / 2]) / 2;
 }
 
 // One membership change and one group creation in process, beside the
@@ -225,8 +231,8 @@ void CompareWithLimit(int n, int rounds) {
     limit.push_back(DurableReplaceOnce(root));
   }
   const double l = Median(limit), c = Median(change), r = Median(create);
-  std::printf("  %6d groups: limit %.2f ms; change %.2f ms = %.2fx; create %.2f ms = %.2fx\n", n,
-              l, c, c / l, r, r / l);
+  std::printf("  %6d groups: limit %.2f ms; change %.2f ms = %.2fx; create %.2f ms = %.2fx\n", n, l,
+              c, c / l, r, r / l);
 }
 
 // Bytes allocated on the heap by this process (small blocks and mmapped ones).
@@ -286,8 +292,9 @@ int main(int argc, char** argv) {
   }
   std::printf("\nOne saved membership change beside gpasswd -a on the same root:\n");
   for (int n : {1000, 100000}) CompareWithGpasswd(n, 5);
-  std::printf("\nIn process, beside the durable-replace limit of group + gshadow"
-              " (temp write, fsync, rename each, folder fsync; medians of 21 rounds):\n");
+  std::printf(
+      "\nIn process, beside the durable-replace limit of group + gshadow"
+      " (temp write, fsync, rename each, folder fsync; medians of 21 rounds):\n");
   for (int n : {1000, 10000, 100000}) CompareWithLimit(n, 21);
   std::printf("\nMemory of the cached snapshots beside the files they hold:\n");
   for (int n : {1000, 10000, 100000}) MemoryOfSnapshots(n);

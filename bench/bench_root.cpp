@@ -40,7 +40,8 @@ BenchRoot::BenchRoot(int n) {
   chmod(dir_.c_str(), 0755);
   std::filesystem::create_directories(dir_ + "/etc/tavo");
   std::filesystem::create_directories(dir_ + "/tmp");
-  WriteFile(dir_ + "/etc/login.defs", "GID_MIN 1000\nGID_MAX 200000\nUID_MIN 1000\nUID_MAX 200000\n");
+  WriteFile(dir_ + "/etc/login.defs",
+            "GID_MIN 1000\nGID_MAX 200000\nUID_MIN 1000\nUID_MAX 200000\n");
   // Creations are measured on roots far beyond the default group limit.
   WriteFile(dir_ + "/etc/tavo/tavo.conf", "maxgroups = 10000000\n");
   std::string group = "root:x:0:\nusers:x:100:\nadministrators:x:101:admin\n";

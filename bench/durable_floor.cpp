@@ -84,7 +84,8 @@ int main(int argc, char** argv) {
   unlink(intent.c_str());
   const std::string log = etc + "/.floor-log";
   const int l = open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
-  static const char kRecord[] = "one event-log record of about a hundred bytes, as a change appends\n";
+  static const char kRecord[] =
+      "one event-log record of about a hundred bytes, as a change appends\n";
   if (l < 0 || write(l, kRecord, sizeof kRecord - 1) != static_cast<ssize_t>(sizeof kRecord - 1) ||
       fdatasync(l) != 0)
     return Exit(log);

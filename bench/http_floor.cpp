@@ -10,6 +10,7 @@
 // the sockets and the wake-ups of a sleeping client and server cost, which
 // every server pays. bench/http_bench.sh runs the same paired client against
 // it and against `tavo serve`.
+#include <json/json.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
@@ -21,8 +22,6 @@
 #include <cstring>
 #include <memory>
 #include <string>
-
-#include <json/json.h>
 
 #include "dispatch.h"
 #include "module_loader.h"

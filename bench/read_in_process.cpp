@@ -39,7 +39,8 @@ double TimeCalls(const tavo_server::ModuleSet& modules, tavo_server::ApiCall cal
     offset = (offset + 50 * 37) % n;
   }
   return std::chrono::duration<double, std::micro>(std::chrono::steady_clock::now() - start)
-             .count() / rounds;
+             .count() /
+         rounds;
 }
 
 }  // namespace
@@ -60,8 +61,7 @@ int main(int argc, char** argv) {
   std::vector<int> sizes;
   for (int i = 3; i < argc; ++i) sizes.push_back(std::atoi(argv[i]));
   if (sizes.empty()) sizes = {1000, 10000, 100000};
-  std::printf("%8s  %14s  %14s  %14s\n", "groups", "list 50 (us)", "members (us)",
-              "others (us)");
+  std::printf("%8s  %14s  %14s  %14s\n", "groups", "list 50 (us)", "members (us)", "others (us)");
   for (int n : sizes) {
     BenchRoot root(n);
     tavo::TavoRootSet(root.dir());

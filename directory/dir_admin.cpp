@@ -18,9 +18,7 @@ bool PlainToken(const std::string& s) {
   return true;
 }
 
-bool OneLine(const std::string& s) {
-  return s.find_first_of("\r\n") == std::string::npos;
-}
+bool OneLine(const std::string& s) { return s.find_first_of("\r\n") == std::string::npos; }
 
 std::string Upper(std::string s) {
   for (char& c : s) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));

@@ -21,9 +21,7 @@ std::string Trim(const std::string& s) {
   return s.substr(b, e - b + 1);
 }
 
-std::string Errno(const std::string& what) {
-  return what + ": " + std::strerror(errno);
-}
+std::string Errno(const std::string& what) { return what + ": " + std::strerror(errno); }
 
 // mkdir -p for the folders of `path`; the last folder gets `last_mode`.
 bool MakeParents(const std::string& path, unsigned last_mode, std::string* error) {
@@ -63,9 +61,7 @@ class Fd {
 
 }  // namespace
 
-const char* KindName(Kind kind) {
-  return kind == Kind::kLdap ? "ldap" : "domain";
-}
+const char* KindName(Kind kind) { return kind == Kind::kLdap ? "ldap" : "domain"; }
 
 const char* ConfigPath(Kind kind) {
   return kind == Kind::kLdap ? "/etc/tavo/ldap" : "/etc/tavo/domain";

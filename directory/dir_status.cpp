@@ -14,9 +14,7 @@ std::string StatePath(Kind kind) {
   return tavo::TavoRootPath(std::string("/var/lib/tavo/directory/") + KindName(kind) + ".status");
 }
 
-int64_t ToInt(const std::string& s) {
-  return std::strtoll(s.c_str(), nullptr, 10);
-}
+int64_t ToInt(const std::string& s) { return std::strtoll(s.c_str(), nullptr, 10); }
 
 }  // namespace
 

@@ -41,9 +41,7 @@ std::vector<std::string> SplitUris(const std::string& text) {
   return out;
 }
 
-LdapConn::~LdapConn() {
-  Close();
-}
+LdapConn::~LdapConn() { Close(); }
 
 void LdapConn::Close() {
   if (ld_) ldap_unbind_ext_s(ld_, nullptr, nullptr);

@@ -15,9 +15,11 @@ const char kUsage[] =
     "  call [--root DIR] API METHOD [--version N] [--params JSON] [NAME=VALUE...]\n"
     "  init DIR [--demo] [--force]                                         create a root\n"
     "  log [--root DIR] [--limit N] [--offset N]                            show the event log\n"
-    "  directory [--root DIR] ldap|domain|sync|status ...                   LDAP and domain groups\n"
+    "  directory [--root DIR] ldap|domain|sync|status ...                   LDAP and domain "
+    "groups\n"
     "  check [--root DIR] [--repair]                                        check the group files\n"
-    "  openapi [--modules DIR]                                             print the API's OpenAPI document\n"
+    "  openapi [--modules DIR]                                             print the API's OpenAPI "
+    "document\n"
     "Run `tavo COMMAND --help` for details. See tavo(1) and docs/server.md.\n";
 
 }  // namespace
@@ -40,6 +42,7 @@ int main(int argc, char** argv) {
     fputs(kUsage, stdout);
     return tavo_server::kExitOk;
   }
-  fprintf(stderr, "tavo: unknown command '%s'\n%s", tavo_server::TerminalSafe(command).c_str(), kUsage);
+  fprintf(stderr, "tavo: unknown command '%s'\n%s", tavo_server::TerminalSafe(command).c_str(),
+          kUsage);
   return tavo_server::kExitUsage;
 }

@@ -31,8 +31,8 @@ bool CheckOneOrMany(ParamChecker& checker, const char* name, const ValidatorPtr&
 }
 
 // Runs `operation` in a handler of its own, or answers the parameter error.
-void Finish(bool ok, ParamChecker& checker, TAVO::APIRequest* request,
-            TAVO::APIResponse* response, void (GroupHandler::*operation)()) {
+void Finish(bool ok, ParamChecker& checker, TAVO::APIRequest* request, TAVO::APIResponse* response,
+            void (GroupHandler::*operation)()) {
   if (!ok) {
     checker.ReportError(kApiBadParam);
     return;
@@ -54,8 +54,8 @@ void GroupList(TAVO::APIRequest* request, TAVO::APIResponse* response) {
 }
 
 // "name" then `id_name` ("gid" or "uid"), each one value or many.
-void CheckNamesAndIds(TAVO::APIRequest* request, TAVO::APIResponse* response,
-                      const char* id_name, void (GroupHandler::*operation)()) {
+void CheckNamesAndIds(TAVO::APIRequest* request, TAVO::APIResponse* response, const char* id_name,
+                      void (GroupHandler::*operation)()) {
   ParamChecker checker(request, response);
   ValidatorPtr str = MakeString();
   ValidatorPtr uint = MakeUInt();

@@ -68,14 +68,22 @@ void GroupHandler::Exit() {
 
 int GroupHandler::TranslateError() const {
   switch (TLIBCErrGet()) {
-    case 0x1700: return kApiExists;
-    case 0x0300: return kApiBadValue;
-    case 0x0400: return kApiLockFailed;
-    case 0x1600: return kApiNoGroup;
-    case 0x1800: return kApiNoUser;
-    case 0x1900: return kApiLimit;
-    case 0xB700: return kApiReserved;
-    default: return kApiUnknown;
+    case 0x1700:
+      return kApiExists;
+    case 0x0300:
+      return kApiBadValue;
+    case 0x0400:
+      return kApiLockFailed;
+    case 0x1600:
+      return kApiNoGroup;
+    case 0x1800:
+      return kApiNoUser;
+    case 0x1900:
+      return kApiLimit;
+    case 0xB700:
+      return kApiReserved;
+    default:
+      return kApiUnknown;
   }
 }
 

@@ -23,8 +23,8 @@ void GroupHandler::RemoveMember() {
 
   const int valid_admins = TAVOGroupTotalValidLocalAdmin();
   if (valid_admins == 0) {
-    syslog(LOG_ERR, "%s:%d Fail to get number of valid local admin [0x%04X %s:%d]",
-           "src/Group.cpp", 826, TLIBCErrGet(), TLIBCErrorGetFile(), TLIBCErrorGetLine());
+    syslog(LOG_ERR, "%s:%d Fail to get number of valid local admin [0x%04X %s:%d]", "src/Group.cpp",
+           826, TLIBCErrGet(), TLIBCErrorGetFile(), TLIBCErrorGetLine());
   }
   GetArrayParam(request_, "name", names);
   GetArrayParam(request_, "uid", uids);

@@ -98,7 +98,8 @@ void GroupHandler::ListMember() {
   const int offset = JsonToInt(request_->GetParam("offset", Json::Value("0")));
   const int limit = JsonToInt(request_->GetParam("limit", Json::Value("-1")));
   const std::string substr = JsonToString(request_->GetParam("substr", Json::Value("")));
-  const bool ingroup = ParamChecker::ConvertToBool(request_->GetParam("ingroup", Json::Value(true)));
+  const bool ingroup =
+      ParamChecker::ConvertToBool(request_->GetParam("ingroup", Json::Value(true)));
   int fd = -1;
   TLIBC_SZLIST* list = nullptr;
   SDK::Group* group = nullptr;
@@ -106,7 +107,8 @@ void GroupHandler::ListMember() {
   Pager pager(offset, limit);
 
   if (limit < -1 || offset < 0) {
-    syslog(LOG_ERR, "%s:%d Bad parameter (offset=%d,limit=%d)", "src/Group.cpp", 633, offset, limit);
+    syslog(LOG_ERR, "%s:%d Bad parameter (offset=%d,limit=%d)", "src/Group.cpp", 633, offset,
+           limit);
     code_ = kApiBadParam;
     goto end;
   }
@@ -157,8 +159,8 @@ void GroupHandler::ListMember() {
     excluded.reserve(members.size() + 1);
     for (const std::string& m : members) excluded.push_back(m.c_str());
     excluded.push_back(nullptr);
-    int total = TLIBUserInfoEnumExcept(1, offset, limit, excluded.data(), AppendUserInfoCallback,
-                                       &result_);
+    int total =
+        TLIBUserInfoEnumExcept(1, offset, limit, excluded.data(), AppendUserInfoCallback, &result_);
     if (total < 0) {
       syslog(LOG_ERR, "%s:%d TLIBUserInfoEnumExcept failed [0x%04X %s:%d]", "src/Group.cpp", 696,
              TLIBCErrGet(), TLIBCErrorGetFile(), TLIBCErrorGetLine());

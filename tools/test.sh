@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds, and runs every test:
+#   0. the C++ sources as clang-format writes them (tools/check-format.sh)
 #   1. unit and integration tests (GoogleTest under CTest) in build/
 #   2. the same unit tests built with ASan and UBSan in build-asan/
 #   3. the HTTP end-to-end tests (node's test runner) against build/bin/tavo
@@ -26,6 +27,8 @@ fi
 
 "$top/tools/install-deps.sh" --browser
 
+echo "== format"
+"$top/tools/check-format.sh"
 echo "== build"
 "$top/tools/build.sh" build
 echo "== unit and integration tests"

@@ -48,7 +48,7 @@ struct GroupChange {
   bool desc_changed = false;
   std::string desc;
   std::vector<std::string> added, removed;
-  unsigned gid_out = 0;   // the group's GID after the write
+  unsigned gid_out = 0;  // the group's GID after the write
 };
 // Under the account locks, before it writes, a change is refused when
 // - it creates a group while `maxgroups` (tavo.conf, default 128) or more

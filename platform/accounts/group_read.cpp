@@ -21,10 +21,15 @@ int KindOfName(std::string_view name) {
 
 std::shared_ptr<const GroupDb> GroupsOfKind(int kind) {
   switch (kind) {
-    case TAVO_GROUP_LOCAL: return LocalGroups();
-    case TAVO_GROUP_DOMAIN: return DomainGroups();
-    case TAVO_GROUP_LDAP: return LdapGroups();
-    default: ACCT_ERR(TAVO_ERR_ARGUMENT); return nullptr;
+    case TAVO_GROUP_LOCAL:
+      return LocalGroups();
+    case TAVO_GROUP_DOMAIN:
+      return DomainGroups();
+    case TAVO_GROUP_LDAP:
+      return LdapGroups();
+    default:
+      ACCT_ERR(TAVO_ERR_ARGUMENT);
+      return nullptr;
   }
 }
 
@@ -226,8 +231,8 @@ int TLIBGroupInfoEnumBySubstr(int kind, const char* domain_name, int offset, int
       if (TLIBCErrGet() == TAVO_ERR_NONE) ACCT_ERR(TAVO_ERR_FAULT);
       return false;
     };
-    const long long end = limit == -1 ? static_cast<long long>(db->size())
-                                      : static_cast<long long>(offset) + limit;
+    const long long end =
+        limit == -1 ? static_cast<long long>(db->size()) : static_cast<long long>(offset) + limit;
     if (!filtered) {  // the page is a slice of the order
       size_t total = 0;
       const size_t want = cb ? static_cast<size_t>(std::min<long long>(end, db->size())) : 0;

@@ -1,7 +1,7 @@
-#include "store_stats_internal.h"
-
 #include <atomic>
 #include <chrono>
+
+#include "store_stats_internal.h"
 
 namespace tavo {
 namespace acct {
@@ -12,7 +12,8 @@ std::atomic<uint64_t> g_commits{0}, g_failed{0}, g_files{0}, g_fsyncs{0}, g_fsyn
 int Timed(int fd, int (*sync)(int)) {
   const auto start = std::chrono::steady_clock::now();
   const int rc = sync(fd);
-  const auto ns = std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now() - start);
+  const auto ns = std::chrono::duration_cast<std::chrono::nanoseconds>(
+      std::chrono::steady_clock::now() - start);
   g_fsyncs.fetch_add(1, std::memory_order_relaxed);
   g_fsync_ns.fetch_add(static_cast<uint64_t>(ns.count()), std::memory_order_relaxed);
   return rc;

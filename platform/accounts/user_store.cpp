@@ -5,9 +5,9 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <functional>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <memory>
 
 #include "group_internal.h"
@@ -32,8 +32,10 @@ int ResolveUser(const UserDb& users, const std::string& name) {
   bool several = false;
   users.ForEachVariant(FoldCase(name), [&](int k) {
     if (exact < 0 && users.Name(k) == name) exact = k;
-    if (first < 0) first = k;
-    else if (users.Name(k) != users.Name(first)) several = true;
+    if (first < 0)
+      first = k;
+    else if (users.Name(k) != users.Name(first))
+      several = true;
   });
   if (exact >= 0) return exact;
   if (first < 0) return kUnknown;
@@ -110,7 +112,8 @@ int EnumInfo(int type, int offset, int limit, const char* substr, int match_flag
     bool stopped = false;
     bool ok = ForEachLocalUser(substr, match_flag == 1, [&](const UserFields& u) {
       int pos = matched++;
-      if (!cb || pos < offset || (limit != -1 && pos >= static_cast<long long>(offset) + limit)) return true;
+      if (!cb || pos < offset || (limit != -1 && pos >= static_cast<long long>(offset) + limit))
+        return true;
       TLIB_USER_INFO info{u.name.c_str(), u.uid, u.gecos.c_str()};
       TLIBCErrClear();
       if (cb(&info, pos - offset, ctx) < 0) {

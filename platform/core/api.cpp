@@ -21,9 +21,7 @@ APIRequest::APIRequest(const Json::Value& params, std::string api, int version, 
 
 // params_ is always an object (see the constructor), so isMember and get
 // never throw.
-bool APIRequest::HasParam(const std::string& name) const {
-  return params_.isMember(name);
-}
+bool APIRequest::HasParam(const std::string& name) const { return params_.isMember(name); }
 
 Json::Value APIRequest::GetParam(const std::string& name, const Json::Value& def) const {
   const Json::Value* found = params_.find(name.data(), name.data() + name.size());

@@ -39,9 +39,7 @@ constexpr const char* kSchema =
 
 // SQLite's functions. Loaded by Acquire before any other use: every call
 // below is made on a connection or statement that Acquire's connection made.
-const tavo::internal::SqliteCalls& Sq() {
-  return *tavo::internal::Sqlite();
-}
+const tavo::internal::SqliteCalls& Sq() { return *tavo::internal::Sqlite(); }
 
 class Stmt {
  public:

@@ -61,12 +61,8 @@ int TLIBCFileExist(const char* path) {
   return stat(tavo::TavoRootPath(path).c_str(), &st) == 0 ? 1 : 0;
 }
 
-int TAVOWinsIsJoined(void) {
-  return TLIBCFileExist("/etc/tavo/domain");
-}
+int TAVOWinsIsJoined(void) { return TLIBCFileExist("/etc/tavo/domain"); }
 
-int TAVOLDAPIsBinded(int /*flag*/) {
-  return TLIBCFileExist("/etc/tavo/ldap");
-}
+int TAVOLDAPIsBinded(int /*flag*/) { return TLIBCFileExist("/etc/tavo/ldap"); }
 
 }  // extern "C"

@@ -22,15 +22,15 @@ constexpr uint32_t kFolderEvents = IN_CREATE | IN_DELETE | IN_MODIFY | IN_ATTRIB
                                    IN_ONLYDIR;
 
 struct Watch {
-  int wd = -1;  // -1: not watched now (added again on the next ask)
+  int wd = -1;                        // -1: not watched now (added again on the next ask)
   unsigned long long epoch = 0;       // moved by every event
   unsigned long long data_epoch = 0;  // not moved by events on lock and journal files
 };
 
 struct State {
   std::mutex mu;
-  int fd = -1;       // the inotify instance; -1 before the first ask or when unavailable
-  bool failed = false;  // inotify_init1 failed: counts are unknown for good
+  int fd = -1;                  // the inotify instance; -1 before the first ask or when unavailable
+  bool failed = false;          // inotify_init1 failed: counts are unknown for good
   unsigned long long tick = 0;  // the last count handed out; counts are never reused
   // Tickets of the askers, and the last ticket drawn before the latest
   // completed read of the queue began: an asker whose ticket is not above

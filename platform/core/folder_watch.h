@@ -1,13 +1,11 @@
 // Change counts of folders, from the kernel's file events (inotify).
 //
-// A snapshot cache (or the lock files' pool) asks, before it looks at a file, for the change count of
-// the file's folder. When the count is the one it saw when it last read the
-// file, nothing in the folder was created, removed, renamed, written to or
-// had its attributes changed since, and the snapshot is still the file: no
-// stat is needed. The events of a change are queued by the kernel before the
-// writer's system call returns, and FolderEpoch reads the queue first, so a
-// change that completed before the call is always counted, also one that
-// leaves size and times as they were.
+// A snapshot cache (or the lock files' pool) asks, before it looks at a file, for the change count
+// of the file's folder. When the count is the one it saw when it last read the file, nothing in the
+// folder was created, removed, renamed, written to or had its attributes changed since, and the
+// snapshot is still the file: no stat is needed. The events of a change are queued by the kernel
+// before the writer's system call returns, and FolderEpoch reads the queue first, so a change that
+// completed before the call is always counted, also one that leaves size and times as they were.
 //
 // The count also moves when the watch can no longer tell: the folder itself
 // was moved or removed, or the kernel's event queue overflowed. 0 means

@@ -60,24 +60,12 @@ ServerFormHandler::~ServerFormHandler() {
   }
 }
 
-int ServerFormHandler::Process() {
-  return 0;
-}
-int ServerFormHandler::HandleLoadAction() {
-  return 0;
-}
-int ServerFormHandler::HandleApplyAction() {
-  return 0;
-}
-bool ServerFormHandler::ExLock() {
-  return TakeHandlerLock(true);
-}
-bool ServerFormHandler::ShLock() {
-  return TakeHandlerLock(false);
-}
-bool ServerFormHandler::Authenticate() {
-  return true;
-}
+int ServerFormHandler::Process() { return 0; }
+int ServerFormHandler::HandleLoadAction() { return 0; }
+int ServerFormHandler::HandleApplyAction() { return 0; }
+bool ServerFormHandler::ExLock() { return TakeHandlerLock(true); }
+bool ServerFormHandler::ShLock() { return TakeHandlerLock(false); }
+bool ServerFormHandler::Authenticate() { return true; }
 
 // The descriptor stays open exactly while a lock is held. flock converts a
 // held lock in place; the conversion is not atomic (the kernel drops the old

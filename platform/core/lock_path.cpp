@@ -2,11 +2,10 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <pthread.h>
 #include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
-
-#include <pthread.h>
 
 #include <map>
 #include <memory>
@@ -183,8 +182,8 @@ int TakeIdle(const std::string& name, const std::shared_ptr<const CheckedDir>& d
       it->second.pop_back();
     }
     struct stat st;
-    if (!dir || (l.dir == dir && fstat(l.fd, &st) == 0 && st.st_nlink > 0 &&
-                 S_ISREG(st.st_mode) && st.st_uid == dir->uid)) {
+    if (!dir || (l.dir == dir && fstat(l.fd, &st) == 0 && st.st_nlink > 0 && S_ISREG(st.st_mode) &&
+                 st.st_uid == dir->uid)) {
       if (dir) l.epoch = epoch;
       std::lock_guard<std::mutex> lock(pool.mu);
       const int fd = l.fd;
@@ -213,7 +212,8 @@ int OpenLockFile(const std::string& abs_path) {
     // Elsewhere: as given, with missing folders made.
     const std::string path = TavoRootPath(abs_path);
     int fd = open(path.c_str(), flags, 0600);
-    if (fd < 0 && errno == ENOENT && MakeParentDirs(path, 0755)) fd = open(path.c_str(), flags, 0600);
+    if (fd < 0 && errno == ENOENT && MakeParentDirs(path, 0755))
+      fd = open(path.c_str(), flags, 0600);
     // A lock file that we may not write can still carry a lock.
     if (fd < 0 && (errno == EACCES || errno == EROFS))
       fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);

@@ -38,7 +38,8 @@ int TLIBCSzListAdd(TLIBC_SZLIST** list, const char* s) {
   if (l->count >= l->capacity) {
     if (l->capacity > (1 << 29)) return TAVO_ERR_SET(TAVO_ERR_LIMIT);
     int cap = l->capacity > 0 ? l->capacity * 2 : 8;
-    char** grown = static_cast<char**>(std::realloc(l->items, static_cast<size_t>(cap) * sizeof(char*)));
+    char** grown =
+        static_cast<char**>(std::realloc(l->items, static_cast<size_t>(cap) * sizeof(char*)));
     if (!grown) return TAVO_ERR_SET(TAVO_ERR_NOMEM);
     l->items = grown;
     l->capacity = cap;

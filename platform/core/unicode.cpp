@@ -5,10 +5,10 @@
 
 #include <cstring>
 
+#include "names.h"
 #include "tavo/error.h"
 #include "tavo/testing.h"
 #include "tavo/util.h"
-#include "names.h"
 #include "unicode_fold.h"
 
 namespace {

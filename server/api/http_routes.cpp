@@ -52,20 +52,34 @@ ThrottleLimits LoginLimits(const ServeOptions& o) {
 
 const char* Reason(int status) {
   switch (status) {
-    case 400: return "bad request";
-    case 401: return "not logged in";
-    case 403: return "forbidden";
-    case 404: return "not found";
-    case 405: return "method not allowed";
-    case 408: return "request timed out";
-    case 411: return "length required";
-    case 413: return "request body too large";
-    case 414: return "request line too long";
-    case 416: return "range not satisfiable";
-    case 429: return "too many requests";
-    case 431: return "request headers too large";
-    case 503: return "server busy";
-    default: return status >= 500 ? "internal server error" : "request refused";
+    case 400:
+      return "bad request";
+    case 401:
+      return "not logged in";
+    case 403:
+      return "forbidden";
+    case 404:
+      return "not found";
+    case 405:
+      return "method not allowed";
+    case 408:
+      return "request timed out";
+    case 411:
+      return "length required";
+    case 413:
+      return "request body too large";
+    case 414:
+      return "request line too long";
+    case 416:
+      return "range not satisfiable";
+    case 429:
+      return "too many requests";
+    case 431:
+      return "request headers too large";
+    case 503:
+      return "server busy";
+    default:
+      return status >= 500 ? "internal server error" : "request refused";
   }
 }
 

@@ -114,13 +114,27 @@ void AppendQuoted(std::string* out, const char* s, size_t n) {
     out->append(s + plain, i - plain);
     plain = i + 1;
     switch (c) {
-      case '"': out->append("\\\""); break;
-      case '\\': out->append("\\\\"); break;
-      case '\b': out->append("\\b"); break;
-      case '\f': out->append("\\f"); break;
-      case '\n': out->append("\\n"); break;
-      case '\r': out->append("\\r"); break;
-      case '\t': out->append("\\t"); break;
+      case '"':
+        out->append("\\\"");
+        break;
+      case '\\':
+        out->append("\\\\");
+        break;
+      case '\b':
+        out->append("\\b");
+        break;
+      case '\f':
+        out->append("\\f");
+        break;
+      case '\n':
+        out->append("\\n");
+        break;
+      case '\r':
+        out->append("\\r");
+        break;
+      case '\t':
+        out->append("\\t");
+        break;
       default:
         out->append("\\u00");
         out->push_back(kHex[c >> 4]);
@@ -133,11 +147,21 @@ void AppendQuoted(std::string* out, const char* s, size_t n) {
 
 void AppendValue(std::string* out, const Json::Value& v) {
   switch (v.type()) {
-    case Json::nullValue: out->append("null"); break;
-    case Json::intValue: out->append(Json::valueToString(v.asLargestInt())); break;
-    case Json::uintValue: out->append(Json::valueToString(v.asLargestUInt())); break;
-    case Json::realValue: out->append(Json::valueToString(v.asDouble())); break;
-    case Json::booleanValue: out->append(v.asBool() ? "true" : "false"); break;
+    case Json::nullValue:
+      out->append("null");
+      break;
+    case Json::intValue:
+      out->append(Json::valueToString(v.asLargestInt()));
+      break;
+    case Json::uintValue:
+      out->append(Json::valueToString(v.asLargestUInt()));
+      break;
+    case Json::realValue:
+      out->append(Json::valueToString(v.asDouble()));
+      break;
+    case Json::booleanValue:
+      out->append(v.asBool() ? "true" : "false");
+      break;
     case Json::stringValue: {
       const char* begin = nullptr;
       const char* end = nullptr;

@@ -22,7 +22,8 @@ class MappedFile {
     int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd < 0) return;
     struct stat st;
-    if (fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_size > 0 && st.st_size <= kMaxModuleSize) {
+    if (fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_size > 0 &&
+        st.st_size <= kMaxModuleSize) {
       void* p = mmap(nullptr, static_cast<size_t>(st.st_size), PROT_READ, MAP_PRIVATE, fd, 0);
       if (p != MAP_FAILED) {
         data_ = static_cast<const unsigned char*>(p);
@@ -69,7 +70,8 @@ Status ReadNeededLibraries(const std::string& path, std::vector<std::string>* ne
     const Elf64_Shdr& strtab = sections[dyn.sh_link];
     const char* strings = file.At<char>(strtab.sh_offset, strtab.sh_size);
     const Elf64_Dyn* entries = file.At<Elf64_Dyn>(dyn.sh_offset, dyn.sh_size / sizeof(Elf64_Dyn));
-    if (strings == nullptr || entries == nullptr) return Status::Error(path + ": dynamic section out of bounds");
+    if (strings == nullptr || entries == nullptr)
+      return Status::Error(path + ": dynamic section out of bounds");
     for (uint64_t k = 0; k < dyn.sh_size / sizeof(Elf64_Dyn) && entries[k].d_tag != DT_NULL; ++k) {
       if (entries[k].d_tag != DT_NEEDED) continue;
       uint64_t at = entries[k].d_un.d_val;
@@ -87,7 +89,8 @@ Status CheckModuleAbi(const std::string& path) {
   const std::string ours = prefix + "." + std::to_string(TAVO_ABI_VERSION);
   for (const std::string& lib : needed) {
     if (lib.compare(0, prefix.size(), prefix) != 0 || lib == ours) continue;
-    std::string version = lib.size() > prefix.size() + 1 ? lib.substr(prefix.size() + 1) : "unknown";
+    std::string version =
+        lib.size() > prefix.size() + 1 ? lib.substr(prefix.size() + 1) : "unknown";
     return Status::Error("it was built for platform ABI " + version + " (it needs " + lib +
                          "), but this server provides ABI " + std::to_string(TAVO_ABI_VERSION) +
                          " (" + ours + "): rebuild the module against this version's tavo-dev");

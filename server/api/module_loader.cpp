@@ -1,9 +1,8 @@
 #include "module_loader.h"
 
-#include <json/reader.h>
-
 #include <dirent.h>
 #include <dlfcn.h>
+#include <json/reader.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -20,8 +19,7 @@ namespace tavo_server {
 namespace {
 
 bool IsTerminator(const ApiTableRow& row) {
-  return row.api == nullptr && row.version == 0 && row.method == nullptr &&
-         row.entry == nullptr;
+  return row.api == nullptr && row.version == 0 && row.method == nullptr && row.entry == nullptr;
 }
 
 // True when `p` points into a loaded object (a library or the program), so a
@@ -78,10 +76,13 @@ std::string ModuleSet::ReadDescription(void* handle, const std::set<Key>& table,
     if (!m.isObject() || !m["api"].isString() || !m["version"].isInt() || !m["method"].isString())
       return "a method without api, version and method";
     Key key(m["api"].asString(), m["version"].asInt(), m["method"].asString());
-    std::string what = std::get<0>(key) + " v" + std::to_string(std::get<1>(key)) + " " + std::get<2>(key);
+    std::string what =
+        std::get<0>(key) + " v" + std::to_string(std::get<1>(key)) + " " + std::get<2>(key);
     if (!table.count(key)) return "describes " + what + ", which its table does not have";
-    if (m.isMember("params") && !m["params"].isObject()) return what + ": params is not a schema object";
-    if (m.isMember("answer") && !m["answer"].isObject()) return what + ": answer is not a schema object";
+    if (m.isMember("params") && !m["params"].isObject())
+      return what + ": params is not a schema object";
+    if (m.isMember("answer") && !m["answer"].isObject())
+      return what + ": answer is not a schema object";
     if (m.isMember("errors") && !m["errors"].isObject()) return what + ": errors is not an object";
     if (!out->emplace(key, m).second) return "describes " + what + " twice";
   }
@@ -96,7 +97,8 @@ ModuleSet::~ModuleSet() {
 Status ModuleSet::LoadFolder(const std::string& dir, int* loaded) {
   *loaded = 0;
   DIR* d = opendir(dir.c_str());
-  if (d == nullptr) return Status::Error("cannot open the modules folder " + dir + ": " + strerror(errno));
+  if (d == nullptr)
+    return Status::Error("cannot open the modules folder " + dir + ": " + strerror(errno));
   std::vector<std::string> names;
   while (struct dirent* e = readdir(d)) {
     std::string name = e->d_name;
@@ -148,16 +150,19 @@ Status ModuleSet::LoadFile(const std::string& path) {
       break;
     }
     std::string problem = RowProblem(table[i]);
-    if (!problem.empty()) return refuse("malformed table row " + std::to_string(i) + ": " + problem);
+    if (!problem.empty())
+      return refuse("malformed table row " + std::to_string(i) + ": " + problem);
   }
-  if (rows < 0) return refuse("its table has no terminator row within " + std::to_string(kMaxRows) + " rows");
+  if (rows < 0)
+    return refuse("its table has no terminator row within " + std::to_string(kMaxRows) + " rows");
 
   std::set<Key> own;
   for (int i = 0; i < rows; ++i) {
     const ApiTableRow& row = table[i];
     Key key(row.api, static_cast<int>(row.version), row.method);
     std::string what = std::string(row.api) + " v" + std::to_string(row.version) + " " + row.method;
-    if (!own.insert(key).second) return refuse("table row " + std::to_string(i) + " repeats " + what);
+    if (!own.insert(key).second)
+      return refuse("table row " + std::to_string(i) + " repeats " + what);
     auto it = methods_.find(key);
     if (it != methods_.end()) return refuse(what + " is already provided by " + it->second.origin);
   }
@@ -169,8 +174,8 @@ Status ModuleSet::LoadFile(const std::string& path) {
     const ApiTableRow& row = table[i];
     Key key(row.api, static_cast<int>(row.version), row.method);
     auto d = described.find(key);
-    methods_[key] = Method{row.entry, path, next_order_++,
-                           d == described.end() ? Json::Value() : d->second};
+    methods_[key] =
+        Method{row.entry, path, next_order_++, d == described.end() ? Json::Value() : d->second};
   }
   handles_.push_back(handle);
   return Status::OK();
@@ -207,7 +212,8 @@ ModuleSet::Lookup ModuleSet::Find(const std::string& api, int version, const std
 Status ModuleSet::Describe(const std::string& api, int version, const std::string& method,
                            const Json::Value& description) {
   auto it = methods_.find(Key(api, version, method));
-  if (it == methods_.end()) return Status::Error("no method " + api + " " + method + " to describe");
+  if (it == methods_.end())
+    return Status::Error("no method " + api + " " + method + " to describe");
   it->second.description = description;
   return Status::OK();
 }
@@ -234,7 +240,9 @@ Json::Value ModuleSet::Info() const {
     int version = std::get<1>(it->first);
     std::vector<std::pair<int, std::string>> methods;
     std::string origin = it->second.origin;
-    for (; it != methods_.end() && std::get<0>(it->first) == api && std::get<1>(it->first) == version; ++it)
+    for (;
+         it != methods_.end() && std::get<0>(it->first) == api && std::get<1>(it->first) == version;
+         ++it)
       methods.emplace_back(it->second.order, std::get<2>(it->first));
     std::sort(methods.begin(), methods.end());
     Json::Value item(Json::objectValue);

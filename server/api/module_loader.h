@@ -60,8 +60,8 @@ class ModuleSet {
   Status LoadFile(const std::string& path);
   // Registers a method that the server itself provides; `origin` names it in
   // messages. Fails when the (api, version, method) is already taken.
-  Status Register(const std::string& api, int version, const std::string& method,
-                  MethodEntry entry, const std::string& origin);
+  Status Register(const std::string& api, int version, const std::string& method, MethodEntry entry,
+                  const std::string& origin);
 
   enum class Lookup { kFound, kNoApi, kNoVersion, kNoMethod };
   // Attaches a description (the format of GetAPIDescription's "methods"

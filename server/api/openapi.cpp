@@ -46,7 +46,8 @@ Json::Value HttpError(const std::string& description) {
 // The parameter schema of a described method, with its example moved to the
 // JSON Schema "examples" list; an open object when it has no description.
 Json::Value ParamsSchema(const Json::Value& d, Json::Value* example) {
-  Json::Value params = d.isObject() && d["params"].isObject() ? d["params"] : Json::Value(Json::objectValue);
+  Json::Value params =
+      d.isObject() && d["params"].isObject() ? d["params"] : Json::Value(Json::objectValue);
   if (!params.isMember("type")) params["type"] = "object";
   *example = params.isMember("example") ? params["example"] : Json::Value(Json::objectValue);
   params.removeMember("example");
@@ -57,7 +58,8 @@ Json::Value ParamsSchema(const Json::Value& d, Json::Value* example) {
 
 // Adds the request, success and error schemas of one method to `schemas`
 // under `base`.
-void AddMethodSchemas(const ModuleSet::MethodInfo& m, const std::string& base, Json::Value* schemas) {
+void AddMethodSchemas(const ModuleSet::MethodInfo& m, const std::string& base,
+                      Json::Value* schemas) {
   const Json::Value& d = m.description ? *m.description : Json::Value::nullSingleton();
   const std::string title = m.api + " v" + std::to_string(m.version) + " " + m.method;
   Json::Value example;
@@ -98,7 +100,8 @@ void AddMethodSchemas(const ModuleSet::MethodInfo& m, const std::string& base, J
       text += code + ": " + d["errors"][code].asString() + ". ";
     }
   }
-  if (!(d.isObject() && d["errors"].isObject() && d["errors"].isMember(std::to_string(kCodeUnexpected))))
+  if (!(d.isObject() && d["errors"].isObject() &&
+        d["errors"].isMember(std::to_string(kCodeUnexpected))))
     text += std::to_string(kCodeUnexpected) + ": an unexpected failure (see the server's log).";
   Json::Value error(Json::objectValue);
   error["title"] = title + " error";
@@ -132,7 +135,8 @@ Json::Value ApiOperation(const ModuleSet& modules, Json::Value* schemas) {
   op["description"] =
       "The body names the API, its version, the method and its parameters; the answer is "
       "{\"success\": true, \"data\": ...} or {\"success\": false, \"error\": {\"code\": N}}, "
-      "both with HTTP status 200. The methods served:" + list;
+      "both with HTTP status 200. The methods served:" +
+      list;
   op["requestBody"]["required"] = true;
   Json::Value body(Json::objectValue);
   body["oneOf"] = requests;
@@ -141,7 +145,8 @@ Json::Value ApiOperation(const ModuleSet& modules, Json::Value* schemas) {
   answer["oneOf"] = answers;
   op["responses"]["200"]["description"] = "the method's answer envelope";
   op["responses"]["200"]["content"] = JsonContent(answer);
-  op["responses"]["400"] = HttpError("not a valid call (not JSON, or api, method, version or params of the wrong type)");
+  op["responses"]["400"] =
+      HttpError("not a valid call (not JSON, or api, method, version or params of the wrong type)");
   op["responses"]["401"] = HttpError("no session token, or the session has ended");
   op["responses"]["403"] = HttpError("the account is no longer an administrator");
   op["responses"]["404"] = HttpError("no such API, version or method");
@@ -165,7 +170,8 @@ Json::Value AuthPaths() {
   Json::Value paths(Json::objectValue);
   Json::Value login(Json::objectValue);
   login["operationId"] = "login";
-  login["summary"] = "Logs an administrator in; answers the session token and sets the session cookie";
+  login["summary"] =
+      "Logs an administrator in; answers the session token and sets the session cookie";
   login["security"] = Json::Value(Json::arrayValue);
   Json::Value creds(Json::objectValue);
   creds["type"] = "object";
@@ -194,8 +200,9 @@ Json::Value AuthPaths() {
   logout["responses"]["200"]["description"] = "the session has ended";
   paths["/api/auth/logout"]["post"] = logout;
 
-  paths["/api/auth/session"]["get"] = GetRoute(
-      "session", "With the session cookie: whether the session is alive, and its token", true, session);
+  paths["/api/auth/session"]["get"] =
+      GetRoute("session", "With the session cookie: whether the session is alive, and its token",
+               true, session);
   return paths;
 }
 
@@ -231,11 +238,13 @@ Json::Value BuildOpenApi(const ModuleSet& modules) {
   Json::Value health(Json::objectValue);
   health["type"] = "object";
   health["properties"]["status"] = Const("ok");
-  paths["/healthz"]["get"] = GetRoute("health", "Answers while the server serves; needs no session", true, health);
+  paths["/healthz"]["get"] =
+      GetRoute("health", "Answers while the server serves; needs no session", true, health);
   Json::Value text(Json::objectValue);
   text["type"] = "string";
-  paths["/metrics"]["get"] = GetRoute("metrics", "Counters in the Prometheus text format (administrators)",
-                                      false, text, "text/plain");
+  paths["/metrics"]["get"] =
+      GetRoute("metrics", "Counters in the Prometheus text format (administrators)", false, text,
+               "text/plain");
   doc["paths"] = paths;
   doc["components"]["schemas"] = schemas;
   return doc;

@@ -9,7 +9,8 @@ namespace tavo_server {
 
 std::string DeviceCookies::Mac(const std::string& issued, const std::string& nonce,
                                const std::string& account) const {
-  return HmacSha256Hex(key_, "device\n" + issued + "\n" + nonce + "\n" + tavo::CaseFoldKey(account));
+  return HmacSha256Hex(key_,
+                       "device\n" + issued + "\n" + nonce + "\n" + tavo::CaseFoldKey(account));
 }
 
 std::string DeviceCookies::Issue(const std::string& account, time_t now) const {

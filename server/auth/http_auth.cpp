@@ -60,7 +60,8 @@ std::string RequestToken(const HttpRequest& req) {
   if (!token.empty()) return token;
   const std::string auth = req.Header("Authorization");
   static const std::string kBearer = "Bearer ";
-  if (auth.size() > kBearer.size() && strncasecmp(auth.c_str(), kBearer.c_str(), kBearer.size()) == 0)
+  if (auth.size() > kBearer.size() &&
+      strncasecmp(auth.c_str(), kBearer.c_str(), kBearer.size()) == 0)
     return auth.substr(kBearer.size());
   return "";
 }
@@ -69,8 +70,9 @@ bool HttpServer::Impl::Authorize(const HttpRequest& req, HttpResponse& res,
                                  SessionStore::Session* s, bool recheck) {
   const std::string token = RequestToken(req);
   if (token.empty()) {
-    SendError(res, 401, "not logged in: send the session token in X-Tavo-Token "
-                        "or Authorization: Bearer");
+    SendError(res, 401,
+              "not logged in: send the session token in X-Tavo-Token "
+              "or Authorization: Bearer");
     return false;
   }
   if (!sessions.FindByToken(token, s)) {
@@ -79,7 +81,8 @@ bool HttpServer::Impl::Authorize(const HttpRequest& req, HttpResponse& res,
   }
   res.log.account = s->account;
   // Membership may have been withdrawn, or the password changed, since the login.
-  return !recheck || !Refuse(req, res, *s, ops.Recheck(LoginIdentity{s->account, s->stamp, s->grant}));
+  return !recheck ||
+         !Refuse(req, res, *s, ops.Recheck(LoginIdentity{s->account, s->stamp, s->grant}));
 }
 
 bool HttpServer::Impl::Refuse(const HttpRequest& req, HttpResponse& res,
@@ -94,8 +97,9 @@ bool HttpServer::Impl::Refuse(const HttpRequest& req, HttpResponse& res,
       break;
   }
   sessions.Remove(RequestToken(req));
-  SendError(res, 401, "the session has ended: the account " + s.account +
-                          " is no longer a valid administrator or its password changed");
+  SendError(res, 401,
+            "the session has ended: the account " + s.account +
+                " is no longer a valid administrator or its password changed");
   return true;
 }
 
@@ -135,9 +139,9 @@ void HttpServer::Impl::Login(const HttpRequest& req, HttpResponse& res) {
   res.AddHeader("Set-Cookie", SessionCookie(s.id, -1, options.tls()));
   if (!outcome.device_cookie.empty()) {
     res.AddHeader("Set-Cookie", std::string(kDeviceCookie) + "=" + outcome.device_cookie +
-                                     "; Path=/api/auth; HttpOnly; SameSite=Strict; Max-Age=" +
-                                     std::to_string(logins.devices().lifetime().count()) +
-                                     (options.tls() ? "; Secure" : ""));
+                                    "; Path=/api/auth; HttpOnly; SameSite=Strict; Max-Age=" +
+                                    std::to_string(logins.devices().lifetime().count()) +
+                                    (options.tls() ? "; Secure" : ""));
   }
   SendJson(res, SessionData(s, options.session_idle));
 }

@@ -69,7 +69,8 @@ std::string HashSettingFor(const std::string& login_defs) {
   std::string method = DefsValue(login_defs, "ENCRYPT_METHOD");
   for (char& c : method) c = static_cast<char>(toupper(static_cast<unsigned char>(c)));
   std::string prefix = "$y$";
-  unsigned long count = static_cast<unsigned long>(DefsNumber(login_defs, "YESCRYPT_COST_FACTOR", 5));
+  unsigned long count =
+      static_cast<unsigned long>(DefsNumber(login_defs, "YESCRYPT_COST_FACTOR", 5));
   if (method == "SHA512" || method == "SHA256") {
     prefix = method == "SHA512" ? "$6$" : "$5$";
     // Passwords get a round count between the minimum and the maximum.
@@ -91,8 +92,10 @@ std::string HashSettingFor(const std::string& login_defs) {
   return setting ? setting.get() : "";
 }
 
-LoginResult CheckLogin(const std::string& account, const std::string& password, LoginIdentity* who) {
-  if (account.empty() || account.size() > 256 || password.size() > 4096) return LoginResult::kDenied;
+LoginResult CheckLogin(const std::string& account, const std::string& password,
+                       LoginIdentity* who) {
+  if (account.empty() || account.size() > 256 || password.size() > 4096)
+    return LoginResult::kDenied;
   tavo::UserIdentity id;
   const tavo::UserMatch match = tavo::ResolveUserName(account, &id);
   if (match == tavo::UserMatch::kFailed) return LoginResult::kUnavailable;
@@ -119,7 +122,8 @@ LoginResult RecheckLogin(const LoginIdentity& who) {
   if (match != tavo::UserMatch::kFound || id.name != who.name || id.expired ||
       id.stamp != who.stamp)
     return LoginResult::kDenied;
-  return TLIBGroupIsAdminGroupMem(id.name.c_str(), 0) == 1 ? LoginResult::kOk : LoginResult::kDenied;
+  return TLIBGroupIsAdminGroupMem(id.name.c_str(), 0) == 1 ? LoginResult::kOk
+                                                           : LoginResult::kDenied;
 }
 
 }  // namespace tavo_server

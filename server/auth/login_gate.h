@@ -28,10 +28,10 @@ class LoginGate {
     std::string device_cookie;  // the browser's device cookie, or ""
   };
   struct Outcome {
-    int status = 401;        // 200, 401, 429 (retry_after set) or 500
-    std::string error;       // the message of a refusal
+    int status = 401;   // 200, 401, 429 (retry_after set) or 500
+    std::string error;  // the message of a refusal
     int retry_after = 0;
-    LoginIdentity who;       // on success
+    LoginIdentity who;          // on success
     std::string device_cookie;  // on success: a fresh device cookie ("" if none)
   };
 

@@ -34,10 +34,10 @@
 namespace tavo_server {
 
 struct ThrottleLimits {
-  int per_pair = 5;             // failures of one account from one address
-  int per_address = 20;         // failures from one address, any account
-  int per_device = 5;           // failures with one device cookie
-  int free_per_account = 5;     // failures of one account before tries are delayed
+  int per_pair = 5;          // failures of one account from one address
+  int per_address = 20;      // failures from one address, any account
+  int per_device = 5;        // failures with one device cookie
+  int free_per_account = 5;  // failures of one account before tries are delayed
   std::chrono::seconds window{60};
   std::chrono::milliseconds first_delay{250};  // doubled with each further failure
   std::chrono::milliseconds max_delay{4000};
@@ -49,8 +49,8 @@ class LoginThrottle {
   using Clock = std::chrono::steady_clock;
 
   struct Ticket {
-    int retry_after = 0;  // > 0: refused; seconds until a try may succeed
-    Clock::duration delay{};  // wait this long before checking the password
+    int retry_after = 0;                         // > 0: refused; seconds until a try may succeed
+    Clock::duration delay{};                     // wait this long before checking the password
     std::string pair, address, account, device;  // keys counted
     Clock::time_point at;
   };
@@ -73,7 +73,7 @@ class LoginThrottle {
   // Seconds until `key` is below `limit` again (0: now); -1 when it is only
   // held by tries under way. mutex_ held.
   int Wait(const std::string& key, int limit, Clock::time_point now);
-  void Prune(Clock::time_point now);                                            // mutex_ held
+  void Prune(Clock::time_point now);  // mutex_ held
 
   const ThrottleLimits limits_;
   std::mutex mutex_;

@@ -72,8 +72,8 @@ class SessionStore {
   const std::chrono::seconds lifetime_;
   const size_t max_sessions_;
   std::mutex mutex_;
-  std::map<std::string, Session> by_id_;               // key: the id's prefix
-  std::map<std::string, std::string> id_by_token_;     // token's prefix -> id's prefix
+  std::map<std::string, Session> by_id_;            // key: the id's prefix
+  std::map<std::string, std::string> id_by_token_;  // token's prefix -> id's prefix
 };
 
 }  // namespace tavo_server

@@ -34,9 +34,9 @@ struct DemoUser {
   const char* gecos;
 };
 const DemoUser kDemoUsers[] = {
-    {"alice", "Alice Archer"}, {"bob", "Bob Baker"},     {"carol", "Carol Chen"},
-    {"dave", "Dave Dunn"},     {"erin", "Erin Evans"},   {"frank", "Frank Fischer"},
-    {"grace", "Grace Gomez"},  {"heidi", "Heidi Hart"},  {"ivan", "Ivan Ito"},
+    {"alice", "Alice Archer"}, {"bob", "Bob Baker"},        {"carol", "Carol Chen"},
+    {"dave", "Dave Dunn"},     {"erin", "Erin Evans"},      {"frank", "Frank Fischer"},
+    {"grace", "Grace Gomez"},  {"heidi", "Heidi Hart"},     {"ivan", "Ivan Ito"},
     {"judy", "Judy Jones"},    {"mallory", "Mallory Moss"}, {"oscar", "Oscar Olsen"},
 };
 
@@ -157,7 +157,8 @@ int InitMain(const std::vector<std::string>& args) {
   }
   const bool with_admin = demo || !admin_password.empty();
   const char* env_user = std::getenv("TAVO_DEMO_USER_PASSWORD");
-  const std::string user_password = env_user != nullptr && *env_user ? env_user : RandomPassword(24);
+  const std::string user_password =
+      env_user != nullptr && *env_user ? env_user : RandomPassword(24);
 
   const std::string days = std::to_string(std::time(nullptr) / 86400);
   std::string group = "root:x:0:\nsudo:x:27:\nshadow:x:42:\nusers:x:100:\n";
@@ -170,7 +171,8 @@ int InitMain(const std::vector<std::string>& args) {
   std::string shadow = "root:*:" + days + ":0:99999:7:::\n";
   auto add_user = [&](const std::string& name, int uid, const std::string& gecos,
                       const std::string& hash) {
-    passwd += name + ":x:" + std::to_string(uid) + ":100:" + gecos + ":/home/" + name + ":/bin/sh\n";
+    passwd +=
+        name + ":x:" + std::to_string(uid) + ":100:" + gecos + ":/home/" + name + ":/bin/sh\n";
     shadow += name + ":" + hash + ":" + days + ":0:99999:7:::\n";
   };
   if (with_admin) {
@@ -230,13 +232,15 @@ int InitMain(const std::vector<std::string>& args) {
   printf("Created the root %s%s.\n", shown.c_str(), demo ? " with sample users and groups" : "");
   if (with_admin) {
     if (generated) printf("Generated administrator password: %s\n", admin_password.c_str());
-    printf("Log in as admin with password %s at http://127.0.0.1:8780/ after `tavo serve --root %s`\n",
-           generated ? admin_password.c_str() : "$TAVO_ADMIN_PASSWORD", shown.c_str());
+    printf(
+        "Log in as admin with password %s at http://127.0.0.1:8780/ after `tavo serve --root %s`\n",
+        generated ? admin_password.c_str() : "$TAVO_ADMIN_PASSWORD", shown.c_str());
   } else {
-    printf("No administrator password is set. To log in, run `tavo init %s --demo --force`, or run\n"
-           "init again with TAVO_ADMIN_PASSWORD set (and --force), which creates admin with that "
-           "password.\n",
-           shown.c_str());
+    printf(
+        "No administrator password is set. To log in, run `tavo init %s --demo --force`, or run\n"
+        "init again with TAVO_ADMIN_PASSWORD set (and --force), which creates admin with that "
+        "password.\n",
+        shown.c_str());
   }
   return kExitOk;
 }

@@ -29,7 +29,8 @@ int OpenApiMain(const std::vector<std::string>& args) {
       modules_dir = args[++i];
       continue;
     }
-    fprintf(stderr, "tavo openapi: unknown option or missing value: %s\n%s", args[i].c_str(), kOpenApiUsage);
+    fprintf(stderr, "tavo openapi: unknown option or missing value: %s\n%s", args[i].c_str(),
+            kOpenApiUsage);
     return kExitUsage;
   }
   if (modules_dir.empty()) modules_dir = DefaultModulesDir();

@@ -5,8 +5,8 @@
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
-#include <unistd.h>
 #include <syslog.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
@@ -22,19 +22,19 @@
 #include "directory_api.h"
 #include "eventlog_api.h"
 #include "http_server.h"
+#include "json_util.h"
 #include "module_loader.h"
+#include "openapi.h"
 #include "options.h"
 #include "periodic_sync.h"
 #include "privsep/split.h"
 #include "serve_conf.h"
 #include "systemd_notify.h"
-#include "tls_credentials.h"
 #include "tavo/error.h"
 #include "tavo/root.h"
 #include "tavo/store_check.h"
-#include "json_util.h"
-#include "openapi.h"
 #include "terminal_text.h"
+#include "tls_credentials.h"
 
 namespace tavo_server {
 
@@ -100,7 +100,8 @@ int RunFront(const ServeOptions& options, AccountOps& ops, const sigset_t& signa
     fprintf(stderr, "tavo serve: %s\n", TerminalSafe(s.message()).c_str());
     return kExitFailure;
   }
-  std::string host = options.host.find(':') != std::string::npos ? "[" + options.host + "]" : options.host;
+  std::string host =
+      options.host.find(':') != std::string::npos ? "[" + options.host + "]" : options.host;
   printf("tavo: listening on %s://%s:%d\n", options.tls() ? "https" : "http", host.c_str(), port);
   printf("Open %s://%s:%d/ in a browser and log in as a member of administrators.\n",
          options.tls() ? "https" : "http", host.c_str(), port);
@@ -125,12 +126,15 @@ int RunFront(const ServeOptions& options, AccountOps& ops, const sigset_t& signa
     watchdog = std::thread([&, usec] {
       const int probe_ms = static_cast<int>(std::min<uint64_t>(usec / 4000, 5000));
       std::unique_lock<std::mutex> lock(watchdog_mutex);
-      while (!watchdog_wake.wait_for(lock, std::chrono::microseconds(usec / 2), [&] { return stopping; })) {
+      while (!watchdog_wake.wait_for(lock, std::chrono::microseconds(usec / 2),
+                                     [&] { return stopping; })) {
         lock.unlock();
         const bool alive = server.ProbeEventLoop(probe_ms);
         lock.lock();
-        if (alive) NotifyWatchdog();
-        else if (!stopping) syslog(LOG_WARNING, "the event threads did not answer within %d ms", probe_ms);
+        if (alive)
+          NotifyWatchdog();
+        else if (!stopping)
+          syslog(LOG_WARNING, "the event threads did not answer within %d ms", probe_ms);
       }
     });
   }
@@ -267,7 +271,8 @@ int ServeMain(const std::vector<std::string>& command_line) {
         },
         read_files);
   }
-  return RunFront(options, local, signals, [] { return true; }, true, read_files);
+  return RunFront(
+      options, local, signals, [] { return true; }, true, read_files);
 }
 
 }  // namespace tavo_server

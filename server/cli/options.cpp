@@ -25,7 +25,8 @@ bool ParseNumber(const std::string& text, long lo, long hi, long* out) {
   if (text.empty() || text.size() > 12) return false;
   char* end = nullptr;
   long v = std::strtol(text.c_str(), &end, 10);
-  if (*end != '\0' || v < lo || v > hi || !isdigit(static_cast<unsigned char>(text[0]))) return false;
+  if (*end != '\0' || v < lo || v > hi || !isdigit(static_cast<unsigned char>(text[0])))
+    return false;
   *out = v;
   return true;
 }
@@ -83,7 +84,8 @@ Status ParseServeOptions(const std::vector<std::string>& args, ServeOptions* out
     if (a == "--root") {
       o.root = v;
     } else if (a == "--listen") {
-      if (!ParseListen(v, &o.host, &o.port)) return Status::Error("--listen needs HOST:PORT, got " + v);
+      if (!ParseListen(v, &o.host, &o.port))
+        return Status::Error("--listen needs HOST:PORT, got " + v);
     } else if (a == "--modules") {
       o.modules_dir = v;
     } else if (a == "--web") {
@@ -99,7 +101,8 @@ Status ParseServeOptions(const std::vector<std::string>& args, ServeOptions* out
         return Status::Error("--server-name needs a host name, got " + v);
       o.server_names.push_back(v);
     } else if (a == "--max-body") {
-      if (!ParseNumber(v, 1, 64L * 1024 * 1024, &max_body)) return Status::Error("bad --max-body: " + v);
+      if (!ParseNumber(v, 1, 64L * 1024 * 1024, &max_body))
+        return Status::Error("bad --max-body: " + v);
     } else {
       bool known = false;
       for (const IntOption& io : ints) {
@@ -132,7 +135,8 @@ bool IsLoopbackHost(const std::string& host) {
   unsigned char a[16];
   if (host == "localhost") return true;
   if (inet_pton(AF_INET, host.c_str(), a) == 1) return a[0] == 127;
-  return inet_pton(AF_INET6, host.c_str(), a) == 1 && IN6_IS_ADDR_LOOPBACK(reinterpret_cast<in6_addr*>(a));
+  return inet_pton(AF_INET6, host.c_str(), a) == 1 &&
+         IN6_IS_ADDR_LOOPBACK(reinterpret_cast<in6_addr*>(a));
 }
 
 std::string ServeUsage() {
@@ -155,34 +159,41 @@ std::string ServeUsage() {
     << "  --privsep-user USER    (as root) parse HTTP in a process running as USER; this one\n"
     << "                         keeps the account files and the modules\n"
     << "  --server-name NAME     also answer requests whose Host is NAME (repeatable; IP\n"
-    << "                         addresses and localhost are always answered, other names get 421)\n"
+    << "                         addresses and localhost are always answered, other names get "
+       "421)\n"
     << "\nLimits (defaults in brackets):\n"
     << "  --workers N            threads running module calls and logins [" << d.workers << "]\n"
-    << "  --queue N              calls waiting for a worker; more get HTTP 503 [" << d.queue << "]\n"
+    << "  --queue N              calls waiting for a worker; more get HTTP 503 [" << d.queue
+    << "]\n"
     << "  --event-threads N      threads reading and writing connections; 0: one per core ["
     << d.event_threads << "]\n"
-    << "  --max-connections N    open connections; more get HTTP 503 [" << d.max_connections << "]\n"
+    << "  --max-connections N    open connections; more get HTTP 503 [" << d.max_connections
+    << "]\n"
     << "  --per-address N        open connections from one client address; more are closed ["
     << d.per_address << "]\n"
-    << "  --max-body BYTES       largest request body; larger ones get HTTP 413 [" << d.max_body << "]\n"
+    << "  --max-body BYTES       largest request body; larger ones get HTTP 413 [" << d.max_body
+    << "]\n"
     << "  --read-timeout S       time allowed to receive a request [" << d.read_timeout << "]\n"
     << "  --write-timeout S      time allowed to send an answer [" << d.write_timeout << "]\n"
     << "  --stop-timeout S       time to finish the requests in flight at SIGTERM ["
     << d.stop_timeout << "]\n"
-    << "  --keepalive-timeout S  idle time a connection is kept open [" << d.keepalive_timeout << "]\n"
+    << "  --keepalive-timeout S  idle time a connection is kept open [" << d.keepalive_timeout
+    << "]\n"
     << "  --keepalive-max N      requests served on one connection [" << d.keepalive_max << "]\n"
     << "  --answer-cache N       module answers kept to be given again while their account\n"
     << "                         files are unchanged; 0: none [" << d.answer_cache << "]\n"
     << "  --session-idle S       a session ends after this long unused [" << d.session_idle << "]\n"
-    << "  --session-lifetime S   a session ends this long after the login ["
-    << d.session_lifetime << "]\n"
+    << "  --session-lifetime S   a session ends this long after the login [" << d.session_lifetime
+    << "]\n"
     << "  --max-sessions N       sessions alive at once; the least recently used goes ["
     << d.max_sessions << "]\n"
     << "  fixed: request head (line and headers) at most 16 KiB, at most 100 headers\n"
     << "         (HTTP 414 or 431);\n"
-    << "         " << d.login_max_failures << " failed logins for one account from one client address, or "
-    << 4 * d.login_max_failures << " from one address,\n"
-    << "         within " << d.login_window << " s make further tries from there answer HTTP 429 until the\n"
+    << "         " << d.login_max_failures
+    << " failed logins for one account from one client address, or " << 4 * d.login_max_failures
+    << " from one address,\n"
+    << "         within " << d.login_window
+    << " s make further tries from there answer HTTP 429 until the\n"
     << "         window has passed; more failures of one account from anywhere delay its tries\n"
     << "         (up to 4 s), except from a browser that logged in to it before (device cookie).\n";
   return s.str();
@@ -219,7 +230,8 @@ Status ResolveRoot(const std::string& given, std::string* root) {
     if (env != nullptr) dir = env;
   }
   if (dir.empty())
-    return Status::Error("no root folder: pass --root DIR or set TAVO_ROOT (--root / for the real system)");
+    return Status::Error(
+        "no root folder: pass --root DIR or set TAVO_ROOT (--root / for the real system)");
   char buf[PATH_MAX];
   if (realpath(dir.c_str(), buf) == nullptr || !IsDir(buf))
     return Status::Error("the root folder " + dir + " does not exist");

@@ -15,32 +15,32 @@
 namespace tavo_server {
 
 struct ServeOptions {
-  std::string root;                // --root, else $TAVO_ROOT; required
-  std::string host = "127.0.0.1";  // --listen HOST:PORT
-  int port = 8780;                 // 0 picks a free port
-  std::string modules_dir;         // --modules, else DefaultModulesDir()
-  std::string web_dir;             // --web, else DefaultWebDir()
-  int workers = 8;                 // --workers: threads running module calls and logins
-  int queue = 256;                 // --queue: calls waiting for a worker; more get 503
-  int event_threads = 0;           // --event-threads: 0 = one per core
-  int max_connections = 8192;      // --max-connections open at once; more get 503
-  int per_address = 64;            // --per-address connections from one client address
-  size_t max_body = 64 * 1024;     // --max-body BYTES: larger bodies get 413
-  int read_timeout = 10;           // --read-timeout SECONDS
-  int write_timeout = 10;          // --write-timeout SECONDS
-  int keepalive_timeout = 30;      // --keepalive-timeout SECONDS idle between requests
-  int keepalive_max = 100;         // --keepalive-max requests per connection
-  int stop_timeout = 30;           // --stop-timeout SECONDS to finish requests at SIGTERM
-  int session_idle = 15 * 60;      // --session-idle SECONDS
-  int session_lifetime = 8 * 3600;  // --session-lifetime SECONDS, however busy
-  int max_sessions = 256;          // --max-sessions
-  int answer_cache = 512;          // --answer-cache N answers kept for reuse; 0: none
-  int login_max_failures = 5;      // failed logins per account and address ...
-  int login_window = 60;           // ... within this many seconds before 429
-  std::string tls_cert, tls_key;    // --tls-cert FILE --tls-key FILE (PEM): serve HTTPS
-  bool insecure_http = false;       // --insecure-http: plain HTTP beyond loopback
+  std::string root;                       // --root, else $TAVO_ROOT; required
+  std::string host = "127.0.0.1";         // --listen HOST:PORT
+  int port = 8780;                        // 0 picks a free port
+  std::string modules_dir;                // --modules, else DefaultModulesDir()
+  std::string web_dir;                    // --web, else DefaultWebDir()
+  int workers = 8;                        // --workers: threads running module calls and logins
+  int queue = 256;                        // --queue: calls waiting for a worker; more get 503
+  int event_threads = 0;                  // --event-threads: 0 = one per core
+  int max_connections = 8192;             // --max-connections open at once; more get 503
+  int per_address = 64;                   // --per-address connections from one client address
+  size_t max_body = 64 * 1024;            // --max-body BYTES: larger bodies get 413
+  int read_timeout = 10;                  // --read-timeout SECONDS
+  int write_timeout = 10;                 // --write-timeout SECONDS
+  int keepalive_timeout = 30;             // --keepalive-timeout SECONDS idle between requests
+  int keepalive_max = 100;                // --keepalive-max requests per connection
+  int stop_timeout = 30;                  // --stop-timeout SECONDS to finish requests at SIGTERM
+  int session_idle = 15 * 60;             // --session-idle SECONDS
+  int session_lifetime = 8 * 3600;        // --session-lifetime SECONDS, however busy
+  int max_sessions = 256;                 // --max-sessions
+  int answer_cache = 512;                 // --answer-cache N answers kept for reuse; 0: none
+  int login_max_failures = 5;             // failed logins per account and address ...
+  int login_window = 60;                  // ... within this many seconds before 429
+  std::string tls_cert, tls_key;          // --tls-cert FILE --tls-key FILE (PEM): serve HTTPS
+  bool insecure_http = false;             // --insecure-http: plain HTTP beyond loopback
   std::vector<std::string> server_names;  // --server-name NAME, repeatable: Host names answered
-  std::string privsep_user;         // --privsep-user USER: the front runs as USER (root only)
+  std::string privsep_user;               // --privsep-user USER: the front runs as USER (root only)
   // Not an option: the OpenAPI document of the loaded modules (compact JSON),
   // made where the modules are loaded, answered at GET /api/openapi.json.
   std::string openapi_json;

@@ -40,8 +40,10 @@ Status ReadServeConf(const std::string& path, std::vector<std::string>* args) {
       return Status::Error(where + "'" + name + "' is not a setting");
     if (value.empty()) return Status::Error(where + name + " has no value");
     if (name == "insecure-http") {  // the one option without a value
-      if (value == "yes" || value == "true") args->push_back("--" + name);
-      else if (value != "no" && value != "false") return Status::Error(where + name + " takes yes or no");
+      if (value == "yes" || value == "true")
+        args->push_back("--" + name);
+      else if (value != "no" && value != "false")
+        return Status::Error(where + name + " takes yes or no");
       continue;
     }
     args->push_back("--" + name);

@@ -5,9 +5,7 @@
 
 namespace tavo_server {
 
-void NotifyReady(const std::string& status) {
-  sd_notifyf(0, "READY=1\nSTATUS=%s", status.c_str());
-}
+void NotifyReady(const std::string& status) { sd_notifyf(0, "READY=1\nSTATUS=%s", status.c_str()); }
 
 void NotifyStopping() { sd_notify(0, "STOPPING=1"); }
 

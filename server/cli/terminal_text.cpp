@@ -24,9 +24,9 @@ size_t Decode(const std::string& s, size_t i, unsigned* cp) {
 }
 
 bool Escaped(unsigned cp) {
-  return cp < 0x20 || (cp >= 0x7f && cp <= 0x9f) || cp == 0x61c || cp == 0x200e ||
-         cp == 0x200f || (cp >= 0x202a && cp <= 0x202e) || (cp >= 0x2066 && cp <= 0x2069) ||
-         cp == 0x2028 || cp == 0x2029;
+  return cp < 0x20 || (cp >= 0x7f && cp <= 0x9f) || cp == 0x61c || cp == 0x200e || cp == 0x200f ||
+         (cp >= 0x202a && cp <= 0x202e) || (cp >= 0x2066 && cp <= 0x2069) || cp == 0x2028 ||
+         cp == 0x2029;
 }
 
 std::string Escape(const std::string& text, bool json) {

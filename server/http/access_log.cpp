@@ -50,10 +50,9 @@ std::string AccessLog::Format(long when, const std::string& client, const std::s
 }
 
 void AccessLog::Write(const std::string& client, const std::string& http_method,
-                      const std::string& path, int status, const LogFields& fields,
-                      double millis) {
-  std::string line =
-      Format(static_cast<long>(std::time(nullptr)), client, http_method, path, status, fields, millis);
+                      const std::string& path, int status, const LogFields& fields, double millis) {
+  std::string line = Format(static_cast<long>(std::time(nullptr)), client, http_method, path,
+                            status, fields, millis);
   {
     std::lock_guard<std::mutex> lock(mu_);
     if (pending_.size() + line.size() > max_pending_) {

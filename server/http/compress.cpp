@@ -30,7 +30,8 @@ bool AcceptsGzip(const std::string& accept_encoding) {
     size_t q = item.find(';');
     if (q != std::string::npos) {
       std::string param = Trim(item.substr(q + 1));
-      if (strncasecmp(param.c_str(), "q=", 2) == 0) allowed = strtod(param.c_str() + 2, nullptr) > 0;
+      if (strncasecmp(param.c_str(), "q=", 2) == 0)
+        allowed = strtod(param.c_str() + 2, nullptr) > 0;
     }
     if (strcasecmp(name.c_str(), "gzip") == 0 || strcasecmp(name.c_str(), "x-gzip") == 0) {
       gzip_listed = true;

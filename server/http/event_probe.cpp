@@ -22,7 +22,8 @@ using Clock = std::chrono::steady_clock;
 bool ReadStatusLine(int fd, Clock::time_point deadline, std::string* got) {
   char buf[512];
   while (got->find("\r\n") == std::string::npos) {
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+    const auto left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
     if (left.count() <= 0) return false;
     pollfd p{fd, POLLIN, 0};
     if (poll(&p, 1, static_cast<int>(left.count())) <= 0) return false;
@@ -53,8 +54,8 @@ bool HttpServer::ProbeEventLoop(int timeout_ms) {
     sockaddr_un addr{};
     addr.sun_family = AF_UNIX;
     // MHD owns (and closes) pair[1] from here, whatever it answers.
-    if (MHD_add_connection(s.daemon, pair[1], reinterpret_cast<sockaddr*>(&addr), sizeof(sa_family_t)) !=
-        MHD_YES) {
+    if (MHD_add_connection(s.daemon, pair[1], reinterpret_cast<sockaddr*>(&addr),
+                           sizeof(sa_family_t)) != MHD_YES) {
       s.probe_fd.store(-1);
       close(ours);
       return false;
@@ -67,10 +68,12 @@ bool HttpServer::ProbeEventLoop(int timeout_ms) {
     while (!(alive = s.probe_seen.load()) && Clock::now() < deadline)
       std::this_thread::sleep_for(std::chrono::milliseconds(5));
   } else {
-    static const char kRequest[] = "GET /healthz HTTP/1.1\r\nHost: localhost\r\nConnection: close\r\n\r\n";
+    static const char kRequest[] =
+        "GET /healthz HTTP/1.1\r\nHost: localhost\r\nConnection: close\r\n\r\n";
     std::string got;
-    alive = write(ours, kRequest, sizeof kRequest - 1) == static_cast<ssize_t>(sizeof kRequest - 1) &&
-            ReadStatusLine(ours, deadline, &got) && got.compare(0, 12, "HTTP/1.1 200") == 0;
+    alive =
+        write(ours, kRequest, sizeof kRequest - 1) == static_cast<ssize_t>(sizeof kRequest - 1) &&
+        ReadStatusLine(ours, deadline, &got) && got.compare(0, 12, "HTTP/1.1 200") == 0;
   }
   s.probe_fd.store(-1);
   close(ours);

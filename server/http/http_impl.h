@@ -63,8 +63,8 @@ struct HttpServer::Impl {
   std::atomic<int> probe_fd{-1};
   std::atomic<bool> probe_seen{false};
   int listen_fd = -1;
-  std::string keep_alive_header;  // "timeout=N"
-  SitePolicy site;                 // Host and Origin
+  std::string keep_alive_header;    // "timeout=N"
+  SitePolicy site;                  // Host and Origin
   std::atomic<int> connections{0};  // open connections
   std::atomic<int> in_flight{0};    // requests whose head has arrived, not yet answered
   std::atomic<bool> stopping{false};

@@ -17,10 +17,10 @@ namespace tavo_server {
 using HeaderList = std::vector<std::pair<std::string, std::string>>;
 
 struct HttpRequest {
-  std::string method;       // "GET", "HEAD", "POST", ... ("HEAD" is routed as "GET")
-  std::string path;         // percent-decoded, without the query
-  HeaderList query;         // decoded query arguments in order
-  HeaderList headers;       // in order; names as sent
+  std::string method;  // "GET", "HEAD", "POST", ... ("HEAD" is routed as "GET")
+  std::string path;    // percent-decoded, without the query
+  HeaderList query;    // decoded query arguments in order
+  HeaderList headers;  // in order; names as sent
   std::string body;
   std::string remote_addr;  // numeric client address
 

@@ -3,12 +3,11 @@
 #include "http_server.h"
 
 #include <fcntl.h>
-#include <sched.h>
-
 #include <microhttpd.h>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <sched.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -93,9 +92,9 @@ void OnConnection(void* cls, MHD_Connection* connection, void** socket_context,
     if (getpeername(c->slot.fd, reinterpret_cast<sockaddr*>(&c->slot.peer), &c->slot.peer_len) != 0)
       c->slot.peer_len = 0;
     char host[NI_MAXHOST];
-    if (c->slot.peer_len > 0 && getnameinfo(reinterpret_cast<sockaddr*>(&c->slot.peer),
-                                            c->slot.peer_len, host, sizeof(host), nullptr, 0,
-                                            NI_NUMERICHOST) == 0)
+    if (c->slot.peer_len > 0 &&
+        getnameinfo(reinterpret_cast<sockaddr*>(&c->slot.peer), c->slot.peer_len, host,
+                    sizeof(host), nullptr, 0, NI_NUMERICHOST) == 0)
       c->addr = host;
     // Every answer is one write; never hold it back for the client's ACK.
     int one = 1;
@@ -144,8 +143,9 @@ bool RefuseEarly(Impl* s, Exchange* x) {
     // A chunked body has no declared length to check before reading it.
     SendError(res, 411, "send the body with a Content-Length; chunked bodies are not accepted");
   } else if (!length.empty() && strtoull(length.c_str(), nullptr, 10) > s->options.max_body) {
-    SendError(res, 413, std::string(Reason(413)) + " (at most " +
-                            std::to_string(s->options.max_body) + " bytes)");
+    SendError(
+        res, 413,
+        std::string(Reason(413)) + " (at most " + std::to_string(s->options.max_body) + " bytes)");
   } else {
     return false;
   }
@@ -160,8 +160,8 @@ MHD_Result Send(Impl* s, MHD_Connection* connection, Exchange* x) {
   const bool close = x->close || s->stopping.load() || s->options.keepalive_timeout == 0 ||
                      (c != nullptr && c->requests >= s->options.keepalive_max);
   // The body stays in the exchange until the request is completed.
-  MHD_Response* m = MHD_create_response_from_buffer(
-      r.body.size(), const_cast<char*>(r.body.data()), MHD_RESPMEM_PERSISTENT);
+  MHD_Response* m = MHD_create_response_from_buffer(r.body.size(), const_cast<char*>(r.body.data()),
+                                                    MHD_RESPMEM_PERSISTENT);
   if (m == nullptr) return MHD_NO;
   if (!r.content_type.empty()) MHD_add_response_header(m, "Content-Type", r.content_type.c_str());
   for (const auto& h : r.headers) MHD_add_response_header(m, h.first.c_str(), h.second.c_str());
@@ -213,8 +213,9 @@ MHD_Result OnRequest(void* cls, MHD_Connection* connection, const char* url, con
   // until it is ready to be sent.
   if (x->conn != nullptr) ConnDeadlines::Set(&x->conn->slot, std::chrono::milliseconds(0));
   if (x->too_big) {
-    SendError(x->res, 413, std::string(Reason(413)) + " (at most " +
-                               std::to_string(s->options.max_body) + " bytes)");
+    SendError(
+        x->res, 413,
+        std::string(Reason(413)) + " (at most " + std::to_string(s->options.max_body) + " bytes)");
     x->close = true;
     s->Finish(x->req, x->res);
     return Send(s, connection, x);
@@ -321,26 +322,22 @@ Status HttpServer::Run() {
   // latest ReloadTls.
   std::vector<MHD_OptionItem> tls_options;
   if (o.tls()) {
-    tls_options.push_back({MHD_OPTION_HTTPS_CERT_CALLBACK, 0,
-                           reinterpret_cast<void*>(&TlsCredentials::Retrieve)});
+    tls_options.push_back(
+        {MHD_OPTION_HTTPS_CERT_CALLBACK, 0, reinterpret_cast<void*>(&TlsCredentials::Retrieve)});
   }
   tls_options.push_back({MHD_OPTION_END, 0, nullptr});
   MHD_Daemon* daemon = MHD_start_daemon(
       MHD_USE_EPOLL_INTERNAL_THREAD | MHD_ALLOW_SUSPEND_RESUME | MHD_USE_ITC | MHD_USE_ERROR_LOG |
           (o.tls() ? MHD_USE_TLS : 0),
-      0, nullptr, nullptr, OnRequest, &s,
-      MHD_OPTION_EXTERNAL_LOGGER, OnLibraryError, nullptr,  // first, to catch every message
-      MHD_OPTION_ARRAY, tls_options.data(),
-      MHD_OPTION_LISTEN_SOCKET, s.listen_fd,
-      MHD_OPTION_THREAD_POOL_SIZE, threads,
-      MHD_OPTION_CONNECTION_LIMIT, static_cast<unsigned>(o.max_connections + kRefusalHeadroom),
+      0, nullptr, nullptr, OnRequest, &s, MHD_OPTION_EXTERNAL_LOGGER, OnLibraryError,
+      nullptr,  // first, to catch every message
+      MHD_OPTION_ARRAY, tls_options.data(), MHD_OPTION_LISTEN_SOCKET, s.listen_fd,
+      MHD_OPTION_THREAD_POOL_SIZE, threads, MHD_OPTION_CONNECTION_LIMIT,
+      static_cast<unsigned>(o.max_connections + kRefusalHeadroom),
       MHD_OPTION_PER_IP_CONNECTION_LIMIT, static_cast<unsigned>(o.per_address),
-      MHD_OPTION_CONNECTION_TIMEOUT, backstop,
-      MHD_OPTION_CONNECTION_MEMORY_LIMIT, kConnectionMemory,
-      MHD_OPTION_NOTIFY_COMPLETED, OnCompleted, &s,
-      MHD_OPTION_NOTIFY_CONNECTION, OnConnection, &s,
-      MHD_OPTION_URI_LOG_CALLBACK, OnRequestLine, &s,
-      MHD_OPTION_END);
+      MHD_OPTION_CONNECTION_TIMEOUT, backstop, MHD_OPTION_CONNECTION_MEMORY_LIMIT,
+      kConnectionMemory, MHD_OPTION_NOTIFY_COMPLETED, OnCompleted, &s, MHD_OPTION_NOTIFY_CONNECTION,
+      OnConnection, &s, MHD_OPTION_URI_LOG_CALLBACK, OnRequestLine, &s, MHD_OPTION_END);
   if (daemon == nullptr) return Status::Error("the HTTP server could not start");
   {
     std::lock_guard<std::mutex> probe(s.probe_mu);
@@ -353,8 +350,8 @@ Status HttpServer::Run() {
   MHD_quiesce_daemon(s.daemon);
   close(s.listen_fd);
   s.listen_fd = -1;
-  const bool drained = s.stop_cv.wait_for(lock, Seconds(o.stop_timeout),
-                                          [&s] { return s.in_flight.load() == 0; });
+  const bool drained =
+      s.stop_cv.wait_for(lock, Seconds(o.stop_timeout), [&s] { return s.in_flight.load() == 0; });
   lock.unlock();
   if (!drained)
     return Status::Error(std::to_string(s.in_flight.load()) + " requests still running after " +

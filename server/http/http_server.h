@@ -42,8 +42,8 @@
 
 #include "http_message.h"
 #include "module_loader.h"
-#include "privsep/account_ops.h"
 #include "options.h"
+#include "privsep/account_ops.h"
 #include "status.h"
 
 namespace tavo_server {

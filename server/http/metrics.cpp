@@ -11,10 +11,14 @@ namespace {
 std::string Label(const std::string& v) {
   std::string out;
   for (char c : v) {
-    if (c == '\\') out += "\\\\";
-    else if (c == '"') out += "\\\"";
-    else if (c == '\n') out += "\\n";
-    else out += c;
+    if (c == '\\')
+      out += "\\\\";
+    else if (c == '"')
+      out += "\\\"";
+    else if (c == '\n')
+      out += "\\n";
+    else
+      out += c;
   }
   return out;
 }
@@ -72,7 +76,8 @@ std::string Metrics::Render(size_t sessions, const Json::Value& side) const {
              std::to_string(cumulative) + "\n";
     }
     cumulative += buckets_[kBuckets.size()];
-    out += "tavo_http_request_duration_seconds_bucket{le=\"+Inf\"} " + std::to_string(cumulative) + "\n";
+    out += "tavo_http_request_duration_seconds_bucket{le=\"+Inf\"} " + std::to_string(cumulative) +
+           "\n";
     out += "tavo_http_request_duration_seconds_sum " + Number(seconds_sum_) + "\n";
     out += "tavo_http_request_duration_seconds_count " + std::to_string(count_) + "\n";
   }
@@ -88,10 +93,13 @@ std::string Metrics::Render(size_t sessions, const Json::Value& side) const {
 
   const Json::Value& store = side["store"];
   Head(&out, "tavo_store_commits_total", "counter", "Changes of the account files, by result.");
-  out += "tavo_store_commits_total{result=\"written\"} " + std::to_string(store["commits"].asUInt64()) + "\n";
-  out += "tavo_store_commits_total{result=\"failed\"} " + std::to_string(store["failed_commits"].asUInt64()) + "\n";
+  out += "tavo_store_commits_total{result=\"written\"} " +
+         std::to_string(store["commits"].asUInt64()) + "\n";
+  out += "tavo_store_commits_total{result=\"failed\"} " +
+         std::to_string(store["failed_commits"].asUInt64()) + "\n";
   Head(&out, "tavo_store_files_written_total", "counter", "Account files replaced.");
-  out += "tavo_store_files_written_total " + std::to_string(store["files_written"].asUInt64()) + "\n";
+  out +=
+      "tavo_store_files_written_total " + std::to_string(store["files_written"].asUInt64()) + "\n";
   Head(&out, "tavo_store_fsyncs_total", "counter", "fsync calls of the account store.");
   out += "tavo_store_fsyncs_total " + std::to_string(store["fsyncs"].asUInt64()) + "\n";
   Head(&out, "tavo_store_fsync_seconds_total", "counter", "Time spent in those fsync calls.");
@@ -101,20 +109,23 @@ std::string Metrics::Render(size_t sessions, const Json::Value& side) const {
        "Module answers given again from the answer cache, their account files unchanged.");
   out += "tavo_answers_reused_total " + std::to_string(side["answers_reused"].asUInt64()) + "\n";
 
-  Head(&out, "tavo_directory_bound", "gauge", "1 when the directory is bound (ldap) or joined (domain).");
+  Head(&out, "tavo_directory_bound", "gauge",
+       "1 when the directory is bound (ldap) or joined (domain).");
   std::string groups, last, errors;
   for (const char* kind : {"ldap", "domain"}) {
     const Json::Value& d = side["directory"][kind];
     const std::string k = std::string("{kind=\"") + kind + "\"} ";
     out += "tavo_directory_bound" + k + (d["bound"].asBool() ? "1" : "0") + "\n";
     groups += "tavo_directory_groups" + k + std::to_string(d["groups"].asInt64()) + "\n";
-    last += "tavo_directory_last_sync_timestamp_seconds" + k + std::to_string(d["last_sync"].asInt64()) + "\n";
+    last += "tavo_directory_last_sync_timestamp_seconds" + k +
+            std::to_string(d["last_sync"].asInt64()) + "\n";
     errors += "tavo_directory_last_error_timestamp_seconds" + k +
               std::to_string(d["last_error_time"].asInt64()) + "\n";
   }
   Head(&out, "tavo_directory_groups", "gauge", "Groups stored by the last good sync.");
   out += groups;
-  Head(&out, "tavo_directory_last_sync_timestamp_seconds", "gauge", "Time of the last good sync (0: none).");
+  Head(&out, "tavo_directory_last_sync_timestamp_seconds", "gauge",
+       "Time of the last good sync (0: none).");
   out += last;
   Head(&out, "tavo_directory_last_error_timestamp_seconds", "gauge",
        "Time of the last failed sync (0: the last attempt succeeded).");

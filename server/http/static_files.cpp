@@ -48,7 +48,8 @@ StaticFiles::Result StaticFiles::Resolve(const std::string& url_path, std::strin
   if (stat(real.c_str(), &st) != 0) return Result::kNotFound;
   if (S_ISDIR(st.st_mode)) {
     std::string index = Canonical(real + "/index.html");
-    if (index.empty() || index.compare(0, root_.size() + 1, root_ + "/") != 0) return Result::kNotFound;
+    if (index.empty() || index.compare(0, root_.size() + 1, root_ + "/") != 0)
+      return Result::kNotFound;
     real = index;
     if (stat(real.c_str(), &st) != 0) return Result::kNotFound;
   }

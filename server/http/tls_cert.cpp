@@ -49,27 +49,26 @@ Status MakeSelfSignedCertificate(const std::string& host, std::string* cert_pem,
   unsigned char v4[4], v6[16];
   inet_pton(AF_INET, "127.0.0.1", v4);
   inet_pton(AF_INET6, "::1", v6);
-  bool ok =
-      gnutls_x509_crt_set_version(raw_crt, 3) == 0 &&
-      gnutls_x509_crt_set_serial(raw_crt, serial, sizeof(serial)) == 0 &&
-      gnutls_x509_crt_set_activation_time(raw_crt, now - 3600) == 0 &&
-      gnutls_x509_crt_set_expiration_time(raw_crt, now + 10L * 365 * 24 * 3600) == 0 &&
-      gnutls_x509_crt_set_dn_by_oid(raw_crt, GNUTLS_OID_X520_COMMON_NAME, 0, host.data(),
-                                    static_cast<unsigned>(host.size())) == 0 &&
-      gnutls_x509_crt_set_key(raw_crt, raw_key) == 0 &&
-      gnutls_x509_crt_set_subject_alt_name(raw_crt, GNUTLS_SAN_DNSNAME, host.data(),
-                                           static_cast<unsigned>(host.size()),
-                                           GNUTLS_FSAN_APPEND) == 0 &&
-      gnutls_x509_crt_set_subject_alt_name(raw_crt, GNUTLS_SAN_DNSNAME, "localhost", 9,
-                                           GNUTLS_FSAN_APPEND) == 0 &&
-      gnutls_x509_crt_set_subject_alt_name(raw_crt, GNUTLS_SAN_IPADDRESS, v4, 4,
-                                           GNUTLS_FSAN_APPEND) == 0 &&
-      gnutls_x509_crt_set_subject_alt_name(raw_crt, GNUTLS_SAN_IPADDRESS, v6, 16,
-                                           GNUTLS_FSAN_APPEND) == 0 &&
-      gnutls_x509_crt_set_basic_constraints(raw_crt, 0, -1) == 0 &&
-      gnutls_x509_crt_set_key_usage(raw_crt, GNUTLS_KEY_DIGITAL_SIGNATURE) == 0 &&
-      gnutls_x509_crt_set_key_purpose_oid(raw_crt, GNUTLS_KP_TLS_WWW_SERVER, 0) == 0 &&
-      gnutls_x509_crt_sign2(raw_crt, raw_crt, raw_key, GNUTLS_DIG_SHA256, 0) == 0;
+  bool ok = gnutls_x509_crt_set_version(raw_crt, 3) == 0 &&
+            gnutls_x509_crt_set_serial(raw_crt, serial, sizeof(serial)) == 0 &&
+            gnutls_x509_crt_set_activation_time(raw_crt, now - 3600) == 0 &&
+            gnutls_x509_crt_set_expiration_time(raw_crt, now + 10L * 365 * 24 * 3600) == 0 &&
+            gnutls_x509_crt_set_dn_by_oid(raw_crt, GNUTLS_OID_X520_COMMON_NAME, 0, host.data(),
+                                          static_cast<unsigned>(host.size())) == 0 &&
+            gnutls_x509_crt_set_key(raw_crt, raw_key) == 0 &&
+            gnutls_x509_crt_set_subject_alt_name(raw_crt, GNUTLS_SAN_DNSNAME, host.data(),
+                                                 static_cast<unsigned>(host.size()),
+                                                 GNUTLS_FSAN_APPEND) == 0 &&
+            gnutls_x509_crt_set_subject_alt_name(raw_crt, GNUTLS_SAN_DNSNAME, "localhost", 9,
+                                                 GNUTLS_FSAN_APPEND) == 0 &&
+            gnutls_x509_crt_set_subject_alt_name(raw_crt, GNUTLS_SAN_IPADDRESS, v4, 4,
+                                                 GNUTLS_FSAN_APPEND) == 0 &&
+            gnutls_x509_crt_set_subject_alt_name(raw_crt, GNUTLS_SAN_IPADDRESS, v6, 16,
+                                                 GNUTLS_FSAN_APPEND) == 0 &&
+            gnutls_x509_crt_set_basic_constraints(raw_crt, 0, -1) == 0 &&
+            gnutls_x509_crt_set_key_usage(raw_crt, GNUTLS_KEY_DIGITAL_SIGNATURE) == 0 &&
+            gnutls_x509_crt_set_key_purpose_oid(raw_crt, GNUTLS_KP_TLS_WWW_SERVER, 0) == 0 &&
+            gnutls_x509_crt_sign2(raw_crt, raw_crt, raw_key, GNUTLS_DIG_SHA256, 0) == 0;
   if (!ok) return Status::Error("cannot make a self-signed certificate");
   if (!Pem(gnutls_x509_crt_export2, raw_crt, cert_pem) ||
       !Pem(gnutls_x509_privkey_export2, raw_key, key_pem))

@@ -1,7 +1,7 @@
 #include "account_ops.h"
 
-#include "random.h"
 #include "dir_status.h"
+#include "random.h"
 #include "tavo/read_scope.h"
 #include "tavo/store_stats.h"
 

@@ -72,7 +72,7 @@ class LocalAccountOps : public AccountOps {
  private:
   const ModuleSet& modules_;
   const std::string key_;  // drawn at start-up
-  AnswerCache answers_;  // the answers kept for reuse
+  AnswerCache answers_;    // the answers kept for reuse
 };
 
 }  // namespace tavo_server

@@ -52,7 +52,8 @@ bool SendMessage(int fd, const Json::Value& message) {
 bool ReceiveMessage(int fd, int timeout_ms, Json::Value* message) {
   unsigned char head[4];
   if (!ReadAll(fd, reinterpret_cast<char*>(head), 4, timeout_ms)) return false;
-  const size_t n = (size_t{head[0]} << 24) | (size_t{head[1]} << 16) | (size_t{head[2]} << 8) | head[3];
+  const size_t n =
+      (size_t{head[0]} << 24) | (size_t{head[1]} << 16) | (size_t{head[2]} << 8) | head[3];
   if (n == 0 || n > kMaxMessage) return false;
   std::string text(n, '\0');
   return ReadAll(fd, &text[0], n, timeout_ms) && ParseJson(text, message);

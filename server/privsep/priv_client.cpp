@@ -14,7 +14,9 @@ namespace {
 
 LoginResult ResultOf(const Json::Value& answer) {
   const std::string r = answer["result"].isString() ? answer["result"].asString() : "";
-  return r == "ok" ? LoginResult::kOk : r == "denied" ? LoginResult::kDenied : LoginResult::kUnavailable;
+  return r == "ok"       ? LoginResult::kOk
+         : r == "denied" ? LoginResult::kDenied
+                         : LoginResult::kUnavailable;
 }
 
 }  // namespace
@@ -29,7 +31,8 @@ bool PrivClient::Ask(const Json::Value& request, Json::Value* answer) {
     return false;
   }
   memcpy(addr.sun_path + 1, address_.data(), address_.size());
-  const socklen_t len = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + address_.size());
+  const socklen_t len =
+      static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + address_.size());
   bool ok = connect(fd, reinterpret_cast<sockaddr*>(&addr), len) == 0 && SendMessage(fd, request) &&
             ReceiveMessage(fd, timeout_ms_, answer) && answer->isObject();
   close(fd);
@@ -81,14 +84,16 @@ AccountOps::Answer PrivClient::Call(const ApiCall& call, const LoginIdentity& wh
 Json::Value PrivClient::Stats() {
   Json::Value req(Json::objectValue), answer;
   req["op"] = "stats";
-  if (!Ask(req, &answer) || ResultOf(answer) != LoginResult::kOk) return Json::Value(Json::objectValue);
+  if (!Ask(req, &answer) || ResultOf(answer) != LoginResult::kOk)
+    return Json::Value(Json::objectValue);
   return answer["stats"];
 }
 
 Json::Value PrivClient::Info() {
   Json::Value req(Json::objectValue), answer;
   req["op"] = "info";
-  if (!Ask(req, &answer) || ResultOf(answer) != LoginResult::kOk) return Json::Value(Json::arrayValue);
+  if (!Ask(req, &answer) || ResultOf(answer) != LoginResult::kOk)
+    return Json::Value(Json::arrayValue);
   return answer["info"];
 }
 

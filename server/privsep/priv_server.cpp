@@ -46,7 +46,8 @@ Status PrivServer::Listen() {
   addr.sun_family = AF_UNIX;
   address_ = "tavo-account-" + id;
   memcpy(addr.sun_path + 1, address_.data(), address_.size());  // abstract: leading NUL
-  const socklen_t len = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + address_.size());
+  const socklen_t len =
+      static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + address_.size());
   if (bind(listen_fd_, reinterpret_cast<sockaddr*>(&addr), len) != 0 || listen(listen_fd_, 64) != 0)
     return Status::Error(std::string("cannot listen for the front process: ") + strerror(errno));
   return Status::OK();
@@ -80,7 +81,8 @@ void PrivServer::Run() {
     socklen_t len = sizeof(cred);
     if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &len) != 0 || cred.pid != peer_pid_ ||
         cred.uid != peer_uid_) {
-      syslog(LOG_WARNING, "account process: refused a connection from pid %d uid %u (not the front)",
+      syslog(LOG_WARNING,
+             "account process: refused a connection from pid %d uid %u (not the front)",
              static_cast<int>(cred.pid), static_cast<unsigned>(cred.uid));
       close(fd);
       continue;

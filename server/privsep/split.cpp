@@ -20,8 +20,8 @@ namespace tavo_server {
 namespace {
 
 bool DropTo(uid_t uid, gid_t gid, pid_t parent) {
-  if (setgroups(0, nullptr) != 0 || setresgid(gid, gid, gid) != 0 || setresuid(uid, uid, uid) != 0 ||
-      prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0) {
+  if (setgroups(0, nullptr) != 0 || setresgid(gid, gid, gid) != 0 ||
+      setresuid(uid, uid, uid) != 0 || prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0) {
     fprintf(stderr, "tavo serve: the front process cannot drop its rights: %s\n", strerror(errno));
     return false;
   }

@@ -2,8 +2,8 @@
 // are seen at once, our files pass grpck and glibc reads them, concurrent
 // writer processes and gpasswd lose no update, locks time out.
 #include <fcntl.h>
-#include <signal.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -77,7 +77,8 @@ TEST(Interop, ProcessesAndGpasswdLoseNoUpdate) {
   TempRoot root;
   root.AddGroup("shared", 1500);
   for (int k = 0; k < 5; ++k) root.AddUser("tool" + std::to_string(k), 1100 + k);
-  for (int k = 0; k < 15; ++k) root.AddUser("p" + std::to_string(k / 5) + "_" + std::to_string(k % 5), 1200 + k);
+  for (int k = 0; k < 15; ++k)
+    root.AddUser("p" + std::to_string(k / 5) + "_" + std::to_string(k % 5), 1200 + k);
   for (int k = 0; k < 10; ++k) root.AddUser("q" + std::to_string(k), 1300 + k);
   // A change by the account tools between our load and our save is kept.
   GroupPtr g(SDK::Group::LoadGroup("shared"));

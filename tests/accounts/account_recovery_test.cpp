@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <cstdlib>
-
 #include <string>
 #include <vector>
 
@@ -126,8 +125,8 @@ TEST(Recovery, NewerFilesWinAndStrayTemporaryFilesGo) {
   const std::string tmp = root.Path("/etc/.group.tavo.abc123");
   root.Write("/etc/.group.tavo.abc123", "stale\n");
   root.Write("/etc/.gshadow.tavo.zzz999", "never decided\n");
-  root.Write("/etc/.tavo-change", "tavo-change 1\n1 1 " + root.Path("/etc/group") + "\t" + tmp +
-                                      "\n");
+  root.Write("/etc/.tavo-change",
+             "tavo-change 1\n1 1 " + root.Path("/etc/group") + "\t" + tmp + "\n");
   const std::string group = root.Read("/etc/group");
   tavo::StoreCheckResult r;
   ASSERT_TRUE(tavo::RecoverAccountFiles("test", &r));

@@ -89,8 +89,9 @@ TEST(Foreign, ReadingForeignLinesMisreportsNothing) {
 TEST(Foreign, WritesKeepEveryForeignLine) {
   TempRoot root;
   root.Append("/etc/group", kForeignGroup);
-  root.Append("/etc/gshadow", "# gshadow comment\ncrlf:!::admin\r\nholes:!:admin:,,admin,,guest,\n"
-                              "orphan:!::x\ndup:!::admin\nStaff:!::guest\nstaff:!::admin\n");
+  root.Append("/etc/gshadow",
+              "# gshadow comment\ncrlf:!::admin\r\nholes:!:admin:,,admin,,guest,\n"
+              "orphan:!::x\ndup:!::admin\nStaff:!::guest\nstaff:!::admin\n");
   ASSERT_EQ(0, chown(root.Path("/etc/gshadow").c_str(), 0, 42));
   const std::string group = root.Read("/etc/group"), gshadow = root.Read("/etc/gshadow");
 
@@ -110,10 +111,10 @@ TEST(Foreign, WritesKeepEveryForeignLine) {
                                       "twice:x:1309:admin,guest,admin"}),
             d.gone);
   d = Diff(gshadow, root.Read("/etc/gshadow"));
-  EXPECT_EQ((std::vector<std::string>{"crlf:!::admin,guest", "holes:!:admin:guest",
-                                      "nogshadow:!::admin", "staff:!::admin,guest",
-                                      "twice:!::guest"}),
-            d.added);
+  EXPECT_EQ(
+      (std::vector<std::string>{"crlf:!::admin,guest", "holes:!:admin:guest", "nogshadow:!::admin",
+                                "staff:!::admin,guest", "twice:!::guest"}),
+      d.added);
   EXPECT_EQ((std::vector<std::string>{"crlf:!::admin\r", "holes:!:admin:,,admin,,guest,",
                                       "staff:!::admin"}),
             d.gone);

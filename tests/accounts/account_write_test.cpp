@@ -104,7 +104,8 @@ TEST(GroupWrite, RenameAndDescriptionTouchOnlyTheirLines) {
   const std::string group = root.Read("/etc/group"), gshadow = root.Read("/etc/gshadow");
   auto replaced = [](std::string text, const std::string& from, const std::string& to) {
     const size_t at = text.find(from);
-    return at == std::string::npos ? text + "<" + from + " missing>" : text.replace(at, from.size(), to);
+    return at == std::string::npos ? text + "<" + from + " missing>"
+                                   : text.replace(at, from.size(), to);
   };
   GroupPtr g(SDK::Group::LoadGroup("team"));
   ASSERT_TRUE(g);
@@ -176,7 +177,8 @@ TEST(GroupWrite, DeletionRefusesBuiltinsSystemAndPrimaryGroups) {
 // stay byte for byte.
 TEST(GroupWrite, DeletionRemovesOnlyItsLines) {
   TempRoot root;
-  root.Append("/etc/group", "# keep\r\ngone:x:1500:admin\r\nshared:x:1501:\nshared:x:999:\nlast:x:1502:");
+  root.Append("/etc/group",
+              "# keep\r\ngone:x:1500:admin\r\nshared:x:1501:\nshared:x:999:\nlast:x:1502:");
   root.Append("/etc/gshadow", "gone:!::admin\r\n# note\nshared:!::\nlast:!::");
   root.Write("/etc/tavo/group_desc", "shared:s\r\ngone:g\nlast:l");
   const std::string group = root.Read("/etc/group"), gshadow = root.Read("/etc/gshadow");
@@ -207,13 +209,13 @@ TEST(GroupWrite, RefusedNamesNeverReachTheFiles) {
     int create_error;
   };
   const std::vector<Case> cases = {
-      {"a:b", TAVO_ERR_BAD_VALUE},   {"line\nbreak", TAVO_ERR_BAD_VALUE},
-      {"x,y", TAVO_ERR_BAD_VALUE},   {std::string(33, 'a'), TAVO_ERR_BAD_VALUE},
+      {"a:b", TAVO_ERR_BAD_VALUE},       {"line\nbreak", TAVO_ERR_BAD_VALUE},
+      {"x,y", TAVO_ERR_BAD_VALUE},       {std::string(33, 'a'), TAVO_ERR_BAD_VALUE},
       {"two words", TAVO_ERR_BAD_VALUE}, {"-dash", TAVO_ERR_BAD_VALUE},
-      {"12345", TAVO_ERR_BAD_VALUE}, {"a/b", TAVO_ERR_BAD_VALUE},
-      {"bad\xff", TAVO_ERR_BAD_VALUE}, {"", TAVO_ERR_BAD_VALUE},
-      {"..", TAVO_ERR_RESERVED},     {"Users", TAVO_ERR_RESERVED},
-      {"SUDO", TAVO_ERR_RESERVED},   {"shadow", TAVO_ERR_RESERVED},
+      {"12345", TAVO_ERR_BAD_VALUE},     {"a/b", TAVO_ERR_BAD_VALUE},
+      {"bad\xff", TAVO_ERR_BAD_VALUE},   {"", TAVO_ERR_BAD_VALUE},
+      {"..", TAVO_ERR_RESERVED},         {"Users", TAVO_ERR_RESERVED},
+      {"SUDO", TAVO_ERR_RESERVED},       {"shadow", TAVO_ERR_RESERVED},
       {"TAKEN", TAVO_ERR_EXISTS},
   };
   for (const Case& c : cases) {

@@ -6,8 +6,8 @@
 
 #include <algorithm>
 #include <csignal>
-#include <cstdlib>
 #include <cstdio>
+#include <cstdlib>
 #include <memory>
 #include <random>
 #include <string>
@@ -91,7 +91,8 @@ TEST(SnapshotIndex, DescriptionsTakeTheLastLineAndShadowTheFirst) {
   EXPECT_EQ("x:y", descs.Find("b"));
   EXPECT_EQ("", descs.Find("A"));  // exact names only
   EXPECT_EQ("", descs.Find("c"));
-  const ta::ShadowDb shadow{std::string("u:$1$first:19000::::::\nu:$1$second:::::::\nv:!:1:::::5\n")};
+  const ta::ShadowDb shadow{
+      std::string("u:$1$first:19000::::::\nu:$1$second:::::::\nv:!:1:::::5\n")};
   ta::ShadowView s;
   ASSERT_TRUE(shadow.Find("u", &s));
   EXPECT_EQ("$1$first", s.hash);
@@ -150,8 +151,9 @@ void CheckSnapshotsThroughChanges(int filler = 0) {
   }
   root.Append("/etc/group", group_lines);
   root.Append("/etc/gshadow", gshadow_lines);
-  root.Append("/etc/group", "# comment\nÄrzte:x:1500:admin\r\nbroken line\nStaff:x:1501:\n"
-                            "staff:x:1502:admin\nİnfo:x:1503:\nlast:x:1504:guest");
+  root.Append("/etc/group",
+              "# comment\nÄrzte:x:1500:admin\r\nbroken line\nStaff:x:1501:\n"
+              "staff:x:1502:admin\nİnfo:x:1503:\nlast:x:1504:guest");
   const auto defs = ta::Defs();
   ASSERT_TRUE(defs);
   ta::LocalGroups()->SortedReachable(*defs);  // orders are kept and carried over
@@ -192,8 +194,8 @@ void CheckSnapshotsThroughChanges(int filler = 0) {
     same_as_file();
   }
   // Renames, to another place in the order and to another letter case.
-  for (const auto& names : {std::pair<const char*, const char*>{"mid", "Zzz"}, {"Zed", "zed"},
-                            {"aaa", "ärger2"}}) {
+  for (const auto& names :
+       {std::pair<const char*, const char*>{"mid", "Zzz"}, {"Zed", "zed"}, {"aaa", "ärger2"}}) {
     SCOPED_TRACE(names.first);
     tavo_test::GroupPtr g(SDK::Group::LoadGroup(names.first));
     std::string to = names.second;

@@ -22,18 +22,22 @@ TempRoot::TempRoot(bool with_gshadow) {
   if (!mkdtemp(templ.data())) throw std::runtime_error("mkdtemp failed");
   dir_ = templ;
   chmod(dir_.c_str(), 0755);
-  for (const char* d : {"/etc", "/etc/tavo", "/tmp", "/var/lib/tavo"}) fs::create_directories(dir_ + d);
+  for (const char* d : {"/etc", "/etc/tavo", "/tmp", "/var/lib/tavo"})
+    fs::create_directories(dir_ + d);
   Write("/etc/login.defs",
         "GID_MIN 1000\nGID_MAX 60000\nUID_MIN 1000\nUID_MAX 60000\n"
         "SYS_GID_MIN 100\nSYS_GID_MAX 999\nSYS_UID_MIN 100\nSYS_UID_MAX 999\n");
-  Write("/etc/group", "root:x:0:\nsudo:x:27:\nshadow:x:42:\nusers:x:100:\nadministrators:x:101:admin\n"
-                      "nogroup:x:65534:\n");
-  Write("/etc/passwd", "root:x:0:0:root:/root:/bin/bash\n"
-                       "nobody:x:65534:65534:nobody:/nonexistent:/usr/sbin/nologin\n");
+  Write("/etc/group",
+        "root:x:0:\nsudo:x:27:\nshadow:x:42:\nusers:x:100:\nadministrators:x:101:admin\n"
+        "nogroup:x:65534:\n");
+  Write("/etc/passwd",
+        "root:x:0:0:root:/root:/bin/bash\n"
+        "nobody:x:65534:65534:nobody:/nonexistent:/usr/sbin/nologin\n");
   Write("/etc/shadow", "root:*:19000:0:99999:7:::\nnobody:*:19000:0:99999:7:::\n");
   chmod(Path("/etc/shadow").c_str(), 0640);
   if (with_gshadow) {
-    Write("/etc/gshadow", "root:*::\nsudo:*::\nshadow:*::\nusers:*::\nadministrators:*::admin\nnogroup:*::\n");
+    Write("/etc/gshadow",
+          "root:*::\nsudo:*::\nshadow:*::\nusers:*::\nadministrators:*::admin\nnogroup:*::\n");
     chmod(Path("/etc/gshadow").c_str(), 0640);
   }
   Write("/etc/tavo/tavo.conf", "maxgroups = 128\n");

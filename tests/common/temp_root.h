@@ -40,9 +40,10 @@ class TempRoot {
   // Appends a passwd line (primary group `gid`, default "users") and a shadow
   // line. `expire_days`: shadow expiry field ("" for none); `hash`: password
   // field of shadow ("!" for a locked account).
-  void AddUser(const std::string& name, unsigned uid, unsigned gid = 100,
-               const std::string& gecos = "", const std::string& expire_days = "",
-               const std::string& hash = "$y$j9T$abcdefgh$invalidinvalidinvalidinvalidinvalidinvalid");
+  void AddUser(
+      const std::string& name, unsigned uid, unsigned gid = 100, const std::string& gecos = "",
+      const std::string& expire_days = "",
+      const std::string& hash = "$y$j9T$abcdefgh$invalidinvalidinvalidinvalidinvalidinvalid");
   // Appends a line to ROOT/etc/tavo/group_desc.
   void SetDescription(const std::string& group, const std::string& desc);
 

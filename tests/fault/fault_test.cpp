@@ -59,11 +59,15 @@ class FaultTest : public ModuleTest {
       const Files after = Current();
       EXPECT_EQ(answer.writes, 1);
       if (answer.success) {
-        EXPECT_TRUE(whole(after)) << "answered success, but the change is not whole:\n" << after.group
-                                  << "--\n" << after.gshadow << "--\n" << after.desc;
+        EXPECT_TRUE(whole(after)) << "answered success, but the change is not whole:\n"
+                                  << after.group << "--\n"
+                                  << after.gshadow << "--\n"
+                                  << after.desc;
       } else {
         EXPECT_TRUE(after == before) << "answered " << answer.code << ", but the files changed:\n"
-                                     << after.group << "--\n" << after.gshadow << "--\n" << after.desc;
+                                     << after.group << "--\n"
+                                     << after.gshadow << "--\n"
+                                     << after.desc;
       }
       Answer later = Call("create", Parse(R"({"name":"later"})"));
       EXPECT_TRUE(later.success) << "a later write failed with " << later.code;
@@ -88,11 +92,12 @@ TEST_F(FaultTest, MemberAddIsWholeOrAbsentAtEveryFailedCall) {
 }
 
 TEST_F(FaultTest, CreateIsWholeOrAbsentAtEveryFailedCall) {
-  AtEveryFault([&] { return Call("create", Parse(R"({"name":"newgrp","description":"New one"})")); },
-               [](const Files& f) {
-                 return !LineOf(f.group, "newgrp").empty() && !LineOf(f.gshadow, "newgrp").empty() &&
-                        LineOf(f.desc, "newgrp") == "newgrp:New one";
-               });
+  AtEveryFault(
+      [&] { return Call("create", Parse(R"({"name":"newgrp","description":"New one"})")); },
+      [](const Files& f) {
+        return !LineOf(f.group, "newgrp").empty() && !LineOf(f.gshadow, "newgrp").empty() &&
+               LineOf(f.desc, "newgrp") == "newgrp:New one";
+      });
 }
 
 // The user list cannot be read while members are added: the answer must not

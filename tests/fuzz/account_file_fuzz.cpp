@@ -38,7 +38,8 @@ struct GroupPtr {
 // Index of the first line named `name` that parses (the one writers change).
 int LineOf(const std::vector<std::string>& lines, const std::string& name, ta::GroupLine* out) {
   for (size_t i = 0; i < lines.size(); ++i)
-    if (ta::LineName(lines[i]) == name && ta::ParseGroupLine(lines[i], out)) return static_cast<int>(i);
+    if (ta::LineName(lines[i]) == name && ta::ParseGroupLine(lines[i], out))
+      return static_cast<int>(i);
   return -1;
 }
 
@@ -74,8 +75,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const bool has_gshadow = nul != std::string::npos;
   const std::string gshadow = has_gshadow ? input.substr(nul + 1) : "";
   root->Put("/etc/group", group);
-  if (has_gshadow) root->Put("/etc/gshadow", gshadow);
-  else unlink(root->Path("/etc/gshadow").c_str());
+  if (has_gshadow)
+    root->Put("/etc/gshadow", gshadow);
+  else
+    unlink(root->Path("/etc/gshadow").c_str());
 
   // The reader never fails on foreign lines, and indexes what it kept.
   auto db = ta::LocalGroups();
@@ -108,8 +111,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (root->Read("/etc/group") != group) Fail("a refused save changed etc/group");
     return 0;
   }
-  const bool present = std::any_of(before.members.begin(), before.members.end(),
-                                   [](const std::string& m) { return ta::EqualIgnoringCase(m, kNewMember); });
+  const bool present =
+      std::any_of(before.members.begin(), before.members.end(),
+                  [](const std::string& m) { return ta::EqualIgnoringCase(m, kNewMember); });
   if (present) {  // nothing to change
     if (root->Read("/etc/group") != group || (has_gshadow && root->Read("/etc/gshadow") != gshadow))
       Fail("adding a member already there rewrote the files");
@@ -118,7 +122,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::vector<std::string> after = ta::SplitLines(root->Read("/etc/group"));
   SameExceptLine("etc/group", lines, after, self);
   ta::GroupLine now;
-  if (!ta::ParseGroupLine(after[self], &now)) Fail("the changed line does not parse: " + after[self]);
+  if (!ta::ParseGroupLine(after[self], &now))
+    Fail("the changed line does not parse: " + after[self]);
   std::vector<std::string> expected = before.members;
   expected.push_back(kNewMember);
   if (now.name != before.name || now.gid != before.gid || now.password != before.password ||
@@ -154,7 +159,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       line_s = new_s[s];
       if (ta::LineName(line_s) != name) Fail("etc/gshadow changed another group's line");
     }
-    if (!ListsNewMember(ta::GetField(line_s, 3))) Fail("etc/gshadow lacks the added member: " + line_s);
+    if (!ListsNewMember(ta::GetField(line_s, 3)))
+      Fail("etc/gshadow lacks the added member: " + line_s);
   }
   return 0;
 }

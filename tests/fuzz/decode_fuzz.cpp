@@ -44,7 +44,8 @@ bool AllTextGood(const Json::Value& v) {
 
 void CheckValue(const Json::Value& v) {
   Json::Value back;
-  if (!ts::ParseJson(ts::ToCompactJson(v), &back) || ts::ToCompactJson(back) != ts::ToCompactJson(v))
+  if (!ts::ParseJson(ts::ToCompactJson(v), &back) ||
+      ts::ToCompactJson(back) != ts::ToCompactJson(v))
     Fail("compact JSON does not parse back to the same value: " + ts::ToCompactJson(v));
   std::string error;
   if (ts::CheckText(v, &error) != AllTextGood(v))

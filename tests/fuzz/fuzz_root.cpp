@@ -123,7 +123,8 @@ bool FuzzRoot::CheckInvariants(std::string* why) const {
   std::map<std::string, std::string> system_now;
   for (const std::string& line : Records(Read("/etc/group"))) {
     acct::GroupLine g;
-    if (!acct::ParseGroupLine(line, &g)) return *why = "etc/group line does not parse: " + line, false;
+    if (!acct::ParseGroupLine(line, &g))
+      return *why = "etc/group line does not parse: " + line, false;
     if (members.count(g.name)) return *why = "etc/group names a group twice: " + g.name, false;
     members[g.name] = g.members;
     if (System(g)) system_now[g.name] = line;
@@ -133,7 +134,8 @@ bool FuzzRoot::CheckInvariants(std::string* why) const {
     std::vector<std::string> f = acct::SplitFields(line, ':');
     if (f.size() != 4) return *why = "etc/gshadow line does not parse: " + line, false;
     auto it = members.find(f[0]);
-    if (it == members.end()) return *why = "etc/gshadow has a group etc/group lacks: " + f[0], false;
+    if (it == members.end())
+      return *why = "etc/gshadow has a group etc/group lacks: " + f[0], false;
     if (acct::SplitMembers(f[3]) != it->second)
       return *why = "etc/group and etc/gshadow disagree on the members of " + f[0], false;
     ++gshadow_lines;

@@ -78,7 +78,8 @@ struct World {
   World() {
     char tmpl[] = "/tmp/tavo-fuzz-web-XXXXXX";
     web = mkdtemp(tmpl);
-    std::ofstream(web + "/index.html") << "<!doctype html><title>t</title>" << std::string(2000, 'x');
+    std::ofstream(web + "/index.html")
+        << "<!doctype html><title>t</title>" << std::string(2000, 'x');
     mkdir((web + "/js").c_str(), 0755);
     std::ofstream(web + "/js/app.js") << "export const a = 1;\n";
     options.root = "/nonexistent";
@@ -90,13 +91,17 @@ struct World {
 };
 
 std::string Replace(std::string s, const std::string& from, const std::string& to) {
-  for (size_t p = s.find(from); p != std::string::npos; p = s.find(from, p + to.size())) s.replace(p, from.size(), to);
+  for (size_t p = s.find(from); p != std::string::npos; p = s.find(from, p + to.size()))
+    s.replace(p, from.size(), to);
   return s;
 }
 
-bool HasBadByte(const std::string& s) { return s.find_first_of(std::string("\r\n\0", 3)) != std::string::npos; }
+bool HasBadByte(const std::string& s) {
+  return s.find_first_of(std::string("\r\n\0", 3)) != std::string::npos;
+}
 
-const std::set<int> kStatuses = {200, 304, 400, 401, 403, 404, 405, 411, 413, 414, 421, 429, 431, 500, 503};
+const std::set<int> kStatuses = {200, 304, 400, 401, 403, 404, 405, 411,
+                                 413, 414, 421, 429, 431, 500, 503};
 
 }  // namespace
 
@@ -152,7 +157,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (w->ops.calls.load() != calls_before && ts::RequestToken(req) != w->session.token)
     Fail("a module call or the metrics without the session's token");
   for (const auto& hv : res.headers)
-    if (HasBadByte(hv.first) || HasBadByte(hv.second)) Fail("a header holds CR, LF or NUL: " + hv.first);
+    if (HasBadByte(hv.first) || HasBadByte(hv.second))
+      Fail("a header holds CR, LF or NUL: " + hv.first);
   if (HasBadByte(res.content_type)) Fail("the content type holds CR, LF or NUL");
   std::string file;
   if (w->impl->files.Resolve(req.path, &file) == ts::StaticFiles::Result::kFound &&
@@ -162,7 +168,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const bool login = req.path == "/api/auth/login" && req.method == "POST";
   if (login && res.status == 200) {
     Json::Value body;
-    if (!ts::ParseJson(res.body, &body) || !body["data"]["token"].isString()) Fail("a login answer without a token");
+    if (!ts::ParseJson(res.body, &body) || !body["data"]["token"].isString())
+      Fail("a login answer without a token");
     w->impl->sessions.Remove(body["data"]["token"].asString());
   } else if (w->impl->sessions.Size() > sessions_before) {
     Fail("a session started without a successful login");

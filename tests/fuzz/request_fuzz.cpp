@@ -34,7 +34,8 @@ State* Init() {
   auto* s = new State;
   for (ApiTableRow* r = GetAPITable(); r->api != nullptr; ++r) {
     s->rows.push_back(*r);
-    if (!s->modules.Register(r->api, static_cast<int>(r->version), r->method, r->entry, "module").ok())
+    if (!s->modules.Register(r->api, static_cast<int>(r->version), r->method, r->entry, "module")
+             .ok())
       tavo_fuzz::Fail("cannot register the module's table");
   }
   return s;
@@ -48,7 +49,8 @@ void RunCall(State* s, const Json::Value& body) {
   if (r.lookup != tavo_server::ModuleSet::Lookup::kFound) return;
   const Json::Value& env = r.envelope;
   if (!env["success"].isBool()) tavo_fuzz::Fail("answer without a success flag");
-  if (env["success"].asBool() != (r.code == 3200)) tavo_fuzz::Fail("success flag and code disagree");
+  if (env["success"].asBool() != (r.code == 3200))
+    tavo_fuzz::Fail("success flag and code disagree");
   // Nothing fails on purpose here: an unexpected error is a fault.
   if (r.code == 3299)
     tavo_fuzz::Fail(call.api + " " + call.method + " answered 3299 for " +

@@ -10,10 +10,10 @@ namespace {
 
 TEST(ModuleFrame, TableRowsInOrderWithTerminator) {
   const char* expected[][2] = {
-      {"TAVO.Core.Group", "list"},         {"TAVO.Core.Group", "get"},
-      {"TAVO.Core.Group", "set"},          {"TAVO.Core.Group", "delete"},
-      {"TAVO.Core.Group", "create"},       {"TAVO.Core.Group", "admin_check"},
-      {"TAVO.Core.Group.Member", "list"},  {"TAVO.Core.Group.Member", "add"},
+      {"TAVO.Core.Group", "list"},          {"TAVO.Core.Group", "get"},
+      {"TAVO.Core.Group", "set"},           {"TAVO.Core.Group", "delete"},
+      {"TAVO.Core.Group", "create"},        {"TAVO.Core.Group", "admin_check"},
+      {"TAVO.Core.Group.Member", "list"},   {"TAVO.Core.Group.Member", "add"},
       {"TAVO.Core.Group.Member", "remove"}, {"TAVO.Core.Group.Member", "admin_check"}};
   ApiTableRow* table = ModuleTable();
   ASSERT_NE(table, nullptr);
@@ -101,7 +101,8 @@ TEST_F(ParamCheckTest, ValidatorLogLines) {
   // The exclusion check reads values itself: no validator line.
   ClearLog();
   Report("set", "{\"gid\": \"x\"}");
-  for (const LogLine& line : CapturedLog()) EXPECT_EQ(line.text.find("ParamChecker"), std::string::npos);
+  for (const LogLine& line : CapturedLog())
+    EXPECT_EQ(line.text.find("ParamChecker"), std::string::npos);
 }
 
 TEST_F(ParamCheckTest, AcceptedForms) {
@@ -125,12 +126,27 @@ TEST_F(ParamCheckTest, AcceptedForms) {
 
 // No value a client sends may make the module throw or answer twice.
 TEST_F(ParamCheckTest, HostileValuesNeverEscape) {
-  const char* values[] = {"null",  "{}", "[]", "[{}]", "[null]", "[[1]]", "1e300", "-1e300",
-                          "18446744073709551615", "-9223372036854775808", "\"\"", "\"x\"",
-                          "true", "1.5", "-1", "\"-1\"", "\"true\"", "[\"\", \"users\"]"};
-  const char* names[] = {"name", "gid", "uid", "group", "offset", "limit", "type", "user",
-                         "substr", "name_only", "new_name", "description", "ingroup",
-                         "domain_name", "enable_param_debug"};
+  const char* values[] = {"null",
+                          "{}",
+                          "[]",
+                          "[{}]",
+                          "[null]",
+                          "[[1]]",
+                          "1e300",
+                          "-1e300",
+                          "18446744073709551615",
+                          "-9223372036854775808",
+                          "\"\"",
+                          "\"x\"",
+                          "true",
+                          "1.5",
+                          "-1",
+                          "\"-1\"",
+                          "\"true\"",
+                          "[\"\", \"users\"]"};
+  const char* names[] = {"name",     "gid",         "uid",     "group",       "offset",
+                         "limit",    "type",        "user",    "substr",      "name_only",
+                         "new_name", "description", "ingroup", "domain_name", "enable_param_debug"};
   for (ApiTableRow* row = ModuleTable(); row && row->api; ++row) {
     for (const char* value : values) {
       for (const char* name : names) {

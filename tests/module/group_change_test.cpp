@@ -87,7 +87,8 @@ TEST_F(GroupChangeTest, CreateHonoursTheGroupLimit) {
 }
 
 TEST_F(GroupChangeTest, SetRenamesAndDescribes) {
-  Answer a = CallGroup("set", "{\"name\": \"STAFF\", \"new_name\": \"crew\", \"description\": \"\"}");
+  Answer a =
+      CallGroup("set", "{\"name\": \"STAFF\", \"new_name\": \"crew\", \"description\": \"\"}");
   ASSERT_TRUE(a.success) << a.code;
   EXPECT_TRUE(JsonEq(a.data, Parse("{\"name\": \"crew\", \"gid\": 1100}")));
   EXPECT_EQ(GroupLine("crew"), "crew:x:1100:alice");
@@ -120,7 +121,8 @@ TEST_F(GroupChangeTest, SetRefusals) {
 }
 
 TEST_F(GroupChangeTest, DeleteReportsGroupsThatRemain) {
-  Answer a = CallGroup("delete", "{\"name\": [\"staff\", \"users\", \"\"], \"gid\": [1201, 4242, 1100]}");
+  Answer a =
+      CallGroup("delete", "{\"name\": [\"staff\", \"users\", \"\"], \"gid\": [1201, 4242, 1100]}");
   ASSERT_TRUE(a.success) << a.code;
   EXPECT_TRUE(JsonEq(a.data, Parse("{\"errors\": [{\"name\": \"users\", \"code\": 3212}]}")));
   EXPECT_TRUE(Logged(3, "src/Group.cpp:432 Bad name[2], skip it."));
@@ -129,8 +131,8 @@ TEST_F(GroupChangeTest, DeleteReportsGroupsThatRemain) {
   EXPECT_EQ(GroupLine("alpha"), "");
   EXPECT_NE(GroupLine("users"), "");
   // staff was listed twice (by name and by gid): two entries.
-  EXPECT_EQ(Events(), (std::vector<std::string>{"0x11800600 staff", "0x11800600 alpha",
-                                                 "0x11800600 staff"}));
+  EXPECT_EQ(Events(),
+            (std::vector<std::string>{"0x11800600 staff", "0x11800600 alpha", "0x11800600 staff"}));
   EXPECT_EQ(Reloads(), std::vector<std::string>{"8"});
 }
 

@@ -31,14 +31,16 @@ TEST_F(GroupReadTest, ListDefaultsToAllLocalGroupsByNameOnly) {
 }
 
 TEST_F(GroupReadTest, ListPagesAndFiltersWithMembership) {
-  Answer a = CallGroup("list", "{\"offset\": 3, \"limit\": 2, \"name_only\": false, \"user\": \"alice\"}");
+  Answer a =
+      CallGroup("list", "{\"offset\": 3, \"limit\": 2, \"name_only\": false, \"user\": \"alice\"}");
   ASSERT_TRUE(a.success);
   EXPECT_EQ(a.data["total"], 5);
   EXPECT_EQ(a.data["offset"], 3);
-  EXPECT_TRUE(JsonEq(a.data["groups"], Parse("[{\"name\": \"staff\", \"description\": \"Staff people\","
-                                    " \"gid\": 1100, \"is_member\": true},"
-                                    " {\"name\": \"users\", \"description\": \"\", \"gid\": 100,"
-                                    " \"is_member\": true}]")));
+  EXPECT_TRUE(
+      JsonEq(a.data["groups"], Parse("[{\"name\": \"staff\", \"description\": \"Staff people\","
+                                     " \"gid\": 1100, \"is_member\": true},"
+                                     " {\"name\": \"users\", \"description\": \"\", \"gid\": 100,"
+                                     " \"is_member\": true}]")));
   a = CallGroup("list", "{\"substr\": \"TAF\", \"user\": \"admin\", \"limit\": 0}");
   EXPECT_EQ(a.data["total"], 1);
   EXPECT_TRUE(JsonEq(a.data["groups"], Parse("[]")));
@@ -92,16 +94,19 @@ TEST_F(GroupReadTest, ListFailuresAreNotTranslated) {
 
 TEST_F(GroupReadTest, GetAnswersStoredSpellingAndRequestTextInErrors) {
   JoinDomain();
-  Answer a = CallGroup("get", "{\"name\": [\"\", \"STAFF\", \"nope\", \"DOM\\\\sales\"],"
-                              " \"gid\": [1100, 4242]}");
+  Answer a = CallGroup("get",
+                       "{\"name\": [\"\", \"STAFF\", \"nope\", \"DOM\\\\sales\"],"
+                       " \"gid\": [1100, 4242]}");
   ASSERT_TRUE(a.success);
   EXPECT_TRUE(Logged(3, "src/Group.cpp:314 Bad name[0], skip it."));
-  EXPECT_TRUE(JsonEq(a.data["groups"],
-            Parse("[{\"name\": \"staff\", \"gid\": 1100, \"description\": \"Staff people\"},"
-                  " {\"name\": \"DOM\\\\Sales\", \"gid\": 30000, \"description\": \"\"},"
-                  " {\"name\": \"staff\", \"gid\": 1100, \"description\": \"Staff people\"}]")));
-  EXPECT_TRUE(JsonEq(a.data["errors"],
-            Parse("[{\"name\": \"nope\", \"code\": 3208}, {\"gid\": 4242, \"code\": 3208}]")));
+  EXPECT_TRUE(
+      JsonEq(a.data["groups"],
+             Parse("[{\"name\": \"staff\", \"gid\": 1100, \"description\": \"Staff people\"},"
+                   " {\"name\": \"DOM\\\\Sales\", \"gid\": 30000, \"description\": \"\"},"
+                   " {\"name\": \"staff\", \"gid\": 1100, \"description\": \"Staff people\"}]")));
+  EXPECT_TRUE(
+      JsonEq(a.data["errors"],
+             Parse("[{\"name\": \"nope\", \"code\": 3208}, {\"gid\": 4242, \"code\": 3208}]")));
   // One value and a one-element array answer the same; system groups stay hidden.
   EXPECT_EQ(CallGroup("get", "{\"name\": \"Beta\"}").data,
             CallGroup("get", "{\"name\": [\"Beta\"]}").data);
@@ -131,14 +136,14 @@ TEST_F(GroupReadTest, IdsAboveTheSignedRangeKeepTheirValue) {
 }
 
 TEST_F(GroupReadTest, AdminCheckPassesNamesThroughAndResolvesGids) {
-  Answer a = CallGroup("admin_check", "{\"name\": [\"Administrators\", \"nope\"],"
-                                      " \"gid\": [101, 4242, 1100]}");
+  Answer a = CallGroup("admin_check",
+                       "{\"name\": [\"Administrators\", \"nope\"],"
+                       " \"gid\": [101, 4242, 1100]}");
   ASSERT_TRUE(a.success);
-  EXPECT_TRUE(JsonEq(a.data["groups"],
-            Parse("[{\"name\": \"Administrators\", \"is_admin\": true},"
-                  " {\"name\": \"nope\", \"is_admin\": false},"
-                  " {\"name\": \"administrators\", \"is_admin\": true},"
-                  " {\"name\": \"staff\", \"is_admin\": false}]")));
+  EXPECT_TRUE(JsonEq(a.data["groups"], Parse("[{\"name\": \"Administrators\", \"is_admin\": true},"
+                                             " {\"name\": \"nope\", \"is_admin\": false},"
+                                             " {\"name\": \"administrators\", \"is_admin\": true},"
+                                             " {\"name\": \"staff\", \"is_admin\": false}]")));
   EXPECT_TRUE(LoggedPrefix(3, "src/Group.cpp:548 Failed to fetch gid=4242 [0x1600 "));
   a = CallGroup("admin_check", "{\"name\": \"\"}");
   EXPECT_TRUE(JsonEq(a.data, Parse("{\"groups\": []}")));

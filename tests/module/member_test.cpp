@@ -36,8 +36,9 @@ class MemberTest : public ModuleTest {
 TEST_F(MemberTest, ListOfUsersIsPagedByThePlatform) {
   Answer a = CallMember("list", "{\"group\": \"users\", \"offset\": 1, \"limit\": 2}");
   ASSERT_TRUE(a.success) << a.code;
-  EXPECT_TRUE(JsonEq(a.data["users"], Parse("[{\"name\": \"alice\", \"uid\": 1002, \"description\": \"Alice\"},"
-                                   " {\"name\": \"bob\", \"uid\": 1003, \"description\": \"Bob\"}]")));
+  EXPECT_TRUE(JsonEq(a.data["users"],
+                     Parse("[{\"name\": \"alice\", \"uid\": 1002, \"description\": \"Alice\"},"
+                           " {\"name\": \"bob\", \"uid\": 1003, \"description\": \"Bob\"}]")));
   EXPECT_EQ(a.data["total"], 5);
   EXPECT_EQ(a.data["offset"], 1);
   EXPECT_EQ(Names(CallMember("list", "{\"gid\": 100, \"substr\": \"O\"}").data["users"]),
@@ -84,15 +85,17 @@ TEST_F(MemberTest, ListFailures) {
   EXPECT_EQ(CallMember("list", "{\"group\": \"users\"}").code, 3205);
   EXPECT_TRUE(LoggedPrefix(3, "src/Group.cpp:657 TLIBUserInfoEnum failed [0x1800 "));
   tavo::testing::FailNext("user.enum", 0x1800);
-  EXPECT_EQ(CallMember("list", "{\"group\": \"staff\", \"ingroup\": false, \"substr\": \"a\"}").code,
-            3205);
+  EXPECT_EQ(
+      CallMember("list", "{\"group\": \"staff\", \"ingroup\": false, \"substr\": \"a\"}").code,
+      3205);
   EXPECT_TRUE(LoggedPrefix(3, "src/Group.cpp:702 TLIBUserEnumBySubstr failed [0x1800 "));
   tavo::testing::FailNext("user.infoenum", 0x1800);
   EXPECT_EQ(CallMember("list", "{\"group\": \"staff\", \"ingroup\": false}").code, 3205);
   EXPECT_TRUE(LoggedPrefix(3, "src/Group.cpp:696 TLIBUserInfoEnumExcept failed [0x1800 "));
   tavo::testing::FailNext("szlist.alloc", 0x0100);
-  EXPECT_EQ(CallMember("list", "{\"group\": \"staff\", \"ingroup\": false, \"substr\": \"a\"}").code,
-            3299);
+  EXPECT_EQ(
+      CallMember("list", "{\"group\": \"staff\", \"ingroup\": false, \"substr\": \"a\"}").code,
+      3299);
   EXPECT_TRUE(LoggedPrefix(3, "src/Group.cpp:691 TLIBCSzListAlloc failed [0x0100 "));
   // A member whose name cannot be upper-cased is not counted.
   tavo::testing::FailNext("user.upper", 0x0300);
@@ -103,12 +106,14 @@ TEST_F(MemberTest, ListFailures) {
 }
 
 TEST_F(MemberTest, AddByNameAndUid) {
-  Answer a = CallMember("add", "{\"group\": \"staff\", \"name\": [\"carol\", \"nobody2\", \"x@dom\","
-                               " \"alice\"], \"uid\": [1003, 1001, 9999]}");
+  Answer a = CallMember("add",
+                        "{\"group\": \"staff\", \"name\": [\"carol\", \"nobody2\", \"x@dom\","
+                        " \"alice\"], \"uid\": [1003, 1001, 9999]}");
   ASSERT_TRUE(a.success) << a.code;
   EXPECT_TRUE(JsonEq(a.data, Json::Value(Json::objectValue)));
   EXPECT_EQ(GroupLine("staff"), "staff:x:1100:admin,alice,ghost,BOB,carol,guest");
-  EXPECT_EQ(Events(), (std::vector<std::string>{"0x11800800 staff carol", "0x11800800 staff guest"}));
+  EXPECT_EQ(Events(),
+            (std::vector<std::string>{"0x11800800 staff carol", "0x11800800 staff guest"}));
   EXPECT_EQ(Reloads(), std::vector<std::string>{"8"});
   // Only existing members: saved, success, nothing logged, no reload.
   EXPECT_TRUE(CallMember("add", "{\"gid\": 1100, \"name\": \"ALICE\"}").success);
@@ -153,13 +158,19 @@ TEST_F(MemberTest, UsersStaysFixedInAnyLetterCase) {
 
 TEST_F(MemberTest, RemoveKeepsAValidAdministrator) {
   ExpireAdmin();
-  ASSERT_TRUE(CallMember("add", "{\"group\": \"administrators\", \"name\": [\"alice\", \"bob\", \"carol\"]}").success);
+  ASSERT_TRUE(
+      CallMember("add",
+                 "{\"group\": \"administrators\", \"name\": [\"alice\", \"bob\", \"carol\"]}")
+          .success);
   // alice and bob are the only valid administrators: both may not go, and the
   // expired carol's removal is dropped with the rest.
-  EXPECT_EQ(CallMember("remove", "{\"group\": \"administrators\", \"name\": [\"carol\", \"alice\", \"bob\"]}").code,
+  EXPECT_EQ(CallMember("remove",
+                       "{\"group\": \"administrators\", \"name\": [\"carol\", \"alice\", \"bob\"]}")
+                .code,
             3210);
   EXPECT_EQ(GroupLine("administrators"), "administrators:x:101:admin,alice,bob,carol");
-  Answer a = CallMember("remove", "{\"group\": \"administrators\", \"name\": [\"alice\", \"Admin\"], \"uid\": 1004}");
+  Answer a = CallMember(
+      "remove", "{\"group\": \"administrators\", \"name\": [\"alice\", \"Admin\"], \"uid\": 1004}");
   ASSERT_TRUE(a.success) << a.code;
   EXPECT_TRUE(Logged(3, "src/Group.cpp:869 You can't remove Admin from administrators."));
   EXPECT_EQ(GroupLine("administrators"), "administrators:x:101:admin,bob");
@@ -171,7 +182,8 @@ TEST_F(MemberTest, RemoveKeepsAValidAdministrator) {
 }
 
 TEST_F(MemberTest, RemoveFromOtherGroups) {
-  Answer a = CallMember("remove", "{\"group\": \"staff\", \"name\": [\"admin\", \"carol\", \"bob\"]}");
+  Answer a =
+      CallMember("remove", "{\"group\": \"staff\", \"name\": [\"admin\", \"carol\", \"bob\"]}");
   ASSERT_TRUE(a.success) << a.code;
   EXPECT_EQ(GroupLine("staff"), "staff:x:1100:alice,ghost");
   EXPECT_EQ(Events(), (std::vector<std::string>{"0x11800801 staff admin", "0x11800801 staff bob"}));
@@ -181,7 +193,8 @@ TEST_F(MemberTest, RemoveFromOtherGroups) {
   // A failed administrator count refuses every removal, in any group.
   tavo::testing::FailNext("admin.count", 0x0800);
   EXPECT_EQ(CallMember("remove", "{\"group\": \"staff\", \"name\": \"alice\"}").code, 3210);
-  EXPECT_TRUE(LoggedPrefix(3, "src/Group.cpp:826 Fail to get number of valid local admin [0x0800 "));
+  EXPECT_TRUE(
+      LoggedPrefix(3, "src/Group.cpp:826 Fail to get number of valid local admin [0x0800 "));
   tavo::testing::FailNext("admin.count", 0x0800);
   EXPECT_TRUE(CallMember("remove", "{\"group\": \"staff\"}").success);
   EXPECT_TRUE(Logged(7, "src/Group.cpp:832 Nothing to be done"));
@@ -190,13 +203,15 @@ TEST_F(MemberTest, RemoveFromOtherGroups) {
 }
 
 TEST_F(MemberTest, AdminCheck) {
-  Answer a = CallMember("admin_check", "{\"name\": [\"ADMIN\", \"nope\"], \"uid\": [1000, 1002, 9999]}");
+  Answer a =
+      CallMember("admin_check", "{\"name\": [\"ADMIN\", \"nope\"], \"uid\": [1000, 1002, 9999]}");
   ASSERT_TRUE(a.success) << a.code;
   EXPECT_TRUE(JsonEq(a.data["users"], Parse("[{\"name\": \"ADMIN\", \"is_admin\": true},"
-                                   " {\"name\": \"nope\", \"is_admin\": false},"
-                                   " {\"name\": \"admin\", \"is_admin\": true},"
-                                   " {\"name\": \"alice\", \"is_admin\": false}]")));
-  EXPECT_TRUE(JsonEq(CallMember("admin_check", "{\"uid\": [9999]}").data, Parse("{\"users\": []}")));
+                                            " {\"name\": \"nope\", \"is_admin\": false},"
+                                            " {\"name\": \"admin\", \"is_admin\": true},"
+                                            " {\"name\": \"alice\", \"is_admin\": false}]")));
+  EXPECT_TRUE(
+      JsonEq(CallMember("admin_check", "{\"uid\": [9999]}").data, Parse("{\"users\": []}")));
   EXPECT_TRUE(JsonEq(CallMember("admin_check", "{}").data, Json::Value(Json::objectValue)));
   EXPECT_TRUE(Logged(7, "src/Group.cpp:921 Nothing to be done"));
   tavo::testing::FailNext("lock.file", 0x0400);

@@ -1,10 +1,9 @@
 #include "module_harness.h"
 
 #include <dlfcn.h>
-#include <sys/stat.h>
-
 #include <json/reader.h>
 #include <json/writer.h>
+#include <sys/stat.h>
 
 #include <cstdlib>
 #include <sstream>

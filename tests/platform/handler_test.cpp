@@ -16,9 +16,9 @@
 #include <memory>
 #include <thread>
 
+#include "log_capture.h"
 #include "tavo/error.h"
 #include "tavo/testing.h"
-#include "log_capture.h"
 #include "temp_root.h"
 
 namespace {
@@ -169,7 +169,8 @@ TEST_F(HandlerLockTest, LocksLiveInAPrivateFolderAndForeignFilesAreRefused) {
   ServerFormHandler::UnlockFile(fd);
   ASSERT_EQ(0, chown(root_.Path("/run/tavo/userlock").c_str(), 65534, 65534));
   EXPECT_FALSE(ServerFormHandler::LockFile("/tmp/userlock", false, &fd));
-  EXPECT_EQ(1, tavo_test::LoggedCount(LOG_ERR, "not a regular file of this service (owner uid 65534"));
+  EXPECT_EQ(1,
+            tavo_test::LoggedCount(LOG_ERR, "not a regular file of this service (owner uid 65534"));
   ASSERT_EQ(0, chown(root_.Path("/run/tavo").c_str(), 65534, 65534));
   ServerFormHandler h("/tmp/grouplock");
   EXPECT_FALSE(h.ShLock());
@@ -210,7 +211,10 @@ TEST_F(HandlerLockTest, AKeptLockFileIsDroppedOnceItsFileIsGone) {
   const std::string path = root_.Path("/run/tavo/grouplock");
   for (bool replace : {false, true}) {
     SCOPED_TRACE(replace ? "replaced" : "removed");
-    { ServerFormHandler h("/tmp/grouplock"); ASSERT_TRUE(h.ExLock()); }
+    {
+      ServerFormHandler h("/tmp/grouplock");
+      ASSERT_TRUE(h.ExLock());
+    }
     if (replace) {
       const std::string fresh = path + ".new";
       int fd = open(fresh.c_str(), O_RDWR | O_CREAT, 0600);
@@ -229,7 +233,10 @@ TEST_F(HandlerLockTest, AKeptLockFileIsDroppedOnceItsFileIsGone) {
   }
   // A child forked while a lock file is kept takes a descriptor of its own:
   // while it holds the lock, the parent cannot take it.
-  { ServerFormHandler h("/tmp/grouplock"); ASSERT_TRUE(h.ExLock()); }
+  {
+    ServerFormHandler h("/tmp/grouplock");
+    ASSERT_TRUE(h.ExLock());
+  }
   int ready[2], done[2];
   ASSERT_EQ(0, pipe(ready));
   ASSERT_EQ(0, pipe(done));

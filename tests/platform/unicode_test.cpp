@@ -9,9 +9,7 @@
 
 namespace {
 
-int Sign(int v) {
-  return (v > 0) - (v < 0);
-}
+int Sign(int v) { return (v > 0) - (v < 0); }
 
 TEST(UnicodeCaseCmpTest, LettersBeyondAsciiMatchIgnoringCase) {
   EXPECT_EQ(TLIBCUnicodeUTF8StrCaseCmp("ärzte", "ÄRZTE"), 0);

@@ -21,7 +21,10 @@ TEST(ConcurrencyTest, SessionsMadeAndEndedFromManyThreads) {
     threads.emplace_back([&, t] {
       for (int i = 0; i < 50; ++i) {
         SessionStore::Session s, found;
-        if (!store.Create("user" + std::to_string(t), "stamp", &s)) { ++lost; continue; }
+        if (!store.Create("user" + std::to_string(t), "stamp", &s)) {
+          ++lost;
+          continue;
+        }
         if (!store.FindByToken(s.token, &found) || found.id != s.id) ++lost;
         if (!store.FindById(s.id, &found) || found.token != s.token) ++lost;
         if (i % 2 == 0) {

@@ -4,10 +4,9 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
-
-#include <poll.h>
 
 #include <atomic>
 #include <chrono>
@@ -92,7 +91,8 @@ std::string Arg(const HttpRequest& req, const std::string& name) {
 // came whole within five seconds.
 std::string Get(int fd, const std::string& path) {
   const std::string request = "GET " + path + " HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n";
-  if (send(fd, request.data(), request.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(request.size()))
+  if (send(fd, request.data(), request.size(), MSG_NOSIGNAL) !=
+      static_cast<ssize_t>(request.size()))
     return "";
   std::string in;
   const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(5);

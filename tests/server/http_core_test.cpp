@@ -23,7 +23,7 @@ TEST(CompressTest, GzipOnlyWhenAcceptedWithNonZeroQuality) {
   EXPECT_TRUE(AcceptsGzip("*"));
   EXPECT_FALSE(AcceptsGzip(""));
   EXPECT_FALSE(AcceptsGzip("deflate, br"));
-  EXPECT_FALSE(AcceptsGzip("gzip;q=0, *"));   // an explicit refusal wins over "*"
+  EXPECT_FALSE(AcceptsGzip("gzip;q=0, *"));  // an explicit refusal wins over "*"
   EXPECT_FALSE(AcceptsGzip("*;q=0"));
   EXPECT_FALSE(AcceptsGzip("gzipx"));
 
@@ -89,7 +89,9 @@ TEST(AccessLogTest, OneLinePerRequestWithHostileTextKeptToOneWord) {
   EXPECT_EQ(AccessLog::Format(0, "127.0.0.1", "POST", "/api\n\"x", 200, f, 1.84),
             "1970-01-01T00:00:00Z 127.0.0.1 ad?min \"POST /api??x\" 200 TAVO.Core.Group 1 list "
             "3200 1.8ms\n");
-  f.account = "\xc2\x9b" "31m\xe2\x80\xae";  // C1 CSI, right-to-left override
+  f.account =
+      "\xc2\x9b"
+      "31m\xe2\x80\xae";  // C1 CSI, right-to-left override
   EXPECT_EQ(AccessLog::Format(0, "127.0.0.1", "GET", "/", 200, f, 0),
             "1970-01-01T00:00:00Z 127.0.0.1 \\u009B31m\\u202E \"GET /\" 200 TAVO.Core.Group 1 list "
             "3200 0.0ms\n");

@@ -35,13 +35,11 @@ TEST(EnvelopeTest, AcceptsWellTypedCallsOnly) {
   EXPECT_EQ(call.version, 2);
   EXPECT_EQ(call.params["k"].asInt(), 1);
 
-  for (const char* bad : {R"([1])", R"({"method":"m"})", R"({"api":5,"method":"m"})",
-                          R"({"api":"","method":"m"})", R"({"api":"A","method":["m"]})",
-                          R"({"api":"A","method":"m","version":0})",
-                          R"({"api":"A","method":"m","version":1.5})",
-                          R"({"api":"A","method":"m","version":"x"})",
-                          R"({"api":"A","method":"m","params":[1]})",
-                          R"({"api":"A","method":"m","params":"k=1"})"}) {
+  for (const char* bad :
+       {R"([1])", R"({"method":"m"})", R"({"api":5,"method":"m"})", R"({"api":"","method":"m"})",
+        R"({"api":"A","method":["m"]})", R"({"api":"A","method":"m","version":0})",
+        R"({"api":"A","method":"m","version":1.5})", R"({"api":"A","method":"m","version":"x"})",
+        R"({"api":"A","method":"m","params":[1]})", R"({"api":"A","method":"m","params":"k=1"})"}) {
     EXPECT_FALSE(CallFromJson(Parse(bad), &call, &error)) << bad;
     EXPECT_FALSE(error.empty());
   }
@@ -53,9 +51,12 @@ TEST(EnvelopeTest, AcceptsWellTypedCallsOnly) {
 TEST(EnvelopeTest, StringsMustBeUtf8WithoutNul) {
   std::string error;
   EXPECT_TRUE(CheckText(Parse(R"({"n":["gr\u00fcn","\ud83d\ude00",1,{"k":"v"}]})"), &error));
-  const std::string bad[] = {
-      std::string("a\0b", 3), "\xff", "\xc3", "\xc0\xaf" /* overlong / */,
-      "\xed\xa0\x80" /* surrogate */, "\xf4\x90\x80\x80" /* above U+10FFFF */};
+  const std::string bad[] = {std::string("a\0b", 3),
+                             "\xff",
+                             "\xc3",
+                             "\xc0\xaf" /* overlong / */,
+                             "\xed\xa0\x80" /* surrogate */,
+                             "\xf4\x90\x80\x80" /* above U+10FFFF */};
   for (const std::string& b : bad) {
     Json::Value nested(Json::objectValue);
     nested["p"]["list"].append(b);
@@ -67,8 +68,8 @@ TEST(EnvelopeTest, StringsMustBeUtf8WithoutNul) {
   ApiCall call;
   EXPECT_FALSE(CallFromJson(Parse(R"({"api":"A","method":"m","params":{"name":"x\u0000y"}})"),
                             &call, &error));
-  EXPECT_FALSE(CallFromJson(Parse(R"({"api":"A","method":"m","params":{"name":"\udc00"}})"),
-                            &call, &error));
+  EXPECT_FALSE(
+      CallFromJson(Parse(R"({"api":"A","method":"m","params":{"name":"\udc00"}})"), &call, &error));
 }
 
 TEST(EnvelopeTest, ValuesAreJsonWhenTheyParse) {
@@ -90,9 +91,9 @@ TEST(EnvelopeTest, CompactWriterAgreesWithJsoncpp) {
   builder["indentation"] = "";
   builder["emitUTF8"] = true;
   std::mt19937 rng(7);
-  const std::string pieces[] = {"a", "\"", "\\", "/", "\n", "\t", "\b", "\f", "\r",
-                                std::string(1, '\0'), "\x01", "\x1f", "\x7f", "é", "€", "😀",
-                                "\xff", "\xc3", "</script>", " "};
+  const std::string pieces[] = {
+      "a",    "\"",   "\\",   "/", "\n", "\t", "\b",   "\f",   "\r",        std::string(1, '\0'),
+      "\x01", "\x1f", "\x7f", "é", "€",  "😀",  "\xff", "\xc3", "</script>", " "};
   auto text = [&] {
     std::string t;
     for (int n = rng() % 6; n > 0; --n) t += pieces[rng() % (sizeof pieces / sizeof pieces[0])];
@@ -100,12 +101,19 @@ TEST(EnvelopeTest, CompactWriterAgreesWithJsoncpp) {
   };
   std::function<Json::Value(int)> make = [&](int depth) -> Json::Value {
     switch (depth > 3 ? rng() % 6 : rng() % 8) {
-      case 0: return Json::Value();
-      case 1: return Json::Value(static_cast<Json::Int64>(rng()) - (Json::Int64{1} << 31) * static_cast<Json::Int64>(rng() % 3));
-      case 2: return Json::Value(rng() % 2 ? Json::UInt64(~0ULL) : Json::UInt64(rng()));
-      case 3: return Json::Value(static_cast<double>(static_cast<int>(rng())) / 7.0);
-      case 4: return Json::Value(rng() % 2 == 0);
-      case 5: return Json::Value(text());
+      case 0:
+        return Json::Value();
+      case 1:
+        return Json::Value(static_cast<Json::Int64>(rng()) -
+                           (Json::Int64{1} << 31) * static_cast<Json::Int64>(rng() % 3));
+      case 2:
+        return Json::Value(rng() % 2 ? Json::UInt64(~0ULL) : Json::UInt64(rng()));
+      case 3:
+        return Json::Value(static_cast<double>(static_cast<int>(rng())) / 7.0);
+      case 4:
+        return Json::Value(rng() % 2 == 0);
+      case 5:
+        return Json::Value(text());
       case 6: {
         Json::Value a(Json::arrayValue);
         for (int n = rng() % 4; n > 0; --n) a.append(make(depth + 1));
@@ -144,8 +152,8 @@ TEST(StaticFilesTest, ServesInsideAndNothingOutside) {
   EXPECT_EQ(StaticFiles::ContentType("/x/app.JS"), "text/javascript; charset=utf-8");
   EXPECT_EQ(StaticFiles::ContentType("/x.y/noext"), "application/octet-stream");
 
-  for (const char* bad : {"/../secret.txt", "/css/../../secret.txt", "/./index.html", "//etc/passwd",
-                          "relative", "/css\\..\\x"})
+  for (const char* bad : {"/../secret.txt", "/css/../../secret.txt", "/./index.html",
+                          "//etc/passwd", "relative", "/css\\..\\x"})
     EXPECT_EQ(files.Resolve(bad, &file), StaticFiles::Result::kBadPath) << bad;
   for (const char* outside : {"/leak.txt", "/up/secret.txt", "/missing.html", "/css"})
     EXPECT_EQ(files.Resolve(outside, &file), StaticFiles::Result::kNotFound) << outside;
@@ -161,7 +169,7 @@ TEST(SessionStoreTest, TokensIdsExpiryAndEviction) {
   EXPECT_EQ(found.account, "admin");
   EXPECT_EQ(found.stamp, "s1");
   EXPECT_FALSE(store.FindByToken(a.id, &found));  // the cookie id is no token
-  for (std::string near : {a.token, a.id}) {        // the right prefix is not enough
+  for (std::string near : {a.token, a.id}) {      // the right prefix is not enough
     near.back() = near.back() == '0' ? '1' : '0';
     EXPECT_FALSE(store.FindByToken(near, &found));
     EXPECT_FALSE(store.FindById(near, &found));
@@ -171,7 +179,7 @@ TEST(SessionStoreTest, TokensIdsExpiryAndEviction) {
   ASSERT_TRUE(store.FindById(a.id, &found));
   ASSERT_TRUE(store.Create("b", "s2", &b));
   ASSERT_TRUE(store.FindByToken(a.token, &found));  // a is now the most recent
-  ASSERT_TRUE(store.Create("c", "s3", &c));               // evicts b
+  ASSERT_TRUE(store.Create("c", "s3", &c));         // evicts b
   EXPECT_FALSE(store.FindByToken(b.token, &found));
   EXPECT_TRUE(store.FindByToken(a.token, &found));
   store.Remove(a.token);

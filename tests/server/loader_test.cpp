@@ -13,7 +13,9 @@
 namespace tavo_server {
 namespace {
 
-std::string Mod(const std::string& name) { return std::string(TAVO_TEST_MODULE_DIR) + "/" + name + ".so"; }
+std::string Mod(const std::string& name) {
+  return std::string(TAVO_TEST_MODULE_DIR) + "/" + name + ".so";
+}
 
 TEST(ModuleLoaderTest, RefusesBrokenModulesNamingTheFile) {
   struct Case {
@@ -26,7 +28,8 @@ TEST(ModuleLoaderTest, RefusesBrokenModulesNamingTheFile) {
       {"endless", "no terminator row within 4096 rows"},
       {"repeat", "row 1 repeats TAVO.Test.Repeat v1 echo"},
       {"baddesc", "describes TAVO.Test.Desc v1 other, which its table does not have"},
-      {"newabi", "built for platform ABI 99 (it needs libtavo.so.99), but this server provides ABI 1"},
+      {"newabi",
+       "built for platform ABI 99 (it needs libtavo.so.99), but this server provides ABI 1"},
   };
   for (const Case& c : cases) {
     ModuleSet set;

@@ -1,6 +1,8 @@
 // Logins: one account per name, case variants made by the system's tools,
 // the dummy check's scheme, the throttle against strangers, device cookies
 // and the re-check that ends a session when the password changes.
+#include "login.h"
+
 #include <crypt.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -9,7 +11,6 @@
 #include <string>
 
 #include "device_cookie.h"
-#include "login.h"
 #include "login_throttle.h"
 #include "tavo/group.h"
 #include "tavo/user.h"
@@ -112,7 +113,8 @@ TEST(LoginThrottleTest, StrangersCannotLockTheAdministratorOut) {
   };
   // 100 guesses from one address: only the first five reach a password check.
   int checked = 0;
-  for (int i = 0; i < 100; ++i) checked += fail(i % 2 ? "admin" : "ADMIN", "127.0.0.1").retry_after == 0;
+  for (int i = 0; i < 100; ++i)
+    checked += fail(i % 2 ? "admin" : "ADMIN", "127.0.0.1").retry_after == 0;
   EXPECT_EQ(5, checked);
   // The administrator elsewhere, or with a device cookie here, is let in;
   // elsewhere after a short delay, with the cookie at once.
@@ -161,7 +163,8 @@ TEST(DeviceCookieTest, SignedForOneAccountAndALifetime) {
   std::string forged = c;
   forged.back() = forged.back() == '0' ? '1' : '0';
   EXPECT_EQ("", cookies.Verify(forged, "admin", now));
-  EXPECT_EQ("", DeviceCookies(std::string(64, 'x'), std::chrono::seconds(100)).Verify(c, "admin", now));
+  EXPECT_EQ("",
+            DeviceCookies(std::string(64, 'x'), std::chrono::seconds(100)).Verify(c, "admin", now));
   EXPECT_EQ("", cookies.Verify("1." + id + ".", "admin", now));
 }
 

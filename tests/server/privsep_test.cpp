@@ -22,7 +22,8 @@ class PrivsepTest : public ::testing::Test {
  protected:
   void SetUp() override {
     auto data = std::make_unique<crypt_data>();
-    root_.AddUser("boss", 1100, 100, "", "", crypt_r("boss-pw", "$6$rounds=1000$salt$", data.get()));
+    root_.AddUser("boss", 1100, 100, "", "",
+                  crypt_r("boss-pw", "$6$rounds=1000$salt$", data.get()));
     std::string group = root_.Read("/etc/group");
     group.replace(group.find("administrators:x:101:admin"), 26, "administrators:x:101:admin,boss");
     root_.Write("/etc/group", group);
@@ -63,7 +64,7 @@ TEST_F(PrivsepTest, ServesItsFrontAndRefusesForgedRequestsAndOtherPeers) {
   LoginIdentity who;
   ASSERT_EQ(LoginResult::kOk, front.CheckLogin("BOSS", "boss-pw", &who));
   EXPECT_EQ("boss", who.name);
-  EXPECT_EQ(LoginResult::kDenied, front.CheckLogin("boss", "wrong", &who) );
+  EXPECT_EQ(LoginResult::kDenied, front.CheckLogin("boss", "wrong", &who));
   ASSERT_EQ(LoginResult::kOk, front.CheckLogin("boss", "boss-pw", &who));
   ApiCall call;
   call.api = "TAVO.Core.EventLog";

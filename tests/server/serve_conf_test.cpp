@@ -1,10 +1,11 @@
 // The settings file of `tavo serve` and how it merges with the command line.
+#include "serve_conf.h"
+
 #include <gtest/gtest.h>
 
 #include <fstream>
 
 #include "options.h"
-#include "serve_conf.h"
 #include "temp_root.h"
 
 namespace tavo_server {
@@ -21,8 +22,8 @@ class ServeConfTest : public ::testing::Test {
 };
 
 TEST_F(ServeConfTest, CommandLineWinsOverTheFile) {
-  std::string path =
-      Write("# comment\n\n  listen = 0.0.0.0:9000 \nworkers=3\r\nroot = /srv/a\ninsecure-http = yes\n");
+  std::string path = Write(
+      "# comment\n\n  listen = 0.0.0.0:9000 \nworkers=3\r\nroot = /srv/a\ninsecure-http = yes\n");
   std::vector<std::string> merged;
   std::string used;
   ASSERT_TRUE(MergeServeConf({"--config", path, "--workers", "5"}, &merged, &used).ok());
@@ -55,7 +56,8 @@ TEST_F(ServeConfTest, ErrorsNameTheFileAndLine) {
     std::vector<std::string> args;
     Status s = ReadServeConf(Write(c.text), &args);
     ASSERT_FALSE(s.ok()) << c.text;
-    EXPECT_NE(s.message().find(root_.Path("/serve.conf") + c.message), std::string::npos) << s.message();
+    EXPECT_NE(s.message().find(root_.Path("/serve.conf") + c.message), std::string::npos)
+        << s.message();
   }
   std::vector<std::string> merged;
   std::string used;

@@ -64,9 +64,7 @@ static ApiTableRow gRows[] = {
 #endif
     {nullptr, 0, nullptr, nullptr},
 };
-extern "C" __attribute__((visibility("default"))) ApiTableRow* GetAPITable(void) {
-  return gRows;
-}
+extern "C" __attribute__((visibility("default"))) ApiTableRow* GetAPITable(void) { return gRows; }
 #else
 extern "C" __attribute__((visibility("default"))) int NotTheTable(void) { return 0; }
 #endif
@@ -78,5 +76,7 @@ extern "C" __attribute__((visibility("default"))) const char* GetAPIDescription(
 #elif TEST_MODULE_KIND == 9
 extern "C" int FakeNewPlatform(void);
 // Keeps the library's DT_NEEDED entry even under --as-needed.
-extern "C" __attribute__((visibility("default"))) int UsesNewPlatform(void) { return FakeNewPlatform(); }
+extern "C" __attribute__((visibility("default"))) int UsesNewPlatform(void) {
+  return FakeNewPlatform();
+}
 #endif

@@ -95,8 +95,9 @@ bool FileSetWriter::Write(Item* item) {
   const int recycled = existed ? Recycle(SparePath(item->path), item) : 0;
   if (recycled < 0) return ACCT_ERR(TAVO_ERR_IO), false;
   fd = item->fd;
-  bool ok = existed ? fchown(fd, old.st_uid, old.st_gid) == 0 && fchmod(fd, old.st_mode & 07777) == 0
-                    : fchmod(fd, item->mode) == 0;
+  bool ok = existed
+                ? fchown(fd, old.st_uid, old.st_gid) == 0 && fchmod(fd, old.st_mode & 07777) == 0
+                : fchmod(fd, item->mode) == 0;
   if (!ok) ACCT_ERR(TAVO_ERR_IO);
   if (ok && TAVO_FAULT("file.write")) ok = false;
   if (ok) {

@@ -126,8 +126,8 @@ std::string JournalPath() { return TavoRootPath("/etc/.tavo-change"); }
 bool WriteJournal(const std::vector<JournalEntry>& entries) {
   std::string body;
   for (const JournalEntry& e : entries)
-    body += std::to_string(e.dev) + " " + std::to_string(e.ino) + " " + e.target + "\t" + e.tmp +
-            "\n";
+    body +=
+        std::to_string(e.dev) + " " + std::to_string(e.ino) + " " + e.target + "\t" + e.tmp + "\n";
   char header[64];
   snprintf(header, sizeof header, "%s2 %zu %016llx\n", kHeaderPrefix, body.size(),
            static_cast<unsigned long long>(Fnv1a(body.data(), body.size())));
@@ -217,10 +217,10 @@ bool RecoverChange(const char* who, RecoveryReport* report) {
     struct stat tmp_st, target_st;
     if (!Exists(e.tmp, &tmp_st)) continue;  // renamed already
     bool target_there = Exists(e.target, &target_st);
-    bool same = e.ino == 0 ? !target_there
-                           : target_there && static_cast<unsigned long long>(target_st.st_dev) ==
-                                                 e.dev &&
-                                 static_cast<unsigned long long>(target_st.st_ino) == e.ino;
+    bool same = e.ino == 0
+                    ? !target_there
+                    : target_there && static_cast<unsigned long long>(target_st.st_dev) == e.dev &&
+                          static_cast<unsigned long long>(target_st.st_ino) == e.ino;
     if (same) {
       // In order, and no further after a failure: the files stay as a
       // prefix of the change, which the next try continues.

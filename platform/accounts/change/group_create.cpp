@@ -74,7 +74,8 @@ int CheckNewGroupName(const GroupDb& db, const LoginDefs& defs, const std::strin
       break;
     }
   }
-  if (first_unparsed && (entry < 0 || first_unparsed < db.Name(entry).data())) return TAVO_ERR_EXISTS;
+  if (first_unparsed && (entry < 0 || first_unparsed < db.Name(entry).data()))
+    return TAVO_ERR_EXISTS;
   if (entry < 0) return TAVO_ERR_NONE;
   return db.Reachable(entry, defs) ? TAVO_ERR_EXISTS : TAVO_ERR_RESERVED;
 }

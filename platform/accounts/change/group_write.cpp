@@ -15,8 +15,8 @@
 #include "account_lock.h"
 #include "atomic_write.h"
 #include "change_journal.h"
-#include "line_splice.h"
 #include "group_internal.h"
+#include "line_splice.h"
 #include "names.h"
 #include "snapshot.h"
 #include "tavo/conf.h"
@@ -149,7 +149,8 @@ bool ApplyMemberChange(GroupChange* c) {
     writer.Add(gshadow_path, EditPieces(gshadow_text, gshadow_edit), 0640);
   if (!writer.Commit()) return false;
   if (IsOneShotProcess()) return true;  // nobody reads them again
-  if (group_changes) InstallLocalGroups(db->WithMembersChanged(self, writer.TakeContent(group_path)));
+  if (group_changes)
+    InstallLocalGroups(db->WithMembersChanged(self, writer.TakeContent(group_path)));
   std::string gshadow_written = writer.TakeContent(gshadow_path);
   if (!gshadow_written.empty()) InstallGshadow(std::move(gshadow_written));
   return true;
@@ -316,7 +317,8 @@ int DeleteGroups(const std::vector<std::string>& names) {
   // The gshadow and description lines go with the last group line of a name.
   auto still_named = [&](const std::string& name) {
     bool found = false;
-    db->ForEachVariant(FoldCase(name), [&](int k) { found = found || (db->Name(k) == name && !is_gone(k)); });
+    db->ForEachVariant(FoldCase(name),
+                       [&](int k) { found = found || (db->Name(k) == name && !is_gone(k)); });
     for (std::string_view n : db->UnparsedNames()) found = found || n == name;
     return found;
   };
@@ -341,7 +343,8 @@ int DeleteGroups(const std::vector<std::string>& names) {
       changed = DropNamedLines(&now, name, static_cast<size_t>(-1)) || changed;
     if (changed) writer.Add(gshadow_path, std::move(now), 0640);
   }
-  if (std::any_of(orphaned.begin(), orphaned.end(), [&](const std::string& n) { return descs->Has(n); })) {
+  if (std::any_of(orphaned.begin(), orphaned.end(),
+                  [&](const std::string& n) { return descs->Has(n); })) {
     std::string now;
     FileKey key;
     if (!ReadWholeFile(desc_path, &now, &key)) return -1;

@@ -13,7 +13,8 @@ bool FindNamedLine(std::string_view text, const std::string& name, size_t from, 
   // "\nNAME:" rather than by walking every line.
   const std::string key = "\n" + name + ":";
   size_t pos = std::string_view::npos;
-  if (from < text.size() && text.compare(from, name.size() + 1, key, 1, std::string_view::npos) == 0) {
+  if (from < text.size() &&
+      text.compare(from, name.size() + 1, key, 1, std::string_view::npos) == 0) {
     pos = from;
   } else if (from < text.size()) {
     const char* hay = text.data() + from;
@@ -40,8 +41,10 @@ std::string Join(const Pieces& pieces) {
 Pieces SplicePieces(std::string_view text, const LineSpan& span, const std::string& line) {
   const std::string_view all(text);
   Pieces out{all.substr(0, span.begin), line};
-  if (span.end < text.size()) out.push_back(all.substr(span.end));
-  else out.push_back("\n");
+  if (span.end < text.size())
+    out.push_back(all.substr(span.end));
+  else
+    out.push_back("\n");
   return out;
 }
 

@@ -45,8 +45,8 @@ bool IsForeign(const std::string& line) {
 }
 
 // Compares gshadow with group; with `fix`, rewrites the gshadow lines.
-void CompareShadow(const std::string& group_text, std::vector<std::string>* gshadow_lines,
-                   bool fix, std::vector<std::string>* problems) {
+void CompareShadow(const std::string& group_text, std::vector<std::string>* gshadow_lines, bool fix,
+                   std::vector<std::string>* problems) {
   std::map<std::string, std::string> members;  // first line of each group name
   std::vector<std::string> order;
   for (const std::string& line : SplitLines(group_text)) {
@@ -111,8 +111,9 @@ bool CheckAccountStore(bool repair, const char* who, StoreCheckResult* out) {
     if (!ReadJournal(&entries, &present, &torn)) return false;
     if (present) out->findings.push_back("a change was cut off before all its files were replaced");
     if (torn)
-      out->findings.push_back("the change journal was cut off while it was written (nothing was "
-                              "decided; a repair clears it)");
+      out->findings.push_back(
+          "the change journal was cut off while it was written (nothing was "
+          "decided; a repair clears it)");
     std::set<std::string> named;
     for (const JournalEntry& e : entries) named.insert(e.tmp);
     for (const char* dir_name : {"/etc", "/etc/tavo"}) {
@@ -120,8 +121,7 @@ bool CheckAccountStore(bool repair, const char* who, StoreCheckResult* out) {
       if (DIR* d = opendir(dir.c_str())) {
         while (struct dirent* ent = readdir(d)) {
           std::string n = ent->d_name;
-          if (n.find(".tavo.") != std::string::npos && n[0] == '.' &&
-              !named.count(dir + "/" + n))
+          if (n.find(".tavo.") != std::string::npos && n[0] == '.' && !named.count(dir + "/" + n))
             out->findings.push_back("leftover temporary file " + Shown(dir + "/" + n));
         }
         closedir(d);

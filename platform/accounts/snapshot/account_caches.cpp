@@ -21,9 +21,7 @@ SnapshotCache<GroupDb>& LocalGroupCache() {
 }
 }  // namespace
 
-std::shared_ptr<const GroupDb> LocalGroups() {
-  return LocalGroupCache().GetAt(kGroupPath);
-}
+std::shared_ptr<const GroupDb> LocalGroups() { return LocalGroupCache().GetAt(kGroupPath); }
 
 std::shared_ptr<const GroupDb> LocalGroupsNow() {
   return LocalGroupCache().GetUnpinned(TavoRootPath(kGroupPath));
@@ -77,9 +75,7 @@ SnapshotCache<FileText>& GshadowCache() {
 }
 }  // namespace
 
-std::shared_ptr<const DescDb> Descriptions() {
-  return DescCache().GetAt(kDescPath);
-}
+std::shared_ptr<const DescDb> Descriptions() { return DescCache().GetAt(kDescPath); }
 
 std::shared_ptr<const DescDb> DescriptionsNow() {
   return DescCache().GetUnpinned(TavoRootPath(kDescPath));

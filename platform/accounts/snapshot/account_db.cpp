@@ -53,7 +53,8 @@ size_t CountLines(std::string_view text) {
   size_t n = 1;
   const char* p = text.data();
   const char* const end = p + text.size();
-  while ((p = static_cast<const char*>(std::memchr(p, '\n', static_cast<size_t>(end - p)))) != nullptr) {
+  while ((p = static_cast<const char*>(std::memchr(p, '\n', static_cast<size_t>(end - p)))) !=
+         nullptr) {
     ++n;
     ++p;
   }
@@ -106,7 +107,9 @@ GroupDb::GroupDb(const GroupDb& old, int i, std::string text)
   const size_t nl = text_.find('\n', begin);
   const uint32_t new_end = static_cast<uint32_t>(nl == std::string::npos ? text_.size() : nl);
   const int64_t shift = static_cast<int64_t>(new_end) - old_end;
-  auto moved = [&](uint32_t off) { return off >= old_end ? static_cast<uint32_t>(off + shift) : off; };
+  auto moved = [&](uint32_t off) {
+    return off >= old_end ? static_cast<uint32_t>(off + shift) : off;
+  };
   ReservePrefaulted(&recs_, old.recs_.size());
   for (const Rec& o : old.recs_)
     recs_.push_back(Rec{moved(o.line), o.name_len, moved(o.members_off), o.members_len, o.gid});
@@ -134,8 +137,7 @@ std::shared_ptr<GroupDb> GroupDb::WithMembersChanged(int i, std::string text) co
   GroupView now;
   if (text.size() - end != text_.size() - old_end ||
       !ParseGroupView(std::string_view(text).substr(begin, end - begin), &now) ||
-      now.name != Name(i) || now.gid != recs_[i].gid ||
-      now.password != Line(i).password)
+      now.name != Name(i) || now.gid != recs_[i].gid || now.password != Line(i).password)
     return nullptr;
   return std::shared_ptr<GroupDb>(new GroupDb(*this, i, std::move(text)));
 }
@@ -155,7 +157,8 @@ std::shared_ptr<GroupDb> GroupDb::WithLineAppended(std::string text) const {
   size_t end = text.find('\n', begin);
   if (end == std::string::npos) end = text.size();
   GroupView g;
-  if (end + 1 < text.size() || !ParseGroupView(std::string_view(text).substr(begin, end - begin), &g))
+  if (end + 1 < text.size() ||
+      !ParseGroupView(std::string_view(text).substr(begin, end - begin), &g))
     return nullptr;
   return std::shared_ptr<GroupDb>(new GroupDb(
       *this, std::move(text), Appended{static_cast<uint32_t>(begin), static_cast<uint32_t>(end)}));
@@ -264,7 +267,8 @@ std::shared_ptr<const std::vector<int>> GroupDb::Head(size_t count, const LoginD
       if (!defs || Reachable(static_cast<int>(i), *defs)) head.push_back(static_cast<int>(i));
     *total = head.size();
     const size_t k = std::min(count, head.size());
-    std::partial_sort(head.begin(), head.begin() + k, head.end(), ByFoldedName<GroupDb>{*this, index_});
+    std::partial_sort(head.begin(), head.begin() + k, head.end(),
+                      ByFoldedName<GroupDb>{*this, index_});
     head.resize(k);
     return owned;
   }
@@ -335,7 +339,8 @@ ShadowDb::ShadowDb(FileBytes text) : text_(std::move(text)) {
     ShadowView s;
     if (!ParseShadowView(line, &s)) return;
     const long expire = s.expire_days > INT32_MAX ? INT32_MAX : s.expire_days;
-    recs_.push_back(Rec{Off(text_, s.name), Len(s.name), Len(s.hash), static_cast<int32_t>(expire)});
+    recs_.push_back(
+        Rec{Off(text_, s.name), Len(s.name), Len(s.hash), static_cast<int32_t>(expire)});
     names.push_back(TextSpan{recs_.back().line, recs_.back().name_len});
   });
   index_.Build(text_.data(), std::move(names), /*last_wins=*/false);

@@ -63,7 +63,9 @@ class GroupDb {
   std::string_view Name(int i) const { return View(recs_[i].line, recs_[i].name_len); }
   std::string_view Folded(int i) const { return index_.Folded(i); }
   unsigned Gid(int i) const { return recs_[i].gid; }
-  std::string_view MemberList(int i) const { return View(recs_[i].members_off, recs_[i].members_len); }
+  std::string_view MemberList(int i) const {
+    return View(recs_[i].members_off, recs_[i].members_len);
+  }
   std::vector<std::string> Members(int i) const;
   GroupLine Line(int i) const;  // a copy of the parsed line
   bool Builtin(int i) const { return builtin_[i] != 0; }
@@ -229,7 +231,8 @@ class DescDb {
   // The description of exactly `name` ("" when none).
   std::string_view Find(std::string_view name) const {
     int i = index_.Find(name);
-    return i < 0 ? std::string_view() : std::string_view(text_.data() + texts_[i].off, texts_[i].len);
+    return i < 0 ? std::string_view()
+                 : std::string_view(text_.data() + texts_[i].off, texts_[i].len);
   }
   size_t MemoryBytes() const;
 

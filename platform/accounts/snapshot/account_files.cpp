@@ -180,10 +180,14 @@ LoginDefs ParseLoginDefs(const std::string& content) {
     if (!(in >> key >> value) || key[0] == '#') continue;
     unsigned v;
     if (!ParseUnsigned(value, &v)) continue;
-    if (key == "GID_MIN") defs.gid_min = v;
-    else if (key == "GID_MAX") defs.gid_max = v;
-    else if (key == "UID_MIN") defs.uid_min = v;
-    else if (key == "UID_MAX") defs.uid_max = v;
+    if (key == "GID_MIN")
+      defs.gid_min = v;
+    else if (key == "GID_MAX")
+      defs.gid_max = v;
+    else if (key == "UID_MIN")
+      defs.uid_min = v;
+    else if (key == "UID_MAX")
+      defs.uid_max = v;
   }
   if (defs.gid_min < kMinOrdinaryId) defs.gid_min = kMinOrdinaryId;
   if (defs.uid_min < kMinOrdinaryId) defs.uid_min = kMinOrdinaryId;

@@ -27,9 +27,7 @@ bool FileBytes::MappedHere(unsigned long long dev, unsigned long long ino) {
   return std::find(m.begin(), m.end(), std::make_pair(dev, ino)) != m.end();
 }
 
-FileBytes::~FileBytes() {
-  Unmap();
-}
+FileBytes::~FileBytes() { Unmap(); }
 
 FileBytes::FileBytes(FileBytes&& other) noexcept
     : text_(std::move(other.text_)),

@@ -57,7 +57,8 @@ void NameIndex::Build(const char* base, std::vector<TextSpan> names) {
       continue;
     }
     const std::string f = FoldCase(std::string(name));
-    folded_[i] = TextSpan{static_cast<uint32_t>(arena_.size()) | kInArena, static_cast<uint32_t>(f.size())};
+    folded_[i] =
+        TextSpan{static_cast<uint32_t>(arena_.size()) | kInArena, static_cast<uint32_t>(f.size())};
     arena_ += f;
   }
   arena_.shrink_to_fit();
@@ -101,7 +102,8 @@ void NameIndex::CopyAppended(const NameIndex& old, const char* base, TextSpan na
     folded_.push_back(name);
   } else {
     const std::string f = FoldCase(std::string(view));
-    folded_.push_back(TextSpan{static_cast<uint32_t>(arena_.size()) | kInArena, static_cast<uint32_t>(f.size())});
+    folded_.push_back(
+        TextSpan{static_cast<uint32_t>(arena_.size()) | kInArena, static_cast<uint32_t>(f.size())});
     arena_ += f;
   }
   const int32_t added = static_cast<int32_t>(n - 1);

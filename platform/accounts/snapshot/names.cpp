@@ -24,11 +24,21 @@ size_t Decode(const std::string& s, size_t i, unsigned* cp) {
   unsigned char c = static_cast<unsigned char>(s[i]);
   size_t len;
   unsigned v;
-  if (c < 0x80) { *cp = c; return 1; }
-  if (c >= 0xC2 && c <= 0xDF) { len = 2; v = c & 0x1F; }
-  else if (c >= 0xE0 && c <= 0xEF) { len = 3; v = c & 0x0F; }
-  else if (c >= 0xF0 && c <= 0xF4) { len = 4; v = c & 0x07; }
-  else return 0;
+  if (c < 0x80) {
+    *cp = c;
+    return 1;
+  }
+  if (c >= 0xC2 && c <= 0xDF) {
+    len = 2;
+    v = c & 0x1F;
+  } else if (c >= 0xE0 && c <= 0xEF) {
+    len = 3;
+    v = c & 0x0F;
+  } else if (c >= 0xF0 && c <= 0xF4) {
+    len = 4;
+    v = c & 0x07;
+  } else
+    return 0;
   if (i + len > s.size()) return 0;
   for (size_t k = 1; k < len; ++k) {
     unsigned char cc = static_cast<unsigned char>(s[i + k]);
@@ -120,7 +130,15 @@ int CheckGroupNameSyntax(const std::string& name) {
     if (IsControl(cp) || iswspace_l(static_cast<wint_t>(cp), Utf8Locale()) || cp == 0xA0)
       return TAVO_ERR_BAD_VALUE;
     switch (cp) {
-      case ':': case ',': case '/': case '\\': case '@': case '"': case '\'': case '#': case ';':
+      case ':':
+      case ',':
+      case '/':
+      case '\\':
+      case '@':
+      case '"':
+      case '\'':
+      case '#':
+      case ';':
         return TAVO_ERR_BAD_VALUE;
       default:
         break;

@@ -1,9 +1,6 @@
 // File keys and whole-file reads for the snapshot caches.
 #include "snapshot.h"
 
-#include "tavo/one_shot.h"
-#include "tavo/read_scope.h"
-
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/mman.h>
@@ -18,6 +15,8 @@
 #include <vector>
 
 #include "acct_error.h"
+#include "tavo/one_shot.h"
+#include "tavo/read_scope.h"
 
 namespace tavo {
 namespace acct {
@@ -28,8 +27,8 @@ std::mutex g_gen_mu;
 // the map have g_base. Values are never reused, so a key read before an
 // invalidation never matches after it, also once the map was emptied.
 std::map<std::string, unsigned long long>* g_generations = nullptr;  // guarded by g_gen_mu
-unsigned long long g_counter = 0;                                     // guarded by g_gen_mu
-unsigned long long g_base = 0;                                        // guarded by g_gen_mu
+unsigned long long g_counter = 0;                                    // guarded by g_gen_mu
+unsigned long long g_base = 0;                                       // guarded by g_gen_mu
 
 void FillKey(const struct stat& st, FileKey* key) {
   key->exists = true;
@@ -199,9 +198,9 @@ void PinValue(const void* cache, const std::string& path, std::shared_ptr<const 
   // about a twentieth of a server's time.
   const void* raw = value.get();
   auto own = std::make_shared<std::shared_ptr<const void>>(std::move(value));
-  t_pins.entries.push_back(
-      PinState::Entry{cache, path, std::shared_ptr<const void>(std::move(own), raw), abs, root,
-                      refetch, std::move(origin)});
+  t_pins.entries.push_back(PinState::Entry{cache, path,
+                                           std::shared_ptr<const void>(std::move(own), raw), abs,
+                                           root, refetch, std::move(origin)});
 }
 
 }  // namespace internal
@@ -306,14 +305,20 @@ bool ReadOpened(int fd, const struct stat& st, std::string* content) {
   char extra[4096];  // what the file gained since fstat, if anything
   for (;;) {
     const bool full = have == content->size();
-    ssize_t n = full ? read(fd, extra, sizeof extra)
-                     : read(fd, &(*content)[have], content->size() - have);
+    ssize_t n =
+        full ? read(fd, extra, sizeof extra) : read(fd, &(*content)[have], content->size() - have);
     if (n < 0 && errno == EINTR) continue;
-    if (n < 0) { ok = false; break; }
+    if (n < 0) {
+      ok = false;
+      break;
+    }
     if (n == 0) break;
     if (full) content->append(extra, static_cast<size_t>(n));
     have += static_cast<size_t>(n);
-    if (have >= kMaxSnapshotBytes) { ok = false; break; }
+    if (have >= kMaxSnapshotBytes) {
+      ok = false;
+      break;
+    }
   }
   content->resize(ok ? have : 0);
   close(fd);

@@ -128,7 +128,8 @@ template <typename T>
 class SnapshotCache {
  public:
   using Parser = std::function<std::shared_ptr<T>(FileBytes content)>;
-  SnapshotCache(Parser parser, bool missing_ok) : parser_(std::move(parser)), missing_ok_(missing_ok) {}
+  SnapshotCache(Parser parser, bool missing_ok)
+      : parser_(std::move(parser)), missing_ok_(missing_ok) {}
 
   // `path` is a host path (already inside the root).
   std::shared_ptr<const T> Get(const std::string& path);

@@ -15,8 +15,7 @@ std::string GetRequestAccount();
 // Sets the account for the lifetime of the object and restores the old one.
 class ScopedRequestAccount {
  public:
-  explicit ScopedRequestAccount(const std::string& account)
-      : saved_(GetRequestAccount()) {
+  explicit ScopedRequestAccount(const std::string& account) : saved_(GetRequestAccount()) {
     SetRequestAccount(account);
   }
   ~ScopedRequestAccount() { SetRequestAccount(saved_); }

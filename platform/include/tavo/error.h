@@ -14,22 +14,22 @@
 // The platform error catalogue. docs/errors.md explains each code and the API
 // code that the group module answers for it.
 enum TavoPlatformError {
-  TAVO_ERR_NONE = 0x0000,        // no error recorded on this thread
-  TAVO_ERR_NOMEM = 0x0100,       // out of memory
-  TAVO_ERR_ARGUMENT = 0x0200,    // null pointer or impossible argument from the caller
-  TAVO_ERR_BAD_VALUE = 0x0300,   // a name or description that may not be stored
-  TAVO_ERR_LOCK = 0x0400,        // a lock could not be taken within its time bound
-  TAVO_ERR_IO = 0x0500,          // reading, writing, syncing or renaming a file failed
-  TAVO_ERR_FORMAT = 0x0600,      // a file of ours holds a line that cannot be parsed
+  TAVO_ERR_NONE = 0x0000,           // no error recorded on this thread
+  TAVO_ERR_NOMEM = 0x0100,          // out of memory
+  TAVO_ERR_ARGUMENT = 0x0200,       // null pointer or impossible argument from the caller
+  TAVO_ERR_BAD_VALUE = 0x0300,      // a name or description that may not be stored
+  TAVO_ERR_LOCK = 0x0400,           // a lock could not be taken within its time bound
+  TAVO_ERR_IO = 0x0500,             // reading, writing, syncing or renaming a file failed
+  TAVO_ERR_FORMAT = 0x0600,         // a file of ours holds a line that cannot be parsed
   TAVO_ERR_NOT_PERMITTED = 0x0700,  // system group, built-in or primary group: refused
-  TAVO_ERR_DB = 0x0800,          // the event log database failed
-  TAVO_ERR_NOT_FOUND = 0x0900,   // a file or record other than a group or user is missing
-  TAVO_ERR_FAULT = 0x0A00,       // failure injected through the test seam (code chosen by test)
-  TAVO_ERR_NO_GROUP = 0x1600,    // no such group
-  TAVO_ERR_EXISTS = 0x1700,      // a group of that name (any case) already exists
-  TAVO_ERR_NO_USER = 0x1800,     // no such user
-  TAVO_ERR_LIMIT = 0x1900,       // limit reached or no free GID left in GID_MIN..GID_MAX
-  TAVO_ERR_RESERVED = 0xB700,    // reserved name (a system group, "users", ".", "..")
+  TAVO_ERR_DB = 0x0800,             // the event log database failed
+  TAVO_ERR_NOT_FOUND = 0x0900,      // a file or record other than a group or user is missing
+  TAVO_ERR_FAULT = 0x0A00,          // failure injected through the test seam (code chosen by test)
+  TAVO_ERR_NO_GROUP = 0x1600,       // no such group
+  TAVO_ERR_EXISTS = 0x1700,         // a group of that name (any case) already exists
+  TAVO_ERR_NO_USER = 0x1800,        // no such user
+  TAVO_ERR_LIMIT = 0x1900,          // limit reached or no free GID left in GID_MIN..GID_MAX
+  TAVO_ERR_RESERVED = 0xB700,       // reserved name (a system group, "users", ".", "..")
 };
 
 extern "C" {

@@ -30,11 +30,11 @@
 // A group record returned by TAVOGroupGet/TAVOGroupGetByGID. The first two
 // fields are the name and the GID. Owned by the caller; free with TAVOGroupFree.
 struct TAVO_GROUP {
-  char* name;        // stored spelling, NUL-terminated
+  char* name;  // stored spelling, NUL-terminated
   unsigned int gid;
-  char** members;    // member names, terminated by a null entry (never null itself)
+  char** members;  // member names, terminated by a null entry (never null itself)
   int member_count;
-  int kind;          // 1 local, 2 domain, 8 LDAP
+  int kind;  // 1 local, 2 domain, 8 LDAP
 };
 
 // What the group enumerator hands to its callback. Valid only during the call.

@@ -16,8 +16,8 @@
 // ignoring the account locks cuts short in place while the call reads it
 // raises SIGBUS; unless the process handles SIGBUS itself, SetOneShotProcess
 // makes it print why and exit with status 1 (nothing of a change is in place
-// before its reads are done). Nothing else changes: what is written, and what every read answers, is the
-// same.
+// before its reads are done). Nothing else changes: what is written, and what every read answers,
+// is the same.
 //
 // Thread-safety: call before the first request; it may be read from any thread.
 // Errors: none.
