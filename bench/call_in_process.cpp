@@ -11,24 +11,17 @@
 #include <cstring>
 #include <string>
 
+#include "bench_modules.h"
 #include "dispatch.h"
-#include "module_loader.h"
 #include "tavo/read_scope.h"
-#include "tavo/root.h"
 
 int main(int argc, char** argv) {
   if (argc != 5) {
     fprintf(stderr, "usage: call_in_process ROOT MODULES_DIR GROUP USER\n");
     return 2;
   }
-  tavo::TavoRootSet(argv[1]);
   tavo_server::ModuleSet modules;
-  int loaded = 0;
-  tavo_server::Status s = modules.LoadFolder(argv[2], &loaded);
-  if (!s.ok()) {
-    fprintf(stderr, "%s\n", s.message().c_str());
-    return 1;
-  }
+  if (!OpenWithModules(argv[1], argv[2], &modules)) return 1;
   tavo_server::ApiCall call;
   call.api = "TAVO.Core.Group.Member";
   call.params["group"] = argv[3];

@@ -23,10 +23,9 @@
 #include <memory>
 #include <string>
 
+#include "bench_modules.h"
 #include "dispatch.h"
-#include "module_loader.h"
 #include "tavo/read_scope.h"
-#include "tavo/root.h"
 
 namespace {
 
@@ -58,14 +57,8 @@ int main(int argc, char** argv) {
     fprintf(stderr, "usage: http_floor ROOT MODULES_DIR PORT\n");
     return 2;
   }
-  tavo::TavoRootSet(argv[1]);
   tavo_server::ModuleSet modules;
-  int loaded = 0;
-  tavo_server::Status s = modules.LoadFolder(argv[2], &loaded);
-  if (!s.ok()) {
-    fprintf(stderr, "%s\n", s.message().c_str());
-    return 1;
-  }
+  if (!OpenWithModules(argv[1], argv[2], &modules)) return 1;
   const int lfd = socket(AF_INET, SOCK_STREAM, 0);
   const int one = 1;
   setsockopt(lfd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
