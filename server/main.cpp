@@ -20,6 +20,8 @@ const char kUsage[] =
     "  check [--root DIR] [--repair]                                        check the group files\n"
     "  openapi [--modules DIR]                                             print the API's OpenAPI "
     "document\n"
+    "  tls-cert [--root DIR] [--host NAME]                                 make the TLS "
+    "certificate\n"
     "Run `tavo COMMAND --help` for details. See tavo(1) and docs/server.md.\n";
 
 }  // namespace
@@ -38,6 +40,7 @@ int main(int argc, char** argv) {
   if (command == "directory") return tavo_server::DirectoryMain(args);
   if (command == "check") return tavo_server::CheckMain(args);
   if (command == "openapi") return tavo_server::OpenApiMain(args);
+  if (command == "tls-cert") return tavo_server::TlsCertMain(args);
   if (command == "-h" || command == "--help" || command == "help") {
     fputs(kUsage, stdout);
     return tavo_server::kExitOk;

@@ -7,13 +7,14 @@
 #   4. the browser tests (playwright-core driving Debian's chromium)
 #   5. the fuzz targets (clang 14, libFuzzer, ASan and UBSan) in build-fuzz/,
 #      each for TAVO_FUZZ_SECONDS (default 30) from its checked-in corpus
-#   6. the Debian packages: built (tools/package.sh, with lintian) and checked
-#      unpacked (tests/package/run.sh)
+#   6. the Debian packages: built (tools/package.sh, with lintian), checked
+#      unpacked (tests/package/run.sh), then installed with apt on Debian 12
+#      booted under systemd in a container and used as shipped (tests/boot/run.sh)
 #   7. the concurrency tests, and the HTTP tests against the server, built with
 #      ThreadSanitizer in build-tsan/
 # Set TAVO_SKIP_BROWSER=1 to skip step 4, TAVO_SKIP_ASAN=1 to skip step 2,
 # TAVO_SKIP_FUZZ=1 to skip step 5, TAVO_SKIP_PACKAGE=1 to skip step 6,
-# TAVO_SKIP_TSAN=1 to skip step 7.
+# TAVO_SKIP_TSAN=1 to skip step 7, TAVO_SKIP_BOOT=1 to skip the booted system of step 6.
 set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
 cd "$top"
@@ -22,7 +23,7 @@ cd "$top"
 # chroot into temporary roots: that needs root, as in CI.
 if [ "$(id -u)" -ne 0 ]; then
   echo "test.sh: the tests need root (the account tools chroot into test roots); re-running with sudo"
-  exec sudo --preserve-env=TAVO_SKIP_BROWSER,TAVO_SKIP_ASAN,TAVO_SKIP_FUZZ,TAVO_FUZZ_SECONDS,TAVO_SKIP_TSAN,TAVO_SKIP_PACKAGE,CI "$0" "$@"
+  exec sudo --preserve-env=TAVO_SKIP_BROWSER,TAVO_SKIP_ASAN,TAVO_SKIP_FUZZ,TAVO_FUZZ_SECONDS,TAVO_SKIP_TSAN,TAVO_SKIP_PACKAGE,TAVO_SKIP_BOOT,CI "$0" "$@"
 fi
 
 "$top/tools/install-deps.sh" --browser
@@ -61,6 +62,10 @@ if [ "${TAVO_SKIP_PACKAGE:-0}" != 1 ]; then
   echo "== Debian packages"
   "$top/tools/package.sh" "$top/build-deb"
   "$top/tests/package/run.sh" "$top/build-deb"
+  if [ "${TAVO_SKIP_BOOT:-0}" != 1 ]; then
+    echo "== the package on a booted Debian 12 under systemd"
+    "$top/tests/boot/run.sh" "$top/build-deb"
+  fi
 fi
 
 if [ "${TAVO_SKIP_TSAN:-0}" != 1 ]; then

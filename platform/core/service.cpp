@@ -4,11 +4,7 @@
 
 #include <dirent.h>
 #include <errno.h>
-#include <fcntl.h>
-#include <signal.h>
-#include <spawn.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -17,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "child_process.h"
 #include "os_util.h"
 #include "tavo/error.h"
 #include "tavo/root.h"
@@ -26,7 +23,6 @@ extern char** environ;
 namespace {
 
 constexpr long kDefaultHookTimeoutMs = 5000;
-constexpr long kMaxPollMs = 10;
 
 // Executable regular files of the hook folder, sorted by name. Names starting
 // with "." are skipped. False when the folder exists but cannot be read.
@@ -57,86 +53,6 @@ std::vector<std::string> HookEnvironment() {
   return env;
 }
 
-std::vector<char*> Pointers(std::vector<std::string>& strings) {
-  std::vector<char*> out;
-  for (std::string& s : strings) out.push_back(&s[0]);
-  out.push_back(nullptr);
-  return out;
-}
-
-// RAII for the spawn attributes and file actions.
-class SpawnSetup {
- public:
-  SpawnSetup() {
-    posix_spawnattr_init(&attr_);
-    posix_spawn_file_actions_init(&actions_);
-    // Own process group, so that a hook's children are killed with it; no
-    // blocked signals and default handlers for the ones a server changes.
-    posix_spawnattr_setflags(
-        &attr_, POSIX_SPAWN_SETPGROUP | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
-    posix_spawnattr_setpgroup(&attr_, 0);
-    sigset_t none, defaults;
-    sigemptyset(&none);
-    posix_spawnattr_setsigmask(&attr_, &none);
-    sigemptyset(&defaults);
-    for (int sig :
-         {SIGPIPE, SIGCHLD, SIGHUP, SIGINT, SIGQUIT, SIGTERM, SIGUSR1, SIGUSR2, SIGALRM}) {
-      sigaddset(&defaults, sig);
-    }
-    posix_spawnattr_setsigdefault(&attr_, &defaults);
-    // stdin from /dev/null, stdout to our stderr (a hook must not write into
-    // the CLI's answer), and nothing else: no sockets, no lock descriptors.
-    posix_spawn_file_actions_addopen(&actions_, 0, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_adddup2(&actions_, 2, 1);
-    posix_spawn_file_actions_addclosefrom_np(&actions_, 3);
-  }
-  ~SpawnSetup() {
-    posix_spawn_file_actions_destroy(&actions_);
-    posix_spawnattr_destroy(&attr_);
-  }
-  SpawnSetup(const SpawnSetup&) = delete;
-  SpawnSetup& operator=(const SpawnSetup&) = delete;
-
-  const posix_spawnattr_t* attr() const { return &attr_; }
-  const posix_spawn_file_actions_t* actions() const { return &actions_; }
-
- private:
-  posix_spawnattr_t attr_;
-  posix_spawn_file_actions_t actions_;
-};
-
-// Waits for `pid` at most `timeout_ms`; kills its process group when the
-// time is up. Logs a hook that fails, dies or is killed.
-void WaitHook(pid_t pid, const std::string& path, long timeout_ms) {
-  const long long deadline = tavo::internal::NowMillis() + timeout_ms;
-  long poll = 1;
-  int status = 0;
-  for (;;) {
-    pid_t r = waitpid(pid, &status, WNOHANG);
-    if (r == pid) break;
-    if (r < 0 && errno == EINTR) continue;
-    if (r < 0) return;  // reaped elsewhere (SIGCHLD ignored): nothing to report
-    long long left = deadline - tavo::internal::NowMillis();
-    if (left <= 0) {
-      kill(-pid, SIGKILL);
-      kill(pid, SIGKILL);
-      while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-      }
-      syslog(LOG_WARNING, "reload hook %s did not finish within %ld ms and was killed",
-             path.c_str(), timeout_ms);
-      return;
-    }
-    tavo::internal::SleepMillis(static_cast<long>(std::min<long long>(poll, left)));
-    poll = std::min(poll * 2, kMaxPollMs);
-  }
-  if (WIFEXITED(status) && WEXITSTATUS(status) != 0) {
-    syslog(LOG_WARNING, "reload hook %s failed with exit status %d", path.c_str(),
-           WEXITSTATUS(status));
-  } else if (WIFSIGNALED(status)) {
-    syslog(LOG_WARNING, "reload hook %s was ended by signal %d", path.c_str(), WTERMSIG(status));
-  }
-}
-
 }  // namespace
 
 extern "C" {
@@ -151,21 +67,15 @@ int TLIBServiceTypeReload(int type) {
   if (hooks.empty()) return 0;
 
   const long timeout = tavo::internal::EnvMillis("TAVO_HOOK_TIMEOUT_MS", kDefaultHookTimeoutMs);
-  std::vector<std::string> env = HookEnvironment();
-  std::vector<char*> envp = Pointers(env);
-  SpawnSetup setup;
+  const std::vector<std::string> env = HookEnvironment();
   int ran = 0;
   for (const std::string& name : hooks) {
-    std::vector<std::string> args = {dir + "/" + name, std::to_string(type)};
-    std::vector<char*> argv = Pointers(args);
-    pid_t pid;
-    int rc = posix_spawn(&pid, argv[0], setup.actions(), setup.attr(), argv.data(), envp.data());
-    if (rc != 0) {
-      syslog(LOG_WARNING, "reload hook %s could not be started: %s", argv[0], strerror(rc));
-      continue;
-    }
-    ++ran;
-    WaitHook(pid, args[0], timeout);
+    const std::string path = dir + "/" + name;
+    std::string problem;
+    auto outcome = tavo::internal::RunBounded({path, std::to_string(type)}, env, timeout, &problem);
+    if (outcome != tavo::internal::RunOutcome::kNotStarted) ++ran;
+    if (outcome != tavo::internal::RunOutcome::kSucceeded)
+      syslog(LOG_WARNING, "reload hook %s %s", path.c_str(), problem.c_str());
   }
   return ran;
 }

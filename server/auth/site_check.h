@@ -5,8 +5,8 @@
 // server); its requests then carry that other name in Host. So Host must be
 // an IP address literal (a browser sends one only when the user typed or
 // followed the address itself), "localhost", or one of the names the server
-// is configured for (--server-name). The port of Host is not compared (a
-// proxy in front may use another one). A request without Host is refused.
+// is configured for (--server-name, and the machine's own host name). The port of Host is not
+// compared (a proxy in front may use another one). A request without Host is refused.
 //
 // Origin: a state-changing request that carries Origin must come from the
 // server's own origin: the scheme of the server (https with TLS) and exactly

@@ -7,6 +7,9 @@
 #ifndef TAVO_SERVER_CLI_H_
 #define TAVO_SERVER_CLI_H_
 
+#include <sys/types.h>
+
+#include <initializer_list>
 #include <string>
 #include <vector>
 
@@ -30,6 +33,17 @@ int LogMain(const std::vector<std::string>& args);
 int DirectoryMain(const std::vector<std::string>& args);
 int CheckMain(const std::vector<std::string>& args);
 int OpenApiMain(const std::vector<std::string>& args);
+int TlsCertMain(const std::vector<std::string>& args);
+
+// Writes `content` to `path` through a fresh temporary file beside it (never
+// a link left there by someone else), with `mode`, synced. False on failure.
+bool WriteRootFile(const std::string& path, const std::string& content, mode_t mode);
+// Makes each folder of `dirs` (absolute, inside `root`) and its parents.
+bool MakeRootDirs(const std::string& root, std::initializer_list<const char*> dirs);
+// Makes a self-signed certificate for `host` (the machine's host name when
+// empty) in ROOT/etc/tavo/tls (cert.pem 0644, key.pem 0600) unless cert.pem
+// is there. False with a message in `error` when it cannot.
+bool EnsureCertificate(const std::string& root, const std::string& host, std::string* error);
 
 // Loads the modules of `dir` plus the server's own API into `modules`;
 // prints why on stderr and returns false when any module is refused.

@@ -14,7 +14,6 @@
 #include "cli.h"
 #include "random.h"
 #include "terminal_text.h"
-#include "tls_cert.h"
 
 namespace tavo_server {
 namespace {
@@ -73,7 +72,9 @@ std::string Hash(const std::string& password, bool cheap) {
   return h;
 }
 
-bool WriteAll(int fd, const std::string& content) {
+}  // namespace
+
+static bool WriteAll(int fd, const std::string& content) {
   size_t done = 0;
   while (done < content.size()) {
     ssize_t n = write(fd, content.data() + done, content.size() - done);
@@ -86,7 +87,7 @@ bool WriteAll(int fd, const std::string& content) {
 
 // Writes through a fresh temporary file that nobody else can read until it
 // has its final mode, and that is never a link left there by someone else.
-bool WriteFile(const std::string& path, const std::string& content, mode_t mode) {
+bool WriteRootFile(const std::string& path, const std::string& content, mode_t mode) {
   const std::string tmp = path + ".init-tmp";
   unlink(tmp.c_str());
   int fd = open(tmp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
@@ -98,7 +99,7 @@ bool WriteFile(const std::string& path, const std::string& content, mode_t mode)
   return ok;
 }
 
-bool MakeDirs(const std::string& root, std::initializer_list<const char*> dirs) {
+bool MakeRootDirs(const std::string& root, std::initializer_list<const char*> dirs) {
   for (const char* d : dirs) {
     std::string path = root;
     std::string rel = d;
@@ -112,8 +113,6 @@ bool MakeDirs(const std::string& root, std::initializer_list<const char*> dirs) 
   }
   return true;
 }
-
-}  // namespace
 
 int InitMain(const std::vector<std::string>& args) {
   std::string dir;
@@ -142,7 +141,7 @@ int InitMain(const std::vector<std::string>& args) {
     fprintf(stderr, "tavo init: cannot create %s\n", TerminalSafe(dir).c_str());
     return kExitFailure;
   }
-  if (!MakeDirs(dir, {"/etc/tavo/reload.d", "/tmp", "/var/lib/tavo"})) {
+  if (!MakeRootDirs(dir, {"/etc/tavo/reload.d", "/tmp", "/var/lib/tavo"})) {
     fprintf(stderr, "tavo init: cannot create the folders of %s\n", TerminalSafe(dir).c_str());
     return kExitFailure;
   }
@@ -203,29 +202,21 @@ int InitMain(const std::vector<std::string>& args) {
   const std::string login_defs =
       "GID_MIN 1000\nGID_MAX 60000\nUID_MIN 1000\nUID_MAX 60000\n"
       "SYS_GID_MIN 100\nSYS_GID_MAX 999\nSYS_UID_MIN 100\nSYS_UID_MAX 999\n";
-  bool ok = WriteFile(dir + "/etc/login.defs", login_defs, 0644) &&
-            WriteFile(dir + "/etc/group", group, 0644) &&
-            WriteFile(dir + "/etc/gshadow", gshadow, 0640) &&
-            WriteFile(dir + "/etc/passwd", passwd, 0644) &&
-            WriteFile(dir + "/etc/shadow", shadow, 0640) &&
-            WriteFile(dir + "/etc/tavo/tavo.conf", "maxgroups = 128\n", 0644) &&
-            (!demo || WriteFile(dir + "/etc/tavo/group_desc", desc, 0644));
+  bool ok = WriteRootFile(dir + "/etc/login.defs", login_defs, 0644) &&
+            WriteRootFile(dir + "/etc/group", group, 0644) &&
+            WriteRootFile(dir + "/etc/gshadow", gshadow, 0640) &&
+            WriteRootFile(dir + "/etc/passwd", passwd, 0644) &&
+            WriteRootFile(dir + "/etc/shadow", shadow, 0640) &&
+            WriteRootFile(dir + "/etc/tavo/tavo.conf", "maxgroups = 128\n", 0644) &&
+            (!demo || WriteRootFile(dir + "/etc/tavo/group_desc", desc, 0644));
   if (!ok) {
     fprintf(stderr, "tavo init: cannot write the files of %s\n", TerminalSafe(dir).c_str());
     return kExitFailure;
   }
-  const std::string cert = dir + "/etc/tavo/tls/cert.pem", key = dir + "/etc/tavo/tls/key.pem";
-  if (stat(cert.c_str(), &st) != 0) {
-    std::string cert_pem, key_pem;
-    char host[256] = "localhost";
-    gethostname(host, sizeof(host) - 1);
-    Status made = MakeSelfSignedCertificate(host, &cert_pem, &key_pem);
-    if (!made.ok() || !MakeDirs(dir, {"/etc/tavo/tls"}) || !WriteFile(key, key_pem, 0600) ||
-        !WriteFile(cert, cert_pem, 0644)) {
-      fprintf(stderr, "tavo init: cannot make the TLS certificate in %s/etc/tavo/tls: %s\n",
-              TerminalSafe(dir).c_str(), made.ok() ? "cannot write" : made.message().c_str());
-      return kExitFailure;
-    }
+  std::string cert_error;
+  if (!EnsureCertificate(dir, "", &cert_error)) {
+    fprintf(stderr, "tavo init: %s\n", TerminalSafe(cert_error).c_str());
+    return kExitFailure;
   }
 
   const std::string shown = TerminalSafe(dir);

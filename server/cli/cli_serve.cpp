@@ -194,6 +194,11 @@ int ServeMain(const std::vector<std::string>& command_line) {
     fputs(ServeUsage().c_str(), stdout);
     return kExitOk;
   }
+  // The appliance's own host name is always answered: it is the name its
+  // certificate carries, and no other site can make it resolve elsewhere.
+  char own_name[256] = "";
+  if (gethostname(own_name, sizeof(own_name) - 1) == 0 && own_name[0] != '\0')
+    options.server_names.push_back(own_name);
   s = AdoptActivatedSocket(&options);
   if (!s.ok()) {
     fprintf(stderr, "tavo serve: %s\n", TerminalSafe(s.message()).c_str());
@@ -216,8 +221,9 @@ int ServeMain(const std::vector<std::string>& command_line) {
   // The directory client reads no ldap.conf or .ldaprc of the machine; set
   // before any thread starts.
   setenv("LDAPNOINIT", "1", 1);
-  // The modules' system-log lines are copied to standard error.
-  openlog("tavo", LOG_PERROR | LOG_PID, LOG_USER);
+  // The modules' system-log lines are copied to standard error, unless that
+  // is the journal, which has them from the system log already.
+  openlog("tavo", (StandardErrorIsJournal() ? 0 : LOG_PERROR) | LOG_PID, LOG_USER);
 
   // A change of the group files that a crash cut off is completed first.
   tavo::StoreCheckResult recovered;

@@ -1,7 +1,11 @@
 #include "systemd_notify.h"
 
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <systemd/sd-daemon.h>
+
+#include <cstdio>
+#include <cstdlib>
 
 namespace tavo_server {
 
@@ -34,6 +38,14 @@ int ActivatedListenSocket(std::string* error) {
     return -2;
   }
   return fd;
+}
+
+bool StandardErrorIsJournal() {
+  const char* stream = getenv("JOURNAL_STREAM");
+  unsigned long long dev = 0, ino = 0;
+  if (stream == nullptr || sscanf(stream, "%llu:%llu", &dev, &ino) != 2) return false;
+  struct stat st;
+  return fstat(2, &st) == 0 && st.st_dev == dev && st.st_ino == ino;
 }
 
 }  // namespace tavo_server

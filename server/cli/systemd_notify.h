@@ -30,6 +30,12 @@ uint64_t WatchdogIntervalUsec();
 // not a listening stream socket, were passed.
 int ActivatedListenSocket(std::string* error);
 
+// True when standard error is the journal's stream (systemd names it in
+// JOURNAL_STREAM as "DEVICE:INODE"): what is written there reaches the
+// journal already, so log lines sent to the system log must not be copied
+// to it too.
+bool StandardErrorIsJournal();
+
 }  // namespace tavo_server
 
 #endif  // TAVO_SERVER_SYSTEMD_NOTIFY_H_

@@ -1,5 +1,6 @@
 #include "privsep/split.h"
 
+#include <fcntl.h>
 #include <grp.h>
 #include <pthread.h>
 #include <pwd.h>
@@ -8,6 +9,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <thread>
@@ -36,6 +38,28 @@ bool DropTo(uid_t uid, gid_t gid, pid_t parent) {
   return true;
 }
 
+// In the front: turns each byte of the account process's `ctl` pipe into a
+// signal to this process, taken by its signal thread as if sent from
+// outside: 'h' a reload (SIGHUP), anything else or the end of the pipe a stop
+// (SIGTERM). The account process cannot signal the front itself: without
+// CAP_KILL, which the service does not keep, root may not signal another
+// user's process.
+void RelaySignals(int ctl) {
+  std::thread([ctl] {
+    for (;;) {
+      char byte;
+      ssize_t n = read(ctl, &byte, 1);
+      if (n < 0 && errno == EINTR) continue;
+      if (n == 1 && byte == 'h') {
+        kill(getpid(), SIGHUP);
+        continue;
+      }
+      kill(getpid(), SIGTERM);
+      return;
+    }
+  }).detach();
+}
+
 }  // namespace
 
 int ServeSplit(const std::string& user, AccountOps& local, const sigset_t& signals,
@@ -55,8 +79,13 @@ int ServeSplit(const std::string& user, AccountOps& local, const sigset_t& signa
     fprintf(stderr, "tavo serve: %s\n", s.message().c_str());
     return kExitFailure;
   }
-  int go[2];
+  int go[2], ctl[2];
   if (pipe(go) != 0) return kExitFailure;
+  if (pipe2(ctl, O_CLOEXEC) != 0) {
+    close(go[0]);
+    close(go[1]);
+    return kExitFailure;
+  }
   fflush(stdout);
   fflush(stderr);
   const pid_t parent = getpid();
@@ -64,11 +93,13 @@ int ServeSplit(const std::string& user, AccountOps& local, const sigset_t& signa
   if (pid < 0) return kExitFailure;
   if (pid == 0) {
     close(go[1]);
+    close(ctl[1]);
     prctl(PR_SET_PDEATHSIG, SIGTERM);
     char byte;
     // Wait until the parent allows this process on the channel.
     if (read(go[0], &byte, 1) != 1) _exit(kExitFailure);
     close(go[0]);
+    RelaySignals(ctl[0]);
     PrivClient client(priv.address());
     const TlsReader ask = [&client](std::string* cert, std::string* key) {
       Json::Value req(Json::objectValue), answer;
@@ -88,6 +119,7 @@ int ServeSplit(const std::string& user, AccountOps& local, const sigset_t& signa
     _exit(code);
   }
   close(go[0]);
+  close(ctl[0]);
   priv.AllowPeer(pid, uid);
   if (write(go[1], "g", 1) != 1) {
     kill(pid, SIGKILL);
@@ -96,17 +128,16 @@ int ServeSplit(const std::string& user, AccountOps& local, const sigset_t& signa
   std::thread runner([&priv] { priv.Run(); });
   parent_started();
   std::atomic<bool> child_gone{false};
-  std::thread forwarder([pid, signals, &child_gone] {
+  std::thread forwarder([signals, &child_gone, ctl_out = ctl[1]] {
     for (;;) {
       int sig = 0;
       if (sigwait(&signals, &sig) != 0) continue;
-      if (child_gone.load()) return;  // its pid may be another process's now
-      if (sig == SIGHUP) {
-        kill(pid, SIGHUP);  // the front reloads its certificate
-        continue;
+      if (child_gone.load()) return;
+      // 'h': the front reloads its certificate; 't': it stops.
+      const char byte = sig == SIGHUP ? 'h' : 't';
+      while (write(ctl_out, &byte, 1) < 0 && errno == EINTR) {
       }
-      kill(pid, SIGTERM);
-      return;
+      if (sig != SIGHUP) return;
     }
   });
   int status = 0;
@@ -115,6 +146,7 @@ int ServeSplit(const std::string& user, AccountOps& local, const sigset_t& signa
   child_gone.store(true);
   pthread_kill(forwarder.native_handle(), SIGTERM);  // wakes the sigwait
   forwarder.join();
+  close(ctl[1]);
   priv.Stop();
   runner.join();
   return WIFEXITED(status) ? WEXITSTATUS(status) : kExitFailure;

@@ -5,7 +5,7 @@ import { readFileSync } from 'node:fs';
 import { join } from 'node:path';
 import { REPO, runTavo } from './helpers.mjs';
 
-const COMMANDS = ['serve', 'call', 'init', 'log', 'directory', 'openapi'];
+const COMMANDS = ['serve', 'call', 'init', 'log', 'directory', 'openapi', 'tls-cert'];
 
 function helpOptions(command) {
   const r = runTavo([command, '--help']);

@@ -73,14 +73,19 @@ ok "init, call, serve with a login"
 if [ "$(id -u)" = 0 ]; then
   grep -qx 'privsep-user = _tavo' "$prefix/etc/tavo/serve.conf" || fail "serve.conf does not split the server"
   chmod 755 "$tmp"
+  # The packaged file serves HTTPS with the certificate postinst makes in
+  # /etc/tavo/tls; here the test root's own pair (made by init) stands in.
+  grep -qx 'tls-cert = /etc/tavo/tls/cert.pem' "$prefix/etc/tavo/serve.conf" || fail "serve.conf does not serve HTTPS"
   "$tavo" serve --config "$prefix/etc/tavo/serve.conf" --root "$root" --listen 127.0.0.1:0 \
+    --tls-cert "$root/etc/tavo/tls/cert.pem" --tls-key "$root/etc/tavo/tls/key.pem" \
     --privsep-user nobody >"$tmp/serve.out" 2>"$tmp/serve.err" &
   server_pid=$!
   for _ in $(seq 100); do grep -q 'listening on' "$tmp/serve.out" && break; sleep 0.1; done
-  url=$(sed -n 's/^tavo: listening on \(http:[^ ]*\)$/\1/p' "$tmp/serve.out")
+  url=$(sed -n 's/^tavo: listening on \(https:[^ ]*\)$/\1/p' "$tmp/serve.out")
   [ -n "$url" ] || fail "split serve did not start: $(cat "$tmp/serve.err")"
-  curl -sf -H 'Content-Type: application/json' -d '{"account":"admin","password":"pkg-Admin-pw-1"}' \
-    "$url/api/auth/login" | grep -q '"token"' || fail "login through the split server"
+  curl -sf --cacert "$root/etc/tavo/tls/cert.pem" -H 'Content-Type: application/json' \
+    -d '{"account":"admin","password":"pkg-Admin-pw-1"}' \
+    "$url/api/auth/login" | grep -q '"token"' || fail "login through the split server over HTTPS"
   front=$(cat "/proc/$server_pid/task/$server_pid/children" | awk '{print $1}')
   [ "$(stat -c %U "/proc/$front")" = nobody ] || fail "the front does not run as the unprivileged user"
   kill "$server_pid"; wait "$server_pid" 2>/dev/null || true; server_pid=

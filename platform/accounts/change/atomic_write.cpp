@@ -15,6 +15,7 @@
 #include "acct_error.h"
 #include "change_journal.h"
 #include "file_bytes.h"
+#include "name_caches.h"
 #include "snapshot.h"
 #include "store_stats_internal.h"
 #include "tavo/testing.h"
@@ -191,6 +192,7 @@ bool FileSetWriter::Commit() {
     for (const std::string& d : dirs) SyncDir(d);
     RemoveJournal(/*durable=*/false);
     CountCommit(true, items_.size());
+    FlushCaches();
     return true;
   }
   int code = TLIBCErrGet();
@@ -221,9 +223,16 @@ bool FileSetWriter::Commit() {
     it.tmp.clear();  // left to the journal
   }
   CountCommit(whole, whole ? items_.size() : 0);
+  FlushCaches();
   if (whole) return true;
   TLIBCErrSet(code, file, line);
   return false;
+}
+
+void FileSetWriter::FlushCaches() const {
+  std::vector<std::string> paths;
+  for (const Item& it : items_) paths.push_back(it.path);
+  tavo::internal::FlushNameCaches(paths);
 }
 
 std::string FileSetWriter::TakeContent(const std::string& path) {

@@ -29,7 +29,8 @@
 // Callers hold the account locks (account_lock.h). Fault points: "file.write"
 // fails the write step of step 1 (as a full disk), "file.rename" a rename of
 // step 3; with TAVO_TEST_KILL_AT=file.between in the environment the process
-// kills itself between two renames (crash tests).
+// kills itself between two renames (crash tests). Once files were replaced,
+// the system's name caches are told (name_caches.h), with the locks still held.
 // Errors: false with the error state set (TAVO_ERR_IO, or the injected code).
 #ifndef TAVO_PLATFORM_ATOMIC_WRITE_H_
 #define TAVO_PLATFORM_ATOMIC_WRITE_H_
@@ -77,6 +78,8 @@ class FileSetWriter {
   // and opens it for writing over: 1 done, 0 no usable spare (the new file
   // stays), -1 failed half way (the item cannot be written).
   int Recycle(const std::string& spare, Item* item);
+  // Tells the system's name caches that the files changed (name_caches.h).
+  void FlushCaches() const;
   // Waits until the temporary file is durable, and closes it.
   bool Settle(Item* item);
   void Discard();
