@@ -3,8 +3,8 @@
 #include <syslog.h>
 #include <unistd.h>
 
-#include "os_util.h"
 #include "child_process.h"
+#include "os_util.h"
 #include "tavo/root.h"
 
 namespace tavo {
@@ -22,8 +22,7 @@ bool EndsWith(const std::string& s, const char* tail) {
 }
 
 void Run(const std::vector<std::string>& argv) {
-  static const std::vector<std::string> kEnv = {"PATH=/usr/sbin:/usr/bin:/sbin:/bin",
-                                                "LC_ALL=C"};
+  static const std::vector<std::string> kEnv = {"PATH=/usr/sbin:/usr/bin:/sbin:/bin", "LC_ALL=C"};
   std::string problem;
   if (RunBounded(argv, kEnv, EnvMillis("TAVO_NAME_CACHE_TIMEOUT_MS", kDefaultTimeoutMs),
                  &problem) != RunOutcome::kSucceeded) {

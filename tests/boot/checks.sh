@@ -24,6 +24,9 @@ else
   bad "apt-get install ./tavo_*.deb: the service starts and is active"
   finish
 fi
+exposure=$(systemd-analyze security tavo 2>/dev/null | sed -n 's/.*Overall exposure level for tavo.service: \([0-9.]*\).*/\1/p')
+check_sh "systemd-analyze security rates the unit at 2.5 or better ($exposure)" \
+  '[ -n "$exposure" ] && awk -v e="$exposure" "BEGIN { exit !(e <= 2.5) }"'
 check "the package made a TLS certificate naming the host" \
   openssl x509 -in /etc/tavo/tls/cert.pem -noout -checkhost "$host"
 
