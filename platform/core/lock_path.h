@@ -29,6 +29,8 @@ namespace internal {
 // The platform path of the lock file named `abs_path` ("/tmp/grouplock" ->
 // "/run/tavo/grouplock"; others unchanged).
 std::string LockFilePath(const std::string& abs_path);
+// Makes the runtime folder when missing; false (logged) when it is refused.
+bool MakeRuntimeDir();
 // Opens (creating when needed) the lock file named `abs_path` for reading
 // and writing. Returns the descriptor (close-on-exec) or -1. A lock file of
 // the runtime folder may come from the idle ones kept by CloseLockFile: its
