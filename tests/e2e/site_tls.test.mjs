@@ -177,3 +177,36 @@ test('plain HTTP on a non-loopback address needs --insecure-http', async () => {
   const server = await startServer({ root: env.root, extra: ['--listen', '0.0.0.0:0', '--insecure-http'] });
   await server.stop();
 });
+
+// The protocol versions a client gets: {version} or {error}.
+function handshake(url, version) {
+  const u = new URL(url);
+  return new Promise((resolve) => {
+    const socket = tls.connect({
+      host: u.hostname, port: Number(u.port), rejectUnauthorized: false,
+      minVersion: version, maxVersion: version, ciphers: 'DEFAULT:@SECLEVEL=0',
+    }, () => {
+      const got = socket.getProtocol();
+      socket.end();
+      resolve({ version: got });
+    });
+    socket.on('error', (e) => resolve({ error: e.code || e.message }));
+  });
+}
+
+test('HTTPS speaks TLS 1.2 and 1.3 only', async () => {
+  const dir = join(env.root, 'etc/tavo/tls');
+  const server = await startServer({
+    root: env.root, extra: ['--tls-cert', join(dir, 'cert.pem'), '--tls-key', join(dir, 'key.pem')],
+  });
+  try {
+    assert.deepEqual(await handshake(server.url, 'TLSv1.3'), { version: 'TLSv1.3' });
+    assert.deepEqual(await handshake(server.url, 'TLSv1.2'), { version: 'TLSv1.2' });
+    for (const old of ['TLSv1.1', 'TLSv1']) {
+      const r = await handshake(server.url, old);
+      assert.ok(r.error, `${old}: ${JSON.stringify(r)}`);
+    }
+  } finally {
+    await server.stop();
+  }
+});
