@@ -35,6 +35,7 @@ struct LogFields {
   std::string account, api, method;
   int version = 0;
   int code = 0;
+  bool served = false;  // api and method name a loaded module's method
 };
 
 struct HttpResponse {
