@@ -96,7 +96,9 @@ bool HttpServer::Impl::Refuse(const HttpRequest& req, HttpResponse& res,
     case LoginResult::kDenied:
       break;
   }
-  sessions.Remove(RequestToken(req));
+  SessionStore::Session ended;
+  if (sessions.Remove(RequestToken(req), &ended))
+    ops.Logout(LoginIdentity{ended.account, ended.stamp, ended.grant});
   SendError(res, 401,
             "the session has ended: the account " + s.account +
                 " is no longer a valid administrator or its password changed");
@@ -149,7 +151,10 @@ void HttpServer::Impl::Login(const HttpRequest& req, HttpResponse& res) {
 void HttpServer::Impl::Logout(const HttpRequest& req, HttpResponse& res) {
   std::string key = RequestToken(req);
   if (key.empty()) key = CookieValue(req, kSessionCookie);
-  if (!key.empty()) sessions.Remove(key);
+  SessionStore::Session ended;
+  // The account process ends the session's grant too.
+  if (!key.empty() && sessions.Remove(key, &ended))
+    ops.Logout(LoginIdentity{ended.account, ended.stamp, ended.grant});
   res.AddHeader("Set-Cookie", SessionCookie("", 0, options.tls()));
   Json::Value out(Json::objectValue);
   out["success"] = true;

@@ -82,11 +82,14 @@ bool SessionStore::FindById(const std::string& id, Session* out) {
   return Use(LookupId(id), out);
 }
 
-void SessionStore::Remove(const std::string& id_or_token) {
+bool SessionStore::Remove(const std::string& id_or_token, Session* removed) {
   std::lock_guard<std::mutex> lock(mutex_);
   auto it = LookupToken(id_or_token);
   if (it == by_id_.end()) it = LookupId(id_or_token);
-  if (it != by_id_.end()) Erase(it);
+  if (it == by_id_.end()) return false;
+  if (removed) *removed = it->second;
+  Erase(it);
+  return true;
 }
 
 size_t SessionStore::Size() {

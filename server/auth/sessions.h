@@ -49,8 +49,9 @@ class SessionStore {
   bool FindByToken(const std::string& token, Session* out);
   // The live session whose id is `id`; refreshes its idle timer.
   bool FindById(const std::string& id, Session* out);
-  // Ends the session with this id or token (whichever matches).
-  void Remove(const std::string& id_or_token);
+  // Ends the session with this id or token (whichever matches); false when
+  // there was none. The ended session is copied to `removed` when given.
+  bool Remove(const std::string& id_or_token, Session* removed = nullptr);
   size_t Size();
 
  private:

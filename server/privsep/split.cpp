@@ -38,7 +38,7 @@ bool DropTo(uid_t uid, gid_t gid, pid_t parent) {
 
 }  // namespace
 
-int ServeSplit(const std::string& user, AccountOps& local, const sigset_t& signals,
+int ServeSplit(const std::string& user, LocalAccountOps& local, const sigset_t& signals,
                const FrontMain& front, const std::function<void()>& parent_started,
                const TlsReader& read_tls) {
   struct passwd* pw = getpwnam(user.c_str());
@@ -63,6 +63,10 @@ int ServeSplit(const std::string& user, AccountOps& local, const sigset_t& signa
   const pid_t pid = fork();
   if (pid < 0) return kExitFailure;
   if (pid == 0) {
+    // The front holds neither the grants' key nor the account process's
+    // own descriptors.
+    local.grants().Wipe();
+    priv.CloseInChild();
     close(go[1]);
     prctl(PR_SET_PDEATHSIG, SIGTERM);
     char byte;
@@ -88,6 +92,7 @@ int ServeSplit(const std::string& user, AccountOps& local, const sigset_t& signa
     _exit(code);
   }
   close(go[0]);
+  local.grants().Rekey();
   priv.AllowPeer(pid, uid);
   if (write(go[1], "g", 1) != 1) {
     kill(pid, SIGKILL);

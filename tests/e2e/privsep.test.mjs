@@ -41,6 +41,14 @@ test('the front runs as nobody, cannot open etc/shadow, and the API works', { sk
     const shadow = join(root, 'etc/shadow');
     const open = readdirSync(`/proc/${front}/fd`).map((fd) => { try { return readlinkSync(`/proc/${front}/fd/${fd}`); } catch { return ''; } });
     assert.ok(!open.some((p) => p.startsWith(join(root, 'etc'))), open.join('\n'));
+    // Nor does it hold any of the account process's own descriptors (its
+    // channel's listening socket, its stop pipe), beyond what both inherited.
+    const targets = (pid) => new Set(readdirSync(`/proc/${pid}/fd`).filter((fd) => Number(fd) > 2)
+      .map((fd) => { try { return readlinkSync(`/proc/${pid}/fd/${fd}`); } catch { return ''; } }));
+    const inherited = targets(process.pid);
+    const parentOwn = targets(server.child.pid);
+    const shared = [...targets(front)].filter((t) => parentOwn.has(t) && !inherited.has(t));
+    assert.deepEqual(shared, [], shared.join(' '));
     const tryRead = spawnSync('setpriv', ['--reuid', uid[0], '--regid', gid[0], '--clear-groups', 'cat', shadow]);
     assert.notEqual(tryRead.status, 0);
     assert.equal(spawnSync('cat', [shadow]).status, 0);  // the file is there for root
