@@ -55,15 +55,17 @@ bool AllocateGid(const GroupDb& db, const LoginDefs& defs, unsigned* gid) {
   return false;
 }
 
-// Whether `name` would pass for another group: its skeleton is that of a
-// group in the files (system groups included; `self` aside) or of a built-in
-// one, while it does not fold to that name.
+// Whether `name` would pass for another group: its skeleton, as written or
+// case-folded, is that of a group in the files (system groups included;
+// `self` aside) or of a built-in one, while it does not fold to that name.
 bool LooksLikeAnother(const GroupDb& db, const std::string& name, int self) {
-  const std::string skeleton = NameSkeleton(name);
-  if (skeleton.empty()) return false;
+  const std::string as_written = Skeleton(name);
+  const std::string folded_skeleton = NameSkeleton(name);
+  if (as_written.empty() || folded_skeleton.empty()) return false;
   const std::string folded = FoldCase(name);
   const auto same = [&](const std::string& other) {
-    return FoldCase(other) != folded && NameSkeleton(other) == skeleton;
+    return FoldCase(other) != folded &&
+           (Skeleton(other) == as_written || NameSkeleton(other) == folded_skeleton);
   };
   if (same("administrators") || same("users")) return true;
   for (int i = 0; i < static_cast<int>(db.size()); ++i)

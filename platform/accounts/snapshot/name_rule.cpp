@@ -59,9 +59,10 @@ bool HasInvisible(const std::string& name) {
   return false;
 }
 
-std::string NameSkeleton(const std::string& name) {
+std::string NameSkeleton(const std::string& name) { return Skeleton(FoldCase(name)); }
+
+std::string Skeleton(const std::string& folded) {
   const USpoofChecker* checker = Checker();
-  const std::string folded = FoldCase(name);
   if (checker == nullptr || !IsValidUtf8(folded)) return "";
   UErrorCode e = U_ZERO_ERROR;
   const int32_t len = uspoof_getSkeletonUTF8(checker, 0, folded.data(),

@@ -7,10 +7,12 @@
 // (zero-width spaces and joiners, the soft hyphen, variation selectors, ...),
 // bidirectional controls, any other format character (general category Cf),
 // and unassigned, private-use or surrogate code points. And it is refused
-// when its confusable skeleton (Unicode TS #39, of the case-folded name:
-// NameSkeleton) equals that of a group that exists, of a built-in group or
-// of a system group, unless both fold to the same name (the name rule of the
-// store decides that case). Names already in the files are never checked.
+// when its confusable skeleton (Unicode TS #39: Skeleton), taken of the name
+// as written or of its case-folded form (NameSkeleton), equals that of a
+// group that exists, of a built-in group or of a system group, taken the same
+// way, unless both fold to the same name (the name rule of the store decides
+// that case): "aIice" passes for "alice" as written, "ΑDMIN" for "admin"
+// once folded. Names already in the files are never checked.
 //
 // Thread-safety: every function may be called from any thread.
 // Errors: none. Text that is not valid UTF-8 is returned unchanged by
@@ -25,7 +27,9 @@ namespace acct {
 
 std::string NfcName(const std::string& name);
 bool HasInvisible(const std::string& name);
-// The TS #39 skeleton of FoldCase(name), as UTF-8 ("" when none can be made).
+// The TS #39 skeleton of `text`, as UTF-8 ("" when none can be made).
+std::string Skeleton(const std::string& text);
+// Skeleton(FoldCase(name)).
 std::string NameSkeleton(const std::string& name);
 
 }  // namespace acct
