@@ -7,7 +7,9 @@ import http from 'node:http';
 import https from 'node:https';
 import tls from 'node:tls';
 import crypto from 'node:crypto';
-import { readFileSync, copyFileSync, writeFileSync, chmodSync, mkdirSync } from 'node:fs';
+import {
+  readFileSync, copyFileSync, writeFileSync, chmodSync, mkdirSync, symlinkSync, unlinkSync,
+} from 'node:fs';
 import { join } from 'node:path';
 import { withServer, startServer, runTavo, scratch, initRoot, ADMIN_PASSWORD } from './helpers.mjs';
 
@@ -147,6 +149,15 @@ for (const split of [false, true]) {
         writeFileSync(cert, 'not a certificate\n');
         await hup(/TLS certificate kept as it was: the certificate is not a PEM certificate/);
         assert.equal(await presented(server.url), fingerprint(certA));
+        // The key path made a link to a copy of the shadow file: the files are
+        // not read through it, so its bytes never reach the front.
+        copyFileSync(certA, cert);
+        copyFileSync(join(root, 'etc/shadow'), join(dir, 'shadow-copy'));
+        unlinkSync(key);
+        symlinkSync(join(dir, 'shadow-copy'), key);
+        await hup(/TLS certificate kept as it was: \S*key\.pem is a symbolic link/);
+        unlinkSync(key);
+        copyFileSync(keyA, key);
 
         // The renewed pair: new handshakes get it, the open connection and
         // the session carry on.
