@@ -66,8 +66,14 @@ std::string RequestToken(const HttpRequest& req) {
   return "";
 }
 
+void HttpServer::Impl::EndGrants() {
+  for (const SessionStore::Session& s : sessions.TakeEnded())
+    ops.Logout(LoginIdentity{s.account, s.stamp, s.grant});
+}
+
 bool HttpServer::Impl::Authorize(const HttpRequest& req, HttpResponse& res,
                                  SessionStore::Session* s, bool recheck) {
+  EndGrants();
   const std::string token = RequestToken(req);
   if (token.empty()) {
     SendError(res, 401,
@@ -134,7 +140,9 @@ void HttpServer::Impl::Login(const HttpRequest& req, HttpResponse& res) {
   }
   res.log.account = outcome.who.name;
   SessionStore::Session s;
-  if (!sessions.Create(outcome.who.name, outcome.who.stamp, &s, outcome.who.grant)) {
+  const bool created = sessions.Create(outcome.who.name, outcome.who.stamp, &s, outcome.who.grant);
+  EndGrants();  // of sessions dropped to make room, among others
+  if (!created) {
     SendError(res, 500, "no session could be started");
     return;
   }

@@ -55,7 +55,8 @@ std::map<std::string, SessionStore::Session>::iterator SessionStore::LookupToken
   return it != by_id_.end() && SecretEquals(it->second.token, token) ? it : by_id_.end();
 }
 
-void SessionStore::Erase(std::map<std::string, Session>::iterator it) {
+void SessionStore::Erase(std::map<std::string, Session>::iterator it, bool report) {
+  if (report && ended_.size() < max_sessions_) ended_.push_back(it->second);
   id_by_token_.erase(Prefix(it->second.token));
   by_id_.erase(it);
 }
@@ -88,7 +89,7 @@ bool SessionStore::Remove(const std::string& id_or_token, Session* removed) {
   if (it == by_id_.end()) it = LookupId(id_or_token);
   if (it == by_id_.end()) return false;
   if (removed) *removed = it->second;
-  Erase(it);
+  Erase(it, false);
   return true;
 }
 
@@ -96,6 +97,13 @@ size_t SessionStore::Size() {
   std::lock_guard<std::mutex> lock(mutex_);
   DropExpired(Clock::now());
   return by_id_.size();
+}
+
+std::vector<SessionStore::Session> SessionStore::TakeEnded() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  std::vector<Session> out;
+  out.swap(ended_);
+  return out;
 }
 
 void SessionStore::DropExpired(Clock::time_point now) {
