@@ -1,17 +1,11 @@
 // Marker files and the directory-services state files.
-#include <errno.h>
-#include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
-#include <cctype>
-#include <climits>
 #include <string>
 
 #include "lock_path.h"
 #include "pid_file.h"
 #include "tavo/directory.h"
-#include "tavo/error.h"
 #include "tavo/root.h"
 #include "tavo/util.h"
 

@@ -27,7 +27,8 @@ namespace tavo {
 namespace internal {
 
 // The platform path of the lock file named `abs_path` ("/tmp/grouplock" ->
-// "/run/tavo/grouplock"; others unchanged).
+// "/run/tavo/grouplock"; others unchanged). Pid and marker files named
+// directly in /tmp are mapped alike (pid_file.h).
 std::string LockFilePath(const std::string& abs_path);
 // Makes the runtime folder when missing; false (logged) when it is refused.
 bool MakeRuntimeDir();
