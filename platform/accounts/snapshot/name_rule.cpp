@@ -59,20 +59,59 @@ bool HasInvisible(const std::string& name) {
   return false;
 }
 
-std::string NameSkeleton(const std::string& name) { return Skeleton(FoldCase(name)); }
+namespace {
 
-std::string Skeleton(const std::string& folded) {
+// The TS #39 skeleton of `text` through ICU ("" when none can be made).
+std::string IcuSkeleton(const std::string& text) {
   const USpoofChecker* checker = Checker();
-  if (checker == nullptr || !IsValidUtf8(folded)) return "";
+  if (checker == nullptr || !IsValidUtf8(text)) return "";
   UErrorCode e = U_ZERO_ERROR;
-  const int32_t len = uspoof_getSkeletonUTF8(checker, 0, folded.data(),
-                                             static_cast<int32_t>(folded.size()), nullptr, 0, &e);
+  const int32_t len = uspoof_getSkeletonUTF8(checker, 0, text.data(),
+                                             static_cast<int32_t>(text.size()), nullptr, 0, &e);
   if (e != U_BUFFER_OVERFLOW_ERROR && U_FAILURE(e)) return "";
   std::string out(static_cast<size_t>(len), '\0');
   e = U_ZERO_ERROR;
-  uspoof_getSkeletonUTF8(checker, 0, folded.data(), static_cast<int32_t>(folded.size()), &out[0],
-                         len, &e);
+  uspoof_getSkeletonUTF8(checker, 0, text.data(), static_cast<int32_t>(text.size()), &out[0], len,
+                         &e);
   return U_FAILURE(e) ? "" : out;
+}
+
+// The skeleton of each ASCII character, where it is ASCII too. An ASCII
+// text is in NFD and its characters' prototypes carry no combining marks, so
+// its skeleton is their prototypes put end to end: a name is then mapped
+// without ICU (a check compares against every group in the files).
+struct AsciiSkeletons {
+  std::string of[128];
+  bool ascii[128] = {};
+  AsciiSkeletons() {
+    for (int c = 1; c < 128; ++c) {
+      of[c] = IcuSkeleton(std::string(1, static_cast<char>(c)));
+      ascii[c] = !of[c].empty();
+      for (char b : of[c])
+        if (static_cast<unsigned char>(b) >= 0x80) ascii[c] = false;
+    }
+  }
+};
+
+const AsciiSkeletons& Ascii() {
+  static const AsciiSkeletons table;
+  return table;
+}
+
+}  // namespace
+
+std::string NameSkeleton(const std::string& name) { return Skeleton(FoldCase(name)); }
+
+std::string Skeleton(const std::string& text) {
+  const AsciiSkeletons& table = Ascii();
+  std::string out;
+  out.reserve(text.size());
+  for (char b : text) {
+    const unsigned char c = static_cast<unsigned char>(b);
+    if (c == 0 || c >= 0x80 || !table.ascii[c]) return IcuSkeleton(text);
+    out += table.of[c];
+  }
+  return out;
 }
 
 }  // namespace acct
