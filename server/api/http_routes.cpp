@@ -40,6 +40,8 @@ bool EtagMatches(const std::string& if_none_match, const std::string& etag) {
   return false;
 }
 
+}  // namespace
+
 ThrottleLimits LoginLimits(const ServeOptions& o) {
   ThrottleLimits l;
   l.per_pair = l.per_device = l.free_per_account = o.login_max_failures;
@@ -47,8 +49,6 @@ ThrottleLimits LoginLimits(const ServeOptions& o) {
   l.window = std::chrono::seconds(o.login_window);
   return l;
 }
-
-}  // namespace
 
 const char* Reason(int status) {
   switch (status) {

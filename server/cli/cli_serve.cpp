@@ -263,7 +263,7 @@ int ServeMain(const std::vector<std::string>& command_line) {
 
   LocalAccountOps local(modules, static_cast<size_t>(options.answer_cache),
                         std::chrono::seconds(options.session_lifetime),
-                        2 * static_cast<size_t>(options.max_sessions));
+                        2 * static_cast<size_t>(options.max_sessions), LoginLimits(options));
   WatchdogIntervalUsec();  // asked here, in the process systemd watches
   if (!options.privsep_user.empty()) {
     if (geteuid() != 0) {

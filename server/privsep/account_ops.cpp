@@ -7,8 +7,12 @@
 namespace tavo_server {
 
 LocalAccountOps::LocalAccountOps(const ModuleSet& modules, size_t kept_answers,
-                                 std::chrono::seconds session_lifetime, size_t max_grants)
-    : modules_(modules), grants_(session_lifetime, max_grants), answers_(kept_answers) {}
+                                 std::chrono::seconds session_lifetime, size_t max_grants,
+                                 const ThrottleLimits& login_limits)
+    : modules_(modules),
+      grants_(session_lifetime, max_grants),
+      limit_(login_limits),
+      answers_(kept_answers) {}
 
 LoginResult LocalAccountOps::CheckLogin(const std::string& account, const std::string& password,
                                         LoginIdentity* who) {

@@ -62,13 +62,15 @@ Json::Value LocalStats();
 // Answers that a module marked reusable are kept (answer_cache.h) and given
 // again, after the same login check, while their files are unchanged: at
 // most `kept_answers` of them (0: none). A grant lives at most
-// `session_lifetime`, and at most `max_grants` live at once.
+// `session_lifetime`, and at most `max_grants` live at once; password checks
+// are limited as `login_limits` says (its window, free failures and delays).
 class LocalAccountOps : public AccountOps {
  public:
   explicit LocalAccountOps(const ModuleSet& modules,
                            size_t kept_answers = AnswerCache::kDefaultEntries,
                            std::chrono::seconds session_lifetime = std::chrono::hours(8),
-                           size_t max_grants = 1024);
+                           size_t max_grants = 1024,
+                           const ThrottleLimits& login_limits = ThrottleLimits());
   LoginResult CheckLogin(const std::string& account, const std::string& password,
                          LoginIdentity* who) override;
   LoginResult Recheck(const LoginIdentity& who) override;
