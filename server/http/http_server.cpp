@@ -8,7 +8,6 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sched.h>
-#include <strings.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -131,20 +130,6 @@ void* OnRequestLine(void* cls, const char*, MHD_Connection* connection) {
   if (c != nullptr && c->idle) {
     c->idle = false;
     ConnDeadlines::Set(&c->slot, Seconds(s->options.read_timeout));
-  }
-  return nullptr;
-}
-
-// The name of a header that must come at most once and came more often, or
-// null: two Content-Length headers could each frame the body (a proxy that
-// took the other one would see another request in it), two Host headers
-// each name a site.
-const char* RepeatedHeader(const HeaderList& headers) {
-  for (const char* name : {"Content-Length", "Host"}) {
-    int seen = 0;
-    for (const auto& h : headers)
-      if (strcasecmp(h.first.c_str(), name) == 0) ++seen;
-    if (seen > 1) return name;
   }
   return nullptr;
 }
