@@ -111,15 +111,16 @@ void Drop() {
   g_conn = Connection();
 }
 
-// Makes the database file when absent, and takes from it and from its WAL
-// and shared-memory files any access of others: who changed what is for the
-// service alone. SQLite gives the files it makes the database's own mode.
-void Tighten(const std::string& path) {
+// Makes the database file when absent (`create`), and takes from it and from
+// its WAL and shared-memory files any access of others: who changed what is
+// for the service alone. SQLite gives the files it makes the database's own
+// mode.
+void Tighten(const std::string& path, bool create) {
   for (const char* suffix : {"", "-wal", "-shm"}) {
     const std::string file = path + suffix;
-    int fd = open(file.c_str(),
-                  O_RDWR | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY | (*suffix ? 0 : O_CREAT),
-                  0600);
+    const int make = create && !*suffix ? O_CREAT : 0;
+    int fd =
+        open(file.c_str(), O_RDWR | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY | make, 0600);
     if (fd < 0) continue;
     struct stat st;
     if (fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && (st.st_mode & 077) != 0 &&
@@ -150,7 +151,7 @@ sqlite3* Acquire() {
     TAVO_ERR_SET(TAVO_ERR_DB);
     return nullptr;
   }
-  Tighten(path);
+  Tighten(path, true);
   sqlite3* db = nullptr;
   int rc = Sq().open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr);
   if (rc == SQLITE_OK) {
@@ -275,6 +276,8 @@ int TAVOLogSet1(int category, int level, unsigned int event, const char* a1, con
 }  // extern "C"
 
 namespace tavo {
+
+void EventLogRestrict() { Tighten(TavoRootPath(kDbPath), false); }
 
 bool EventLogList(int offset, int limit, Json::Value* out) {
   if (!out) {

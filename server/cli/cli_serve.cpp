@@ -33,6 +33,7 @@
 #include "serve_conf.h"
 #include "systemd_notify.h"
 #include "tavo/error.h"
+#include "tavo/eventlog.h"
 #include "tavo/root.h"
 #include "tavo/store_check.h"
 #include "terminal_text.h"
@@ -227,6 +228,8 @@ int ServeMain(const std::vector<std::string>& command_line) {
     syslog(LOG_WARNING, "cannot complete a cut-off change of the group files (error 0x%04X)",
            TLIBCErrGet());
   for (const std::string& r : recovered.repairs) syslog(LOG_NOTICE, "%s", r.c_str());
+  // An event log made by an older version may still be readable by others.
+  tavo::EventLogRestrict();
 
   ModuleSet modules;
   if (!LoadAllModules(options.modules_dir, &modules, true)) return kExitFailure;

@@ -138,6 +138,13 @@ TEST(EventLogTest, FilesAreReadableByTheirOwnerAlone) {
   for (const char* f : files) {
     if (stat(root.Path(f).c_str(), &st) != 0) continue;  // folded away at the end
     EXPECT_EQ(st.st_mode & 077, 0u) << f << " " << std::oct << st.st_mode;
+    chmod(root.Path(f).c_str(), 0644);
+  }
+  // What a server does at start, before any entry is written.
+  tavo::EventLogRestrict();
+  for (const char* f : files) {
+    if (stat(root.Path(f).c_str(), &st) != 0) continue;
+    EXPECT_EQ(st.st_mode & 077, 0u) << f << " " << std::oct << st.st_mode;
   }
 }
 
