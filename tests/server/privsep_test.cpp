@@ -15,6 +15,7 @@
 #include "eventlog_api.h"
 #include "json_util.h"
 #include "module_loader.h"
+#include "privsep/grant_book.h"
 #include "privsep/priv_channel.h"
 #include "privsep/priv_client.h"
 #include "privsep/priv_server.h"
@@ -106,6 +107,30 @@ TEST_F(PrivsepTest, ServesItsFrontAndRefusesForgedRequestsAndOtherPeers) {
   Json::Value info(Json::objectValue);
   info["op"] = "info";
   EXPECT_TRUE(front.Ask(info, &answer));  // the front itself still is
+}
+
+// A grant lives while its session may: not past the lifetime, not once
+// pushed out by newer ones, and only for the name and stamp it was made for.
+TEST(GrantBookTest, GrantsEndWithTheirLifetimeOrForRoom) {
+  GrantBook book(std::chrono::seconds(60), 2);
+  GrantBook::Clock::time_point t{};
+  t += std::chrono::hours(1);
+  LoginIdentity a{"a", "s1", ""}, b{"b", "s1", ""}, c{"c", "s1", ""};
+  a.grant = book.Issue(a, t);
+  b.grant = book.Issue(b, t + std::chrono::seconds(1));
+  EXPECT_TRUE(book.Valid(a, t + std::chrono::seconds(1)));
+  for (LoginIdentity other : {LoginIdentity{"b", "s2", b.grant}, LoginIdentity{"a", "s1", b.grant}})
+    EXPECT_FALSE(book.Valid(other, t)) << other.name << " " << other.stamp;
+  c.grant = book.Issue(c, t + std::chrono::seconds(2));  // a is the oldest: pushed out
+  EXPECT_FALSE(book.Valid(a, t + std::chrono::seconds(2)));
+  EXPECT_TRUE(book.Valid(b, t + std::chrono::seconds(61)));
+  EXPECT_FALSE(book.Valid(b, t + std::chrono::seconds(62)));  // past its lifetime
+  EXPECT_TRUE(book.Valid(c, t + std::chrono::seconds(2)));
+  book.Revoke(LoginIdentity{"c", "s1", c.grant + "0"});  // not its grant: nothing ends
+  EXPECT_TRUE(book.Valid(c, t + std::chrono::seconds(2)));
+  book.Wipe();
+  EXPECT_FALSE(book.Valid(c, t + std::chrono::seconds(2)));
+  EXPECT_TRUE(book.KeyForTesting().empty());
 }
 
 // Whether the server answers one raw frame that declares `declared` bytes
