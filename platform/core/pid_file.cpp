@@ -117,10 +117,15 @@ int HoldPidFile(const char* path, int* holder, std::string* error) {
     struct stat st {};
     if (fd < 0 && errno != ELOOP) break;
     if (fd < 0 || fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || st.st_uid != geteuid()) {
-      // Not ours: the folder is, so whatever is there goes.
+      // Not ours: in the runtime folder, which is, whatever is there goes;
+      // elsewhere it is refused.
       if (fd >= 0) close(fd);
       lstat(real.c_str(), &st);
       internal::LogRefusal(real, st);
+      if (mapped == path) {
+        *error = real + " is not a regular file of this service";
+        return -1;
+      }
       if (unlink(real.c_str()) != 0 && errno != ENOENT) break;
       continue;
     }

@@ -56,7 +56,8 @@ std::string CaseFoldKey(const std::string& text);
 // Writes this process's id to the pid file at an absolute platform path and
 // holds it (an open file description lock) until ReleasePidFile; the runtime
 // folder is made when needed. Something there that is not a regular file of
-// this service is logged and replaced. Returns a descriptor (close-on-exec);
+// this service is logged, and replaced in the runtime folder (refused
+// elsewhere). Returns a descriptor (close-on-exec);
 // -1 when another live holder has it (*holder set to its pid, or 0 when
 // unknown) or on an error (*holder -1, *error set).
 int HoldPidFile(const char* path, int* holder, std::string* error);
