@@ -23,7 +23,11 @@ LoginResult LocalAccountOps::CheckLogin(const std::string& account, const std::s
     who->grant = grants_.Issue(*who);
     if (who->grant.empty()) r = LoginResult::kUnavailable;
   }
-  limit_.End(account, r == LoginResult::kOk);
+  if (r == LoginResult::kUnavailable) {
+    limit_.Cancel(account);  // no password was judged
+  } else {
+    limit_.End(account, r == LoginResult::kOk);
+  }
   return r;
 }
 

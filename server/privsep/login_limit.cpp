@@ -31,6 +31,13 @@ bool LoginLimit::Begin(const std::string& account, Clock::time_point now) {
   return true;
 }
 
+void LoginLimit::Cancel(const std::string& account) {
+  const std::string key = tavo::CaseFoldKey(account);
+  std::lock_guard<std::mutex> lock(mu_);
+  Count& c = counts_[key];
+  if (c.pending > 0) --c.pending;
+}
+
 void LoginLimit::End(const std::string& account, bool success, Clock::time_point now) {
   const std::string key = tavo::CaseFoldKey(account);
   std::lock_guard<std::mutex> lock(mu_);

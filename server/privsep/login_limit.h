@@ -7,7 +7,8 @@
 // when the last check of it began at least first_delay * 2^(failures - free)
 // ago (at most max_delay): the pace that the network front already imposes
 // on an honest client (login_throttle.h). A try that comes sooner is refused
-// without looking at its password. A success forgets the account's failures.
+// without looking at its password. A success forgets the account's failures;
+// a try that judged no password (Cancel) counts for neither.
 //
 // Thread-safety: all methods may be called from any thread.
 #ifndef TAVO_SERVER_PRIVSEP_LOGIN_LIMIT_H_
@@ -33,6 +34,8 @@ class LoginLimit {
   // true the caller must call End with the outcome.
   bool Begin(const std::string& account, Clock::time_point now = Clock::now());
   void End(const std::string& account, bool success, Clock::time_point now = Clock::now());
+  // Ends a try that neither failed nor succeeded (the files could not be read).
+  void Cancel(const std::string& account);
 
  private:
   struct Count {

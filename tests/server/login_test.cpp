@@ -177,6 +177,11 @@ TEST(LoginLimitTest, PacesAnAccountPastItsFreeFailures) {
     limit.End("boss", false, t + milliseconds(760));
   }
   EXPECT_FALSE(limit.Begin("boss", t + milliseconds(770)));
+  // A try that judged nothing (unreadable files) counts as no failure.
+  ASSERT_TRUE(limit.Begin("boss", t + milliseconds(1010)));
+  limit.Cancel("boss");
+  EXPECT_TRUE(limit.Begin("boss", t + milliseconds(1260)));
+  limit.Cancel("boss");
   // Failures older than the window no longer count.
   EXPECT_TRUE(limit.Begin("boss", t + std::chrono::seconds(62)));
 }
