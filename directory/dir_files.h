@@ -29,6 +29,7 @@ const char* KindName(Kind kind);  // "ldap" or "domain"
 const char* ConfigPath(Kind kind);     // /etc/tavo/ldap, /etc/tavo/domain
 const char* GroupListPath(Kind kind);  // the local copy of the group list
 const char* SecretPath(Kind kind);
+// The module's name; the platform keeps it in the runtime folder.
 constexpr const char kDomainPidPath[] = "/tmp/domain_group.pid";
 
 // A binding or membership as stored in its configuration file.

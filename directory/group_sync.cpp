@@ -28,29 +28,21 @@ const char kDomainFilter[] = "(objectClass=group)";
 const char kLdapRange[] = "2000000-2999999";
 const char kDomainRange[] = "100000-999999";
 
-// Holds tmp/domain_group.pid with this process's id; removes it when done.
+// Holds the domain's pid file (in the runtime folder) with this process's
+// id while the list is rebuilt; removes it when done.
 class PidFile {
  public:
   bool Take(std::string* error) {
-    int pid = TLIBCReadPidFile(kDomainPidPath);
-    if (pid > 0 && pid != getpid() && (kill(pid, 0) == 0 || errno == EPERM)) {
-      *error = "the domain group list is being rebuilt by process " + std::to_string(pid);
-      return false;
-    }
-    // Absent, unreadable, or left by a process that is gone: ours now.
-    if (!ReplaceFile(tavo::TavoRootPath(kDomainPidPath), std::to_string(getpid()) + "\n", 0644,
-                     error))
-      return false;
-    held_ = true;
-    return true;
+    int holder = -1;
+    fd_ = tavo::HoldPidFile(kDomainPidPath, &holder, error);
+    if (fd_ < 0 && holder >= 0)
+      *error = "the domain group list is being rebuilt by process " + std::to_string(holder);
+    return fd_ >= 0;
   }
-  ~PidFile() {
-    std::string ignored;
-    if (held_) RemoveRootFile(kDomainPidPath, &ignored);
-  }
+  ~PidFile() { tavo::ReleasePidFile(kDomainPidPath, fd_); }
 
  private:
-  bool held_ = false;
+  int fd_ = -1;
 };
 
 bool First(const Entry& e, const char* attr, std::string* out) {

@@ -13,8 +13,8 @@
 //   Domain: entries of objectClass "group", name "WORKGROUP\sAMAccountName",
 //     gid from gidNumber, else LOW + the RID of objectSid (idmap.h) within
 //     idmap_range (default 100000-999999). While the domain list is rebuilt,
-//     tmp/domain_group.pid holds this process's id; a pid file left by a
-//     process that is gone is removed first.
+//     the pid file run/tavo/domain_group.pid holds this process's id, locked
+//     (tavo::HoldPidFile); one that no live process holds is taken over.
 //   Entries without a usable name (empty, ":" or control characters, "@" or
 //   "\"), without a gid, or repeating a name (ignoring ASCII case) are
 //   skipped and counted. Lines are "NAME:x:GID:", ordered by name.

@@ -5,6 +5,16 @@
 // from the appliance (group names, descriptions, log messages) can never turn
 // into markup or script.
 
+// Characters that show nothing, or change how the text around them shows
+// (default-ignorable code points, bidirectional controls, other format
+// characters): written as a visible ⟨U+XXXX⟩, so that a name such as
+// "sudo\u200b" cannot pass for "sudo" on the page.
+const INVISIBLE = /[\p{Default_Ignorable_Code_Point}\p{Bidi_Control}\p{Cf}\u2028\u2029]/gu;
+export function visible(text) {
+  return String(text).replace(INVISIBLE,
+    (c) => `⟨U+${c.codePointAt(0).toString(16).toUpperCase().padStart(4, '0')}⟩`);
+}
+
 // h('button', {type: 'button', onclick: fn}, 'Save') -> <button>Save</button>
 //   props: "class" -> className, "text" -> textContent, "on<event>" -> listener,
 //          true -> empty attribute, false/null/undefined -> left out,
@@ -17,7 +27,7 @@ export function h(tag, props = {}, ...children) {
     if (key === 'class') {
       node.className = value;
     } else if (key === 'text') {
-      node.textContent = String(value);
+      node.textContent = visible(value);
     } else if (key.startsWith('on') && typeof value === 'function') {
       node.addEventListener(key.slice(2), value);
     } else if (value === true) {
@@ -35,7 +45,7 @@ function append(node, children) {
     if (child === null || child === undefined || child === false) continue;
     if (Array.isArray(child)) append(node, child);
     else if (child instanceof Node) node.appendChild(child);
-    else node.appendChild(document.createTextNode(String(child)));
+    else node.appendChild(document.createTextNode(visible(child)));
   }
 }
 

@@ -7,6 +7,7 @@
 #include "tavo/eventlog.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <syslog.h>
 #include <time.h>
@@ -110,6 +111,25 @@ void Drop() {
   g_conn = Connection();
 }
 
+// Makes the database file when absent (`create`), and takes from it and from
+// its WAL and shared-memory files any access of others: who changed what is
+// for the service alone. SQLite gives the files it makes the database's own
+// mode.
+void Tighten(const std::string& path, bool create) {
+  for (const char* suffix : {"", "-wal", "-shm"}) {
+    const std::string file = path + suffix;
+    const int make = create && !*suffix ? O_CREAT : 0;
+    int fd =
+        open(file.c_str(), O_RDWR | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY | make, 0600);
+    if (fd < 0) continue;
+    struct stat st;
+    if (fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && (st.st_mode & 077) != 0 &&
+        fchmod(fd, st.st_mode & 0700) != 0)
+      syslog(LOG_WARNING, "event log: cannot restrict %s to its owner", file.c_str());
+    close(fd);
+  }
+}
+
 // Opens the database of the current root, or returns the open connection
 // when it still belongs to this process and to the file now at the path.
 // Creates folders, file and table when absent. Caller holds g_mu.
@@ -131,6 +151,7 @@ sqlite3* Acquire() {
     TAVO_ERR_SET(TAVO_ERR_DB);
     return nullptr;
   }
+  Tighten(path, true);
   sqlite3* db = nullptr;
   int rc = Sq().open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr);
   if (rc == SQLITE_OK) {
@@ -255,6 +276,8 @@ int TAVOLogSet1(int category, int level, unsigned int event, const char* a1, con
 }  // extern "C"
 
 namespace tavo {
+
+void EventLogRestrict() { Tighten(TavoRootPath(kDbPath), false); }
 
 bool EventLogList(int offset, int limit, Json::Value* out) {
   if (!out) {

@@ -1,62 +1,20 @@
-// Pid files, marker files and the directory-services state files.
-#include <errno.h>
-#include <fcntl.h>
+// Marker files and the directory-services state files.
 #include <sys/stat.h>
-#include <unistd.h>
 
-#include <cctype>
-#include <climits>
 #include <string>
 
+#include "lock_path.h"
+#include "pid_file.h"
 #include "tavo/directory.h"
-#include "tavo/error.h"
 #include "tavo/root.h"
 #include "tavo/util.h"
 
-namespace {
-
-constexpr size_t kPidLineMax = 64;
-
-// Parses the first line of a pid file: optional blanks, decimal digits,
-// optional blanks. Returns the positive number or -1.
-int ParsePidLine(const std::string& text) {
-  size_t i = 0, end = text.find('\n');
-  if (end == std::string::npos) end = text.size();
-  while (i < end && (text[i] == ' ' || text[i] == '\t')) ++i;
-  long long value = 0;
-  size_t digits = 0;
-  for (; i < end && std::isdigit(static_cast<unsigned char>(text[i])); ++i, ++digits) {
-    value = value * 10 + (text[i] - '0');
-    if (value > INT_MAX) return -1;
-  }
-  while (i < end && std::isspace(static_cast<unsigned char>(text[i]))) ++i;
-  if (digits == 0 || i != end || value <= 0) return -1;
-  return static_cast<int>(value);
-}
-
-}  // namespace
-
 extern "C" {
-
-int TLIBCReadPidFile(const char* path) {
-  if (!path) return TAVO_ERR_SET(TAVO_ERR_ARGUMENT);
-  std::string real = tavo::TavoRootPath(path);
-  int fd = open(real.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY);
-  if (fd < 0) return TAVO_ERR_SET(errno == ENOENT ? TAVO_ERR_NOT_FOUND : TAVO_ERR_IO);
-  char buf[kPidLineMax];
-  ssize_t n;
-  do {
-    n = read(fd, buf, sizeof(buf));
-  } while (n < 0 && errno == EINTR);
-  close(fd);
-  if (n < 0) return TAVO_ERR_SET(TAVO_ERR_IO);
-  int pid = ParsePidLine(std::string(buf, static_cast<size_t>(n)));
-  if (pid < 0) return TAVO_ERR_SET(TAVO_ERR_FORMAT);
-  return pid;
-}
 
 int TLIBCFileExist(const char* path) {
   if (!path) return 0;
+  const std::string runtime = tavo::internal::LockFilePath(path);
+  if (runtime != path) return tavo::internal::RuntimeFileExists(runtime) ? 1 : 0;
   struct stat st;
   return stat(tavo::TavoRootPath(path).c_str(), &st) == 0 ? 1 : 0;
 }

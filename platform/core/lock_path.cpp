@@ -205,6 +205,8 @@ std::string LockFilePath(const std::string& abs_path) {
   return std::string(kRuntimeDir) + "/" + name;
 }
 
+bool MakeRuntimeDir() { return RuntimeDir() != nullptr; }
+
 int OpenLockFile(const std::string& abs_path) {
   const int flags = O_RDWR | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NOFOLLOW;
   const std::string lock = LockFilePath(abs_path);

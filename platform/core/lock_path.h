@@ -27,8 +27,11 @@ namespace tavo {
 namespace internal {
 
 // The platform path of the lock file named `abs_path` ("/tmp/grouplock" ->
-// "/run/tavo/grouplock"; others unchanged).
+// "/run/tavo/grouplock"; others unchanged). Pid and marker files named
+// directly in /tmp are mapped alike (pid_file.h).
 std::string LockFilePath(const std::string& abs_path);
+// Makes the runtime folder when missing; false (logged) when it is refused.
+bool MakeRuntimeDir();
 // Opens (creating when needed) the lock file named `abs_path` for reading
 // and writing. Returns the descriptor (close-on-exec) or -1. A lock file of
 // the runtime folder may come from the idle ones kept by CloseLockFile: its

@@ -18,23 +18,40 @@
 #include "tavo/error.h"
 #include "tavo/root.h"
 
-extern char** environ;
-
 namespace {
 
 constexpr long kDefaultHookTimeoutMs = 5000;
 
-// Executable regular files of the hook folder, sorted by name. Names starting
-// with "." are skipped. False when the folder exists but cannot be read.
+// Whether a hook file or its folder may be trusted to run as this service:
+// owned by root or by the service's user, and writable by no one else.
+bool Trusted(const struct stat& st) {
+  return (st.st_uid == 0 || st.st_uid == geteuid()) && (st.st_mode & 022) == 0;
+}
+
+// The hooks of the hook folder, sorted by name: regular files (not symbolic
+// links) with an execute bit, trusted as above. Names starting with "." are
+// skipped; other files, and every file of a folder that is not itself
+// trusted, are logged and skipped. False when the folder exists but cannot
+// be read.
 bool ListHooks(const std::string& dir, std::vector<std::string>* hooks) {
   DIR* d = opendir(dir.c_str());
   if (!d) return errno == ENOENT || errno == ENOTDIR;
+  struct stat folder;
+  const bool folder_ok = fstat(dirfd(d), &folder) == 0 && Trusted(folder);
   while (struct dirent* e = readdir(d)) {
     if (e->d_name[0] == '.') continue;
     std::string path = dir + "/" + e->d_name;
     struct stat st;
-    if (stat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) continue;
-    if (access(path.c_str(), X_OK) != 0) continue;
+    if (lstat(path.c_str(), &st) != 0) continue;
+    if (S_ISREG(st.st_mode) && (st.st_mode & 0111) == 0) continue;  // not meant to run
+    if (!folder_ok || !S_ISREG(st.st_mode) || !Trusted(st)) {
+      syslog(LOG_WARNING,
+             "reload hook %s not run: %s (owner uid %u, mode %06o); hooks must be regular "
+             "files of root, writable by root alone, in a folder of the same kind",
+             path.c_str(), !folder_ok ? "its folder is not trusted" : "not trusted",
+             static_cast<unsigned>(st.st_uid), static_cast<unsigned>(st.st_mode));
+      continue;
+    }
     hooks->push_back(e->d_name);
   }
   closedir(d);
@@ -42,15 +59,13 @@ bool ListHooks(const std::string& dir, std::vector<std::string>* hooks) {
   return true;
 }
 
-// The caller's environment with TAVO_ROOT set to the platform root.
+// A minimal environment, as cron or run-parts under systemd would give:
+// a fixed PATH, the C locale and TAVO_ROOT, the platform root. Nothing of
+// the caller's environment is passed on.
 std::vector<std::string> HookEnvironment() {
-  std::vector<std::string> env;
-  for (char** p = environ; p && *p; ++p) {
-    if (std::strncmp(*p, "TAVO_ROOT=", 10) != 0) env.push_back(*p);
-  }
   std::string root = tavo::TavoRootGet();
-  env.push_back("TAVO_ROOT=" + (root.empty() ? std::string("/") : root));
-  return env;
+  return {"PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin", "LANG=C",
+          "TAVO_ROOT=" + (root.empty() ? std::string("/") : root)};
 }
 
 }  // namespace

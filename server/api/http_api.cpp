@@ -35,6 +35,7 @@ void HttpServer::Impl::Serve(const HttpRequest& req, HttpResponse& res,
     return;
   }
   res.log.code = result.code;
+  res.log.served = true;
   // How long the module itself ran, so that a client can tell the server's
   // own cost of a call from the module's work (shown by browsers' tools).
   if (result.module_us > 0) {

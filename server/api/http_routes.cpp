@@ -40,6 +40,8 @@ bool EtagMatches(const std::string& if_none_match, const std::string& etag) {
   return false;
 }
 
+}  // namespace
+
 ThrottleLimits LoginLimits(const ServeOptions& o) {
   ThrottleLimits l;
   l.per_pair = l.per_device = l.free_per_account = o.login_max_failures;
@@ -47,8 +49,6 @@ ThrottleLimits LoginLimits(const ServeOptions& o) {
   l.window = std::chrono::seconds(o.login_window);
   return l;
 }
-
-}  // namespace
 
 const char* Reason(int status) {
   switch (status) {
@@ -93,11 +93,12 @@ HttpServer::Impl::Impl(const ServeOptions& o, AccountOps& a)
       site(o.server_names, o.tls()) {
   using Req = const HttpRequest&;
   using Res = HttpResponse&;
-  // Password checks and module calls may wait on locks, fsync or crypt: they
-  // run on the workers. The session check only looks in memory.
+  // Password checks and module calls may wait on locks, fsync or crypt, and a
+  // logout tells the account side: they run on the workers. The session check
+  // only looks in memory.
   routes = {
       {"POST", "/api/auth/login", Lane::kWorker, [this](Req q, Res r) { Login(q, r); }},
-      {"POST", "/api/auth/logout", Lane::kEvent, [this](Req q, Res r) { Logout(q, r); }},
+      {"POST", "/api/auth/logout", Lane::kWorker, [this](Req q, Res r) { Logout(q, r); }},
       {"GET", "/api/auth/session", Lane::kEvent, [this](Req q, Res r) { SessionInfo(q, r); }},
       {"GET", "/api/info", Lane::kWorker, [this](Req q, Res r) { ApiInfo(q, r); }},
       {"POST", "/api", Lane::kWorker, [this](Req q, Res r) { ApiPost(q, r); }},

@@ -66,8 +66,14 @@ std::string RequestToken(const HttpRequest& req) {
   return "";
 }
 
+void HttpServer::Impl::EndGrants() {
+  for (const SessionStore::Session& s : sessions.TakeEnded())
+    ops.Logout(LoginIdentity{s.account, s.stamp, s.grant});
+}
+
 bool HttpServer::Impl::Authorize(const HttpRequest& req, HttpResponse& res,
                                  SessionStore::Session* s, bool recheck) {
+  EndGrants();
   const std::string token = RequestToken(req);
   if (token.empty()) {
     SendError(res, 401,
@@ -96,7 +102,9 @@ bool HttpServer::Impl::Refuse(const HttpRequest& req, HttpResponse& res,
     case LoginResult::kDenied:
       break;
   }
-  sessions.Remove(RequestToken(req));
+  SessionStore::Session ended;
+  if (sessions.Remove(RequestToken(req), &ended))
+    ops.Logout(LoginIdentity{ended.account, ended.stamp, ended.grant});
   SendError(res, 401,
             "the session has ended: the account " + s.account +
                 " is no longer a valid administrator or its password changed");
@@ -132,7 +140,9 @@ void HttpServer::Impl::Login(const HttpRequest& req, HttpResponse& res) {
   }
   res.log.account = outcome.who.name;
   SessionStore::Session s;
-  if (!sessions.Create(outcome.who.name, outcome.who.stamp, &s, outcome.who.grant)) {
+  const bool created = sessions.Create(outcome.who.name, outcome.who.stamp, &s, outcome.who.grant);
+  EndGrants();  // of sessions dropped to make room, among others
+  if (!created) {
     SendError(res, 500, "no session could be started");
     return;
   }
@@ -149,7 +159,10 @@ void HttpServer::Impl::Login(const HttpRequest& req, HttpResponse& res) {
 void HttpServer::Impl::Logout(const HttpRequest& req, HttpResponse& res) {
   std::string key = RequestToken(req);
   if (key.empty()) key = CookieValue(req, kSessionCookie);
-  if (!key.empty()) sessions.Remove(key);
+  SessionStore::Session ended;
+  // The account process ends the session's grant too.
+  if (!key.empty() && sessions.Remove(key, &ended))
+    ops.Logout(LoginIdentity{ended.account, ended.stamp, ended.grant});
   res.AddHeader("Set-Cookie", SessionCookie("", 0, options.tls()));
   Json::Value out(Json::objectValue);
   out["success"] = true;

@@ -119,8 +119,8 @@ LoginResult RecheckLogin(const LoginIdentity& who) {
   if (match == tavo::UserMatch::kFailed) return LoginResult::kUnavailable;
   // The stored name must still stand for the same spelling: a case variant
   // added since would make it ambiguous, and a rename would move it.
-  if (match != tavo::UserMatch::kFound || id.name != who.name || id.expired ||
-      id.stamp != who.stamp)
+  if (match != tavo::UserMatch::kFound || id.name != who.name || !id.local || id.expired ||
+      !id.password_set || id.stamp != who.stamp)
     return LoginResult::kDenied;
   return TLIBGroupIsAdminGroupMem(id.name.c_str(), 0) == 1 ? LoginResult::kOk
                                                            : LoginResult::kDenied;

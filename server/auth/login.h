@@ -36,8 +36,9 @@ struct LoginIdentity {
 
 LoginResult CheckLogin(const std::string& account, const std::string& password, LoginIdentity* who);
 
-// Whether a logged-in account may still act: kOk while it is a valid
-// administrator whose hash still has `stamp`; kDenied otherwise.
+// Whether a logged-in account may still act: kOk while it could still log
+// in (a local administrator, not expired, with a password that can match:
+// not locked or empty) and its hash still has `stamp`; kDenied otherwise.
 LoginResult RecheckLogin(const LoginIdentity& who);
 
 // The crypt(3) setting ("$y$j9T$...", "$6$rounds=N$...") that passwords set

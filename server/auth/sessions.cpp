@@ -55,7 +55,8 @@ std::map<std::string, SessionStore::Session>::iterator SessionStore::LookupToken
   return it != by_id_.end() && SecretEquals(it->second.token, token) ? it : by_id_.end();
 }
 
-void SessionStore::Erase(std::map<std::string, Session>::iterator it) {
+void SessionStore::Erase(std::map<std::string, Session>::iterator it, bool report) {
+  if (report && ended_.size() < max_sessions_) ended_.push_back(it->second);
   id_by_token_.erase(Prefix(it->second.token));
   by_id_.erase(it);
 }
@@ -82,17 +83,27 @@ bool SessionStore::FindById(const std::string& id, Session* out) {
   return Use(LookupId(id), out);
 }
 
-void SessionStore::Remove(const std::string& id_or_token) {
+bool SessionStore::Remove(const std::string& id_or_token, Session* removed) {
   std::lock_guard<std::mutex> lock(mutex_);
   auto it = LookupToken(id_or_token);
   if (it == by_id_.end()) it = LookupId(id_or_token);
-  if (it != by_id_.end()) Erase(it);
+  if (it == by_id_.end()) return false;
+  if (removed) *removed = it->second;
+  Erase(it, false);
+  return true;
 }
 
 size_t SessionStore::Size() {
   std::lock_guard<std::mutex> lock(mutex_);
   DropExpired(Clock::now());
   return by_id_.size();
+}
+
+std::vector<SessionStore::Session> SessionStore::TakeEnded() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  std::vector<Session> out;
+  out.swap(ended_);
+  return out;
 }
 
 void SessionStore::DropExpired(Clock::time_point now) {

@@ -8,7 +8,9 @@
 // without use, or `lifetime` after it began, however busy; the caller also
 // ends it when the account's password hash changes (the session keeps the
 // stamp of the hash it was opened with). At most `max_sessions` live at once; beyond that the least
-// recently used one is dropped.
+// recently used one is dropped. Sessions that end without Remove (idle,
+// lifetime, dropped for room) are kept for TakeEnded, at most max_sessions of
+// them, so that the caller can end their grants too.
 //
 // Secrets are looked up by their first 16 hex digits and then compared in
 // full in constant time, so the time an answer takes tells nothing about how
@@ -22,6 +24,7 @@
 #include <map>
 #include <mutex>
 #include <string>
+#include <vector>
 
 namespace tavo_server {
 
@@ -49,9 +52,12 @@ class SessionStore {
   bool FindByToken(const std::string& token, Session* out);
   // The live session whose id is `id`; refreshes its idle timer.
   bool FindById(const std::string& id, Session* out);
-  // Ends the session with this id or token (whichever matches).
-  void Remove(const std::string& id_or_token);
+  // Ends the session with this id or token (whichever matches); false when
+  // there was none. The ended session is copied to `removed` when given.
+  bool Remove(const std::string& id_or_token, Session* removed = nullptr);
   size_t Size();
+  // The sessions that ended since the last call, other than by Remove.
+  std::vector<Session> TakeEnded();
 
  private:
   bool Alive(const Session& s, Clock::time_point now) const {
@@ -63,7 +69,8 @@ class SessionStore {
   std::map<std::string, Session>::iterator LookupId(const std::string& id);
   // The session whose token is `token`, or by_id_.end(); mutex_ held.
   std::map<std::string, Session>::iterator LookupToken(const std::string& token);
-  void Erase(std::map<std::string, Session>::iterator it);  // mutex_ held
+  // Ends a session; `report`: keep it for TakeEnded. mutex_ held.
+  void Erase(std::map<std::string, Session>::iterator it, bool report = true);
   // Refreshes and copies out a live session, drops an expired one; false for
   // end() or expired. mutex_ held.
   bool Use(std::map<std::string, Session>::iterator it, Session* out);
@@ -74,6 +81,7 @@ class SessionStore {
   std::mutex mutex_;
   std::map<std::string, Session> by_id_;            // key: the id's prefix
   std::map<std::string, std::string> id_by_token_;  // token's prefix -> id's prefix
+  std::vector<Session> ended_;                      // for TakeEnded
 };
 
 }  // namespace tavo_server

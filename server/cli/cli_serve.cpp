@@ -13,6 +13,7 @@
 #include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -27,10 +28,12 @@
 #include "openapi.h"
 #include "options.h"
 #include "periodic_sync.h"
+#include "privsep/priv_channel.h"
 #include "privsep/split.h"
 #include "serve_conf.h"
 #include "systemd_notify.h"
 #include "tavo/error.h"
+#include "tavo/eventlog.h"
 #include "tavo/root.h"
 #include "tavo/store_check.h"
 #include "terminal_text.h"
@@ -231,6 +234,8 @@ int ServeMain(const std::vector<std::string>& command_line) {
     syslog(LOG_WARNING, "cannot complete a cut-off change of the group files (error 0x%04X)",
            TLIBCErrGet());
   for (const std::string& r : recovered.repairs) syslog(LOG_NOTICE, "%s", r.c_str());
+  // An event log made by an older version may still be readable by others.
+  tavo::EventLogRestrict();
 
   ModuleSet modules;
   if (!LoadAllModules(options.modules_dir, &modules, true)) return kExitFailure;
@@ -246,8 +251,16 @@ int ServeMain(const std::vector<std::string>& command_line) {
   sigaddset(&signals, SIGTERM);
   sigaddset(&signals, SIGHUP);
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+  // The pair is checked here, where the files are read: a split-off front is
+  // sent only a certificate and the key that matches it.
   const TlsReader read_files = [&options](std::string* cert, std::string* key) {
-    return ReadTlsFiles(options.tls_cert, options.tls_key, cert, key);
+    Status read = ReadTlsFiles(options.tls_cert, options.tls_key, cert, key);
+    if (read.ok()) read = TlsCredentials::Check(*cert, *key);
+    if (!read.ok()) {
+      explicit_bzero(&(*key)[0], key->size());
+      key->clear();
+    }
+    return read;
   };
   signal(SIGPIPE, SIG_IGN);
   // Each connection is a descriptor: allow as many as the system lets us.
@@ -257,12 +270,20 @@ int ServeMain(const std::vector<std::string>& command_line) {
     setrlimit(RLIMIT_NOFILE, &files);
   }
 
-  LocalAccountOps local(modules, static_cast<size_t>(options.answer_cache));
+  LocalAccountOps local(modules, static_cast<size_t>(options.answer_cache),
+                        std::chrono::seconds(options.session_lifetime),
+                        2 * static_cast<size_t>(options.max_sessions), LoginLimits(options));
   WatchdogIntervalUsec();  // asked here, in the process systemd watches
   if (!options.privsep_user.empty()) {
     if (geteuid() != 0) {
       fprintf(stderr, "tavo serve: --privsep-user needs root\n");
       return kExitUsage;
+    }
+    // A body must fit in one request to the account process.
+    if (options.max_body > kMaxRequest / 2) {
+      fprintf(stderr, "tavo serve: --max-body is at most %zu with --privsep-user; using that\n",
+              kMaxRequest / 2);
+      options.max_body = kMaxRequest / 2;
     }
     std::unique_ptr<tavo_dir::PeriodicSync> directory_sync;
     return ServeSplit(

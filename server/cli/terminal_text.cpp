@@ -23,16 +23,31 @@ size_t Decode(const std::string& s, size_t i, unsigned* cp) {
   return n;
 }
 
+// Characters that show nothing, or change how the text around them shows:
+// the default-ignorable code points and the other format characters.
+constexpr struct {
+  unsigned first, last;
+} kInvisible[] = {
+    {0xad, 0xad},       {0x34f, 0x34f},     {0x600, 0x605},     {0x61c, 0x61c},
+    {0x6dd, 0x6dd},     {0x70f, 0x70f},     {0x890, 0x891},     {0x8e2, 0x8e2},
+    {0x115f, 0x1160},   {0x17b4, 0x17b5},   {0x180b, 0x180f},   {0x200b, 0x200f},
+    {0x2028, 0x202e},   {0x2060, 0x206f},   {0x3164, 0x3164},   {0xfe00, 0xfe0f},
+    {0xfeff, 0xfeff},   {0xffa0, 0xffa0},   {0xfff0, 0xfffb},   {0x110bd, 0x110bd},
+    {0x110cd, 0x110cd}, {0x13430, 0x1343f}, {0x1bca0, 0x1bca3}, {0x1d173, 0x1d17a},
+    {0xe0000, 0xe0fff},
+};
+
 bool Escaped(unsigned cp) {
-  return cp < 0x20 || (cp >= 0x7f && cp <= 0x9f) || cp == 0x61c || cp == 0x200e || cp == 0x200f ||
-         (cp >= 0x202a && cp <= 0x202e) || (cp >= 0x2066 && cp <= 0x2069) || cp == 0x2028 ||
-         cp == 0x2029;
+  if (cp < 0x20 || (cp >= 0x7f && cp <= 0x9f)) return true;
+  for (const auto& r : kInvisible)
+    if (cp >= r.first && cp <= r.last) return true;
+  return false;
 }
 
 std::string Escape(const std::string& text, bool json) {
   std::string out;
   out.reserve(text.size());
-  char buf[8];
+  char buf[16];
   for (size_t i = 0; i < text.size();) {
     unsigned cp = 0;
     const size_t n = Decode(text, i, &cp);
@@ -43,7 +58,14 @@ std::string Escape(const std::string& text, bool json) {
       continue;
     }
     if (Escaped(cp) && !(json && cp == '\n')) {
-      snprintf(buf, sizeof(buf), "\\u%04X", cp);
+      if (cp <= 0xffff) {
+        snprintf(buf, sizeof(buf), "\\u%04X", cp);
+      } else if (json) {  // as the UTF-16 pair JSON spells it
+        snprintf(buf, sizeof(buf), "\\u%04X\\u%04X", 0xd800 + ((cp - 0x10000) >> 10),
+                 0xdc00 + ((cp - 0x10000) & 0x3ff));
+      } else {
+        snprintf(buf, sizeof(buf), "\\U%08X", cp);
+      }
       out += buf;
     } else {
       out.append(text, i, n);

@@ -4,9 +4,12 @@
 // colours, set the window title or start a convincing fake line.
 //
 // Escaped: the C0 controls (newline and tab included), DEL and the C1
-// controls as \u00XX; the invisible direction marks and overrides (U+061C,
-// U+200E, U+200F, U+202A..U+202E, U+2066..U+2069) and the line and paragraph
-// separators (U+2028, U+2029) as \uXXXX; bytes that are not UTF-8 as \xNN.
+// controls as \u00XX; the characters that show nothing or change how the
+// text around them shows (the default-ignorable code points, such as the
+// zero-width space and joiners, the soft hyphen, the direction marks and
+// isolates, and the other format characters, the line and paragraph
+// separators included) as \uXXXX (\UXXXXXXXX beyond U+FFFF; a UTF-16 pair
+// in JSON); bytes that are not UTF-8 as \xNN.
 //
 // TerminalSafeJson does the same to JSON text, keeping its newlines (JSON
 // writers escape those inside strings) and writing a byte that is not UTF-8

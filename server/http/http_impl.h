@@ -92,9 +92,13 @@ struct HttpServer::Impl {
   void OpenApi(const HttpRequest& req, HttpResponse& res);
   void MetricsText(const HttpRequest& req, HttpResponse& res);
 
+  // Tells the account side of the sessions that ended without a logout, so
+  // that their grants end too (a call on the channel: workers only).
+  void EndGrants();
   // Finds the session of the request's token (X-Tavo-Token or Authorization:
   // Bearer) and, unless `recheck` is false, checks that its account is still
   // a valid administrator. On failure answers 401 or 500 and returns false.
+  // Ends the grants of ended sessions first (EndGrants).
   bool Authorize(const HttpRequest& req, HttpResponse& res, SessionStore::Session* s,
                  bool recheck = true);
   // Answers a session whose account the recheck refused or could not check

@@ -57,4 +57,14 @@ void SendJsonText(HttpResponse& res, const std::string& text) {
   res.body = text;
 }
 
+const char* RepeatedHeader(const HeaderList& headers) {
+  for (const char* name : {"Content-Length", "Host"}) {
+    int seen = 0;
+    for (const auto& h : headers)
+      if (strcasecmp(h.first.c_str(), name) == 0) ++seen;
+    if (seen > 1) return name;
+  }
+  return nullptr;
+}
+
 }  // namespace tavo_server

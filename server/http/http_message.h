@@ -35,6 +35,7 @@ struct LogFields {
   std::string account, api, method;
   int version = 0;
   int code = 0;
+  bool served = false;  // api and method name a loaded module's method
 };
 
 struct HttpResponse {
@@ -56,6 +57,13 @@ struct HttpResponse {
 
 // Answers an HTTP error with the body {"error": message}.
 void SendError(HttpResponse& res, int status, const std::string& message);
+
+// "Content-Length" or "Host" when `headers` hold it more than once (names
+// compared ignoring case), else null. Two lengths could each frame the body
+// (a proxy that took the other would see another request in it); two hosts
+// each name a site.
+const char* RepeatedHeader(const HeaderList& headers);
+
 // Answers HTTP 200 with a JSON body.
 void SendJson(HttpResponse& res, const Json::Value& body);
 // 200 with `text`, which is JSON already.

@@ -34,13 +34,19 @@ constexpr size_t kConnectionMemory = 16 * 1024;
 // Connections beyond --max-connections are still read, up to this many more,
 // so that they can be refused with a clear 503; past that they are closed.
 constexpr int kRefusalHeadroom = 64;
+// HTTPS: TLS 1.2 and 1.3 only, with authenticated (AEAD) ciphers and forward
+// secrecy, the server's order of preference first.
+constexpr char kTlsPriorities[] =
+    "SECURE128:-VERS-ALL:+VERS-TLS1.3:+VERS-TLS1.2:-CIPHER-ALL:+AES-256-GCM:+AES-128-GCM:"
+    "+CHACHA20-POLY1305:-MAC-ALL:+AEAD:-KX-ALL:+ECDHE-ECDSA:+ECDHE-RSA:+DHE-RSA:%SERVER_PRECEDENCE";
 
 // One TCP connection (the library's socket context).
 struct Conn {
   ConnDeadlines::Slot slot;
   std::string addr;
   int requests = 0;
-  bool idle = false;  // between two requests of a kept-alive connection
+  bool idle = false;            // between two requests of a kept-alive connection
+  uint64_t tls_generation = 0;  // HTTPS: TlsCredentials::ConnectionStarted
 };
 
 // kRunning: a worker has the request and the event thread may still be
@@ -103,11 +109,13 @@ void OnConnection(void* cls, MHD_Connection* connection, void** socket_context,
     s->deadlines->Add(&c->slot);
     s->connections.fetch_add(1);
     if (c->slot.fd >= 0 && c->slot.fd == s->probe_fd.load()) s->probe_seen.store(true);
+    if (s->options.tls()) c->tls_generation = TlsCredentials::ConnectionStarted();
     *socket_context = c;
   } else if (toe == MHD_CONNECTION_NOTIFY_CLOSED) {
     Conn* c = static_cast<Conn*>(*socket_context);
     if (c == nullptr) return;
     s->deadlines->Remove(&c->slot);
+    if (s->options.tls()) TlsCredentials::ConnectionEnded(c->tls_generation);
     delete c;
     *socket_context = nullptr;
     s->connections.fetch_sub(1);
@@ -139,6 +147,8 @@ bool RefuseEarly(Impl* s, Exchange* x) {
     SendError(res, 503, "server busy: too many open connections");
   } else if (x->req.headers.size() > kMaxHeaders) {
     SendError(res, 431, "too many header lines (at most " + std::to_string(kMaxHeaders) + ")");
+  } else if (const char* repeated = RepeatedHeader(x->req.headers)) {
+    SendError(res, 400, std::string("more than one ") + repeated + " header");
   } else if (!x->req.Header("Transfer-Encoding").empty()) {
     // A chunked body has no declared length to check before reading it.
     SendError(res, 411, "send the body with a Content-Length; chunked bodies are not accepted");
@@ -324,6 +334,7 @@ Status HttpServer::Run() {
   if (o.tls()) {
     tls_options.push_back(
         {MHD_OPTION_HTTPS_CERT_CALLBACK, 0, reinterpret_cast<void*>(&TlsCredentials::Retrieve)});
+    tls_options.push_back({MHD_OPTION_HTTPS_PRIORITIES, 0, const_cast<char*>(kTlsPriorities)});
   }
   tls_options.push_back({MHD_OPTION_END, 0, nullptr});
   MHD_Daemon* daemon = MHD_start_daemon(

@@ -41,6 +41,7 @@
 #include <string>
 
 #include "http_message.h"
+#include "login_throttle.h"
 #include "module_loader.h"
 #include "options.h"
 #include "privsep/account_ops.h"
@@ -89,6 +90,10 @@ class HttpServer {
  private:
   std::unique_ptr<Impl> impl_;
 };
+
+// The login limits that `o` sets: the front's throttle, and the account
+// side's own count (privsep/login_limit.h).
+ThrottleLimits LoginLimits(const ServeOptions& o);
 
 }  // namespace tavo_server
 

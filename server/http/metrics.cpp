@@ -39,7 +39,13 @@ constexpr std::array<double, 10> Metrics::kBuckets;
 
 void Metrics::Answered(const LogFields& log, int status) {
   std::lock_guard<std::mutex> lock(mu_);
-  if (!log.api.empty()) ++calls_[std::make_tuple(log.api, log.method, log.code)];
+  // Names that the client made up share one series, so that they cannot
+  // grow the exposition without bound.
+  if (log.served) {
+    ++calls_[std::make_tuple(log.api, log.method, log.code)];
+  } else if (!log.api.empty()) {
+    ++calls_[std::make_tuple("unknown", "unknown", 0)];
+  }
   ++statuses_[status];
 }
 

@@ -2,7 +2,9 @@
 // exposition format (version 0.0.4).
 //
 // Requests are counted by route: API calls by API, method and the module's
-// answer code; other requests by HTTP status; all of them in one latency
+// answer code, where the module served them, and every other API call under
+// api="unknown" (so the series stay bounded by the modules loaded); other
+// requests by HTTP status; all of them in one latency
 // histogram. Failed logins are counted apart. The account side's own figures
 // (store writes and fsync time, directory sync results: AccountOps::Stats)
 // and the live sessions are passed to Render.

@@ -1,12 +1,18 @@
 #include "tls_credentials.h"
 
+#include <errno.h>
+#include <fcntl.h>
 #include <gnutls/x509.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
-#include <fstream>
+#include <cstring>
+#include <map>
 #include <memory>
 #include <mutex>
-#include <vector>
+#include <set>
 
 namespace tavo_server {
 namespace {
@@ -29,21 +35,53 @@ struct Pair {
 // (and /dev/zero must not fill the memory).
 constexpr size_t kMaxFile = 1 << 20;
 
+// Reads `path` whole: not through a symbolic link, and only a regular file
+// of root or of this process's user, of at most kMaxFile bytes.
 Status ReadWhole(const std::string& path, std::string* out) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) return Status::Error("cannot read " + path);
-  out->assign(kMaxFile + 1, '\0');
-  in.read(&(*out)[0], static_cast<std::streamsize>(out->size()));
-  if (in.bad()) return Status::Error("cannot read " + path);
-  out->resize(static_cast<size_t>(in.gcount()));
-  if (out->empty()) return Status::Error(path + " is empty");
-  if (out->size() > kMaxFile) return Status::Error(path + " is larger than 1 MiB");
-  return Status::OK();
+  const int fd = open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+  if (fd < 0)
+    return Status::Error(errno == ELOOP ? path + " is a symbolic link"
+                                        : "cannot read " + path + ": " + strerror(errno));
+  struct stat st;
+  Status s;
+  if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+    s = Status::Error(path + " is not a regular file");
+  } else if (st.st_uid != 0 && st.st_uid != geteuid()) {
+    s = Status::Error(path + " belongs to uid " + std::to_string(st.st_uid) +
+                      ", neither root nor this service");
+  } else if (st.st_size > static_cast<off_t>(kMaxFile)) {
+    s = Status::Error(path + " is larger than 1 MiB");
+  } else {
+    out->assign(static_cast<size_t>(st.st_size), '\0');
+    size_t got = 0;
+    while (got < out->size()) {
+      const ssize_t n = read(fd, &(*out)[got], out->size() - got);
+      if (n < 0 && errno == EINTR) continue;
+      if (n <= 0) break;
+      got += static_cast<size_t>(n);
+    }
+    out->resize(got);
+    if (out->empty()) s = Status::Error(path + " is empty");
+  }
+  close(fd);
+  return s;
 }
 
-std::mutex g_mu;                           // serialises Install
-std::vector<std::unique_ptr<Pair>> g_all;  // every pair installed, kept to the end
+// The pairs installed, by the order of their installation (the generation),
+// and the generations current when each open connection began. A connection
+// can only be shown a pair of its own generation or a later one, so a
+// replaced pair older than the oldest open connection is used by none.
+std::mutex g_mu;  // guards the two below, and serialises Install
+std::map<uint64_t, std::unique_ptr<Pair>> g_pairs;
+std::multiset<uint64_t> g_open;
+uint64_t g_generation = 0;  // of the current pair
 std::atomic<const Pair*> g_current{nullptr};
+
+// Frees the pairs that no connection can be using. g_mu held.
+void Collect() {
+  const uint64_t oldest = g_open.empty() ? g_generation : std::min(*g_open.begin(), g_generation);
+  g_pairs.erase(g_pairs.begin(), g_pairs.lower_bound(oldest));
+}
 
 gnutls_datum_t Datum(const std::string& s) {
   return gnutls_datum_t{reinterpret_cast<unsigned char*>(const_cast<char*>(s.data())),
@@ -69,10 +107,8 @@ bool KeyMatches(const Pair& p) {
   return ok;
 }
 
-}  // namespace
-
-Status TlsCredentials::Install(const std::string& cert_pem, const std::string& key_pem) {
-  auto p = std::make_unique<Pair>();
+// Parses and checks a pair as Install does.
+Status Build(const std::string& cert_pem, const std::string& key_pem, Pair* p) {
   gnutls_datum_t cert = Datum(cert_pem);
   unsigned count = kMaxChain;
   const int r = gnutls_pcert_list_import_x509_raw(p->certs, &count, &cert, GNUTLS_X509_FMT_PEM,
@@ -97,10 +133,43 @@ Status TlsCredentials::Install(const std::string& cert_pem, const std::string& k
       p->not_after = static_cast<int64_t>(gnutls_x509_crt_get_expiration_time(first));
     gnutls_x509_crt_deinit(first);
   }
+  return Status::OK();
+}
+
+}  // namespace
+
+Status TlsCredentials::Check(const std::string& cert_pem, const std::string& key_pem) {
+  Pair p;
+  return Build(cert_pem, key_pem, &p);
+}
+
+Status TlsCredentials::Install(const std::string& cert_pem, const std::string& key_pem) {
+  auto p = std::make_unique<Pair>();
+  Status s = Build(cert_pem, key_pem, p.get());
+  if (!s.ok()) return s;
   std::lock_guard<std::mutex> lock(g_mu);
   g_current.store(p.get(), std::memory_order_release);
-  g_all.push_back(std::move(p));
+  g_pairs[++g_generation] = std::move(p);
+  Collect();
   return Status::OK();
+}
+
+uint64_t TlsCredentials::ConnectionStarted() {
+  std::lock_guard<std::mutex> lock(g_mu);
+  g_open.insert(g_generation);
+  return g_generation;
+}
+
+void TlsCredentials::ConnectionEnded(uint64_t generation) {
+  std::lock_guard<std::mutex> lock(g_mu);
+  auto it = g_open.find(generation);
+  if (it != g_open.end()) g_open.erase(it);
+  Collect();
+}
+
+size_t TlsCredentials::PairsKept() {
+  std::lock_guard<std::mutex> lock(g_mu);
+  return g_pairs.size();
 }
 
 Status ReadTlsFiles(const std::string& cert_path, const std::string& key_path,

@@ -8,14 +8,14 @@
 // connections they opened, keep what they began with. A pair that fails a
 // check changes nothing.
 //
-// Ownership: an installed pair is kept until the process ends, also after it
-// was replaced, since a handshake begun with it may still be reading it (a
-// few KiB a reload).
+// Ownership: a replaced pair is kept while a connection that began before it
+// was replaced is open (its handshake may be reading it), then freed. The
+// server reports each connection with ConnectionStarted and ConnectionEnded.
 // Thread-safety: Install from any thread, at any time; Retrieve is what the
 // TLS library calls from the event threads. One set of credentials per
 // process: a second HTTPS server in the same process would share them.
 // Errors: Install returns a Status saying what is wrong with the pair;
-// ReadTlsFiles one naming the file it cannot read.
+// ReadTlsFiles one naming the file it cannot read or refuses.
 #ifndef TAVO_SERVER_HTTP_TLS_CREDENTIALS_H_
 #define TAVO_SERVER_HTTP_TLS_CREDENTIALS_H_
 
@@ -31,6 +31,14 @@ namespace tavo_server {
 class TlsCredentials {
  public:
   static Status Install(const std::string& cert_pem, const std::string& key_pem);
+  // The checks of Install alone.
+  static Status Check(const std::string& cert_pem, const std::string& key_pem);
+  // A connection that may make a handshake has begun; give what this returns
+  // to ConnectionEnded when it is closed.
+  static uint64_t ConnectionStarted();
+  static void ConnectionEnded(uint64_t generation);
+  // How many pairs are held now (the current one included).
+  static size_t PairsKept();
   // When the certificate presented now stops being valid (its notAfter), in
   // seconds since the epoch; 0 when none is installed.
   static int64_t NotAfter();
@@ -41,7 +49,9 @@ class TlsCredentials {
                       gnutls_pcert_st** pcert, unsigned int* pcert_length, gnutls_privkey_t* pkey);
 };
 
-// Reads a certificate file and a key file whole, as they are (PEM).
+// Reads a certificate file and a key file whole, as they are (PEM). Each
+// must be a regular file, not reached through a symbolic link, owned by root
+// or by this process's user, of at most 1 MiB.
 Status ReadTlsFiles(const std::string& cert_path, const std::string& key_path,
                     std::string* cert_pem, std::string* key_pem);
 

@@ -1,35 +1,42 @@
 #include "account_ops.h"
 
 #include "dir_status.h"
-#include "random.h"
 #include "tavo/read_scope.h"
 #include "tavo/store_stats.h"
 
 namespace tavo_server {
 
-std::string GrantFor(const std::string& key, const LoginIdentity& who) {
-  return HmacSha256Hex(key, "grant\n" + who.name + "\n" + who.stamp);
-}
-
-bool GrantValid(const std::string& key, const LoginIdentity& who) {
-  const std::string want = GrantFor(key, who);
-  return !want.empty() && SecretEquals(want, who.grant);
-}
-
-LocalAccountOps::LocalAccountOps(const ModuleSet& modules, size_t kept_answers)
-    : modules_(modules), key_(RandomHex(32)), answers_(kept_answers) {}
+LocalAccountOps::LocalAccountOps(const ModuleSet& modules, size_t kept_answers,
+                                 std::chrono::seconds session_lifetime, size_t max_grants,
+                                 const ThrottleLimits& login_limits)
+    : modules_(modules),
+      grants_(session_lifetime, max_grants),
+      limit_(login_limits),
+      answers_(kept_answers) {}
 
 LoginResult LocalAccountOps::CheckLogin(const std::string& account, const std::string& password,
                                         LoginIdentity* who) {
+  // Refused unchecked when the account's tries come faster than allowed.
+  if (!limit_.Begin(account)) return LoginResult::kDenied;
   LoginResult r = ::tavo_server::CheckLogin(account, password, who);
-  if (r == LoginResult::kOk) who->grant = GrantFor(key_, *who);
+  if (r == LoginResult::kOk) {
+    who->grant = grants_.Issue(*who);
+    if (who->grant.empty()) r = LoginResult::kUnavailable;
+  }
+  if (r == LoginResult::kUnavailable) {
+    limit_.Cancel(account);  // no password was judged
+  } else {
+    limit_.End(account, r == LoginResult::kOk);
+  }
   return r;
 }
 
 LoginResult LocalAccountOps::Recheck(const LoginIdentity& who) {
-  if (!GrantValid(key_, who)) return LoginResult::kDenied;
+  if (!grants_.Valid(who)) return LoginResult::kDenied;
   return RecheckLogin(who);
 }
+
+void LocalAccountOps::Logout(const LoginIdentity& who) { grants_.Revoke(who); }
 
 AccountOps::Answer LocalAccountOps::Call(const ApiCall& call, const LoginIdentity& who) {
   Answer a;

@@ -3,9 +3,12 @@
 // (LocalAccountOps) or in a separate privileged process (priv_client.h).
 //
 // Every call but CheckLogin names an account that logged in: its identity
-// carries a grant, a MAC that only the side holding the account files can
-// make (at a successful CheckLogin), so a front process that has been taken
-// over cannot act for an account that never logged in through it.
+// carries a grant (grant_book.h) that only the side holding the account
+// files can make, at a successful CheckLogin, and that ends with the session
+// (Logout, or the session's lifetime). So a front process that has been taken
+// over cannot act for an account that never logged in through it, nor keep
+// acting for one that logged out. That side also limits password checks per
+// account on its own (login_limit.h).
 //
 // Thread-safety: implementations may be called from any thread at once.
 #ifndef TAVO_SERVER_PRIVSEP_ACCOUNT_OPS_H_
@@ -13,11 +16,14 @@
 
 #include <json/value.h>
 
+#include <chrono>
 #include <string>
 
 #include "answer_cache.h"
 #include "dispatch.h"
 #include "login.h"
+#include "privsep/grant_book.h"
+#include "privsep/login_limit.h"
 
 namespace tavo_server {
 
@@ -38,6 +44,8 @@ class AccountOps {
     CallResult result;
   };
   virtual Answer Call(const ApiCall& call, const LoginIdentity& who) = 0;
+  // Ends the grant of `who` (a logout, or a session dropped by the front).
+  virtual void Logout(const LoginIdentity& who) = 0;
   // The APIs and methods served (ModuleSet::Info).
   virtual Json::Value Info() = 0;
   // Figures of the side that holds the account files, for /metrics:
@@ -50,29 +58,36 @@ class AccountOps {
 // Stats() of the account files and directories of this process.
 Json::Value LocalStats();
 
-// Grants: HMAC-SHA256 over the identity's name and stamp under `key`.
-std::string GrantFor(const std::string& key, const LoginIdentity& who);
-bool GrantValid(const std::string& key, const LoginIdentity& who);
-
 // Runs everything in this process over `modules` (which must outlive it).
 // Answers that a module marked reusable are kept (answer_cache.h) and given
 // again, after the same login check, while their files are unchanged: at
-// most `kept_answers` of them (0: none).
+// most `kept_answers` of them (0: none). A grant lives at most
+// `session_lifetime`, and at most `max_grants` live at once; password checks
+// are limited as `login_limits` says (its window, free failures and delays).
 class LocalAccountOps : public AccountOps {
  public:
   explicit LocalAccountOps(const ModuleSet& modules,
-                           size_t kept_answers = AnswerCache::kDefaultEntries);
+                           size_t kept_answers = AnswerCache::kDefaultEntries,
+                           std::chrono::seconds session_lifetime = std::chrono::hours(8),
+                           size_t max_grants = 1024,
+                           const ThrottleLimits& login_limits = ThrottleLimits());
   LoginResult CheckLogin(const std::string& account, const std::string& password,
                          LoginIdentity* who) override;
   LoginResult Recheck(const LoginIdentity& who) override;
   Answer Call(const ApiCall& call, const LoginIdentity& who) override;
+  void Logout(const LoginIdentity& who) override;
   Json::Value Info() override;
   Json::Value Stats() override;
 
+  // The grants: a split server rekeys them in its privileged process after
+  // the fork and wipes them in the front (grant_book.h).
+  GrantBook& grants() { return grants_; }
+
  private:
   const ModuleSet& modules_;
-  const std::string key_;  // drawn at start-up
-  AnswerCache answers_;    // the answers kept for reuse
+  GrantBook grants_;
+  LoginLimit limit_;
+  AnswerCache answers_;  // the answers kept for reuse
 };
 
 }  // namespace tavo_server

@@ -40,21 +40,21 @@ bool ReadAll(int fd, char* data, size_t size, int timeout_ms) {
 
 }  // namespace
 
-bool SendMessage(int fd, const Json::Value& message) {
+bool SendMessage(int fd, const Json::Value& message, size_t max) {
   const std::string text = ToCompactJson(message);
-  if (text.size() > kMaxMessage) return false;
+  if (text.size() > max) return false;
   const uint32_t n = static_cast<uint32_t>(text.size());
   const char head[4] = {static_cast<char>(n >> 24), static_cast<char>(n >> 16),
                         static_cast<char>(n >> 8), static_cast<char>(n)};
   return WriteAll(fd, head, 4) && WriteAll(fd, text.data(), text.size());
 }
 
-bool ReceiveMessage(int fd, int timeout_ms, Json::Value* message) {
+bool ReceiveMessage(int fd, int timeout_ms, size_t max, Json::Value* message) {
   unsigned char head[4];
   if (!ReadAll(fd, reinterpret_cast<char*>(head), 4, timeout_ms)) return false;
   const size_t n =
       (size_t{head[0]} << 24) | (size_t{head[1]} << 16) | (size_t{head[2]} << 8) | head[3];
-  if (n == 0 || n > kMaxMessage) return false;
+  if (n == 0 || n > max) return false;
   std::string text(n, '\0');
   return ReadAll(fd, &text[0], n, timeout_ms) && ParseJson(text, message);
 }

@@ -33,8 +33,9 @@ bool PrivClient::Ask(const Json::Value& request, Json::Value* answer) {
   memcpy(addr.sun_path + 1, address_.data(), address_.size());
   const socklen_t len =
       static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + address_.size());
-  bool ok = connect(fd, reinterpret_cast<sockaddr*>(&addr), len) == 0 && SendMessage(fd, request) &&
-            ReceiveMessage(fd, timeout_ms_, answer) && answer->isObject();
+  bool ok = connect(fd, reinterpret_cast<sockaddr*>(&addr), len) == 0 &&
+            SendMessage(fd, request, kMaxRequest) &&
+            ReceiveMessage(fd, timeout_ms_, kMaxAnswer, answer) && answer->isObject();
   close(fd);
   return ok;
 }
@@ -79,6 +80,13 @@ AccountOps::Answer PrivClient::Call(const ApiCall& call, const LoginIdentity& wh
   a.result.envelope = answer["envelope"];
   a.result.module_us = answer["module_us"].isNumeric() ? answer["module_us"].asDouble() : 0;
   return a;
+}
+
+void PrivClient::Logout(const LoginIdentity& who) {
+  Json::Value req(Json::objectValue), answer;
+  req["op"] = "logout";
+  req["who"] = WhoToJson(who);
+  Ask(req, &answer);
 }
 
 Json::Value PrivClient::Stats() {

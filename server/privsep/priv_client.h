@@ -25,6 +25,7 @@ class PrivClient : public AccountOps {
                          LoginIdentity* who) override;
   LoginResult Recheck(const LoginIdentity& who) override;
   Answer Call(const ApiCall& call, const LoginIdentity& who) override;
+  void Logout(const LoginIdentity& who) override;
   Json::Value Info() override;
   Json::Value Stats() override;
 

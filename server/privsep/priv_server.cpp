@@ -69,6 +69,13 @@ void PrivServer::Stop() {
   }
 }
 
+void PrivServer::CloseInChild() {
+  for (int* fd : {&listen_fd_, &stop_pipe_[0], &stop_pipe_[1]}) {
+    if (*fd >= 0) close(*fd);
+    *fd = -1;
+  }
+}
+
 void PrivServer::Run() {
   for (;;) {
     struct pollfd p[2] = {{listen_fd_, POLLIN, 0}, {stop_pipe_[0], POLLIN, 0}};
@@ -103,13 +110,13 @@ void PrivServer::Run() {
 
 void PrivServer::Serve(int fd) {
   Json::Value request;
-  if (!ReceiveMessage(fd, read_timeout_ms_, &request)) return;
+  if (!ReceiveMessage(fd, read_timeout_ms_, kMaxRequest, &request)) return;
   Json::Value answer = Answer(request);
   if (answer.isNull()) {
     syslog(LOG_WARNING, "account process: refused a malformed request from the front");
     return;
   }
-  SendMessage(fd, answer);
+  SendMessage(fd, answer, kMaxAnswer);
 }
 
 Json::Value PrivServer::Answer(const Json::Value& req) {
@@ -144,6 +151,10 @@ Json::Value PrivServer::Answer(const Json::Value& req) {
     } else {
       out["envelope"] = std::move(a.result.envelope);
     }
+  } else if (op == "logout") {
+    if (!HasExactKeys(req, {"op", "who"}) || !WhoFromJson(req["who"], &who)) return Json::Value();
+    ops_.Logout(who);
+    out["result"] = "ok";
   } else if (op == "info") {
     if (!HasExactKeys(req, {"op"})) return Json::Value();
     out["result"] = "ok";

@@ -45,6 +45,10 @@ class PrivServer {
   // Serves until Stop.
   void Run();
   void Stop();
+  // In a child forked off the process that runs the server: closes the
+  // child's copies of the listening socket and of the stop pipe, so that it
+  // can neither accept connections meant for the server nor stop it.
+  void CloseInChild();
 
   // The answer to one request from an allowed peer; null for a malformed one.
   Json::Value Answer(const Json::Value& request);

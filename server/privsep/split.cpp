@@ -62,7 +62,7 @@ void RelaySignals(int ctl) {
 
 }  // namespace
 
-int ServeSplit(const std::string& user, AccountOps& local, const sigset_t& signals,
+int ServeSplit(const std::string& user, LocalAccountOps& local, const sigset_t& signals,
                const FrontMain& front, const std::function<void()>& parent_started,
                const TlsReader& read_tls) {
   struct passwd* pw = getpwnam(user.c_str());
@@ -92,6 +92,10 @@ int ServeSplit(const std::string& user, AccountOps& local, const sigset_t& signa
   const pid_t pid = fork();
   if (pid < 0) return kExitFailure;
   if (pid == 0) {
+    // The front holds neither the grants' key nor the account process's
+    // own descriptors.
+    local.grants().Wipe();
+    priv.CloseInChild();
     close(go[1]);
     close(ctl[1]);
     prctl(PR_SET_PDEATHSIG, SIGTERM);
@@ -120,6 +124,7 @@ int ServeSplit(const std::string& user, AccountOps& local, const sigset_t& signa
   }
   close(go[0]);
   close(ctl[0]);
+  local.grants().Rekey();
   priv.AllowPeer(pid, uid);
   if (write(go[1], "g", 1) != 1) {
     kill(pid, SIGKILL);

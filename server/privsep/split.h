@@ -9,7 +9,9 @@
 // `parent_started` (for threads of its own: the fork is made before any),
 // forwards SIGINT and SIGTERM (as SIGTERM) and SIGHUP to the child, and ends
 // when the child does. `signals` are those three, blocked in every thread.
-// The front's `read_tls` asks this process, which reads the files with
+// The grants' key is drawn anew in this process after the fork, and the
+// front's copy of the old one is wiped, so the front never holds a key that
+// makes a grant. The front's `read_tls` asks this process, which reads the files with
 // `read_tls` here (the front can no longer read them itself).
 //
 // Returns the exit status for `tavo serve`.
@@ -32,7 +34,7 @@ using TlsReader = std::function<Status(std::string* cert_pem, std::string* key_p
 using FrontMain = std::function<int(AccountOps& ops, const std::function<bool()>& drop,
                                     const TlsReader& read_tls)>;
 
-int ServeSplit(const std::string& user, AccountOps& local, const sigset_t& signals,
+int ServeSplit(const std::string& user, LocalAccountOps& local, const sigset_t& signals,
                const FrontMain& front, const std::function<void()>& parent_started,
                const TlsReader& read_tls);
 

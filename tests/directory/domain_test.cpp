@@ -8,6 +8,7 @@
 #include "directory_env.h"
 #include "group_sync.h"
 #include "idmap.h"
+#include "tavo/util.h"
 #include "temp_root.h"
 
 namespace tavo_test {
@@ -33,7 +34,7 @@ TEST(DomainDirectory, JoinSyncsNamesAndGidsThenLeaves) {
             "CORP\\sales:x:101106:\n");
   EXPECT_EQ(Names(ListGroups(root.dir(), "domain", "substr=admin")), "CORP\\Domain Admins");
   struct stat st;
-  EXPECT_NE(stat(root.Path("/tmp/domain_group.pid").c_str(), &st), 0);
+  EXPECT_NE(stat(root.Path("/run/tavo/domain_group.pid").c_str(), &st), 0);
 
   // A narrower range moves the RID-mapped gids and leaves out what no longer fits.
   std::string conf = root.Read("/etc/tavo/domain");
@@ -58,23 +59,30 @@ TEST(DomainDirectory, PidFileOfARebuild) {
   ASSERT_EQ(Tavo(JoinArgs(root), &out), 0) << out;
   ASSERT_EQ(ListGroups(root.dir(), "domain")["data"]["total"].asInt(), 3);
 
-  // A rebuild by a live process: lists answer 3203 and a second sync waits its turn.
-  root.Write("/tmp/domain_group.pid", std::to_string(getpid()) + "\n");
+  // A rebuild by a live process that holds the pid file: lists answer 3203
+  // and a second sync waits its turn.
+  int holder = 0;
+  std::string error;
+  const int fd = tavo::HoldPidFile("/tmp/domain_group.pid", &holder, &error);
+  ASSERT_GE(fd, 0) << error;
   EXPECT_EQ(ListGroups(root.dir(), "domain")["error"]["code"].asInt(), 3203);
   EXPECT_NE(Tavo("directory --root " + root.dir() + " sync domain", &out), 0);
   EXPECT_NE(out.find("being rebuilt by process " + std::to_string(getpid())), std::string::npos)
       << out;
+  tavo::ReleasePidFile("/tmp/domain_group.pid", fd);
 
-  // The pid of a process that is gone: lists still answer 3203 until the next
-  // sync, which takes the file over and removes it.
-  pid_t child = fork();
-  if (child == 0) _exit(0);
-  waitpid(child, nullptr, 0);
-  root.Write("/tmp/domain_group.pid", std::to_string(child) + "\n");
-  EXPECT_EQ(ListGroups(root.dir(), "domain")["error"]["code"].asInt(), 3203);
+  // Planted: FIFOs where the module names its files, and a live pid that no
+  // sync holds in the runtime folder. Nothing hangs or stands for a rebuild.
+  mkdir(root.Path("/tmp").c_str(), 01777);
+  ASSERT_EQ(mkfifo(root.Path("/tmp/domain_group.pid").c_str(), 0666), 0);
+  ASSERT_EQ(mkfifo(root.Path("/tmp/domain_updating").c_str(), 0666), 0);
+  root.Write("/run/tavo/domain_group.pid", "1\n");
+  EXPECT_EQ(ListGroups(root.dir(), "domain")["data"]["total"].asInt(), 3);
+  ASSERT_EQ(Tavo("directory --root " + root.dir() + " status --json", &out), 0) << out;
+  EXPECT_NE(out.find("\"rebuilding\" : null"), std::string::npos) << out;
   ASSERT_EQ(Tavo("directory --root " + root.dir() + " sync domain", &out), 0) << out;
   struct stat st;
-  EXPECT_NE(stat(root.Path("/tmp/domain_group.pid").c_str(), &st), 0);
+  EXPECT_NE(stat(root.Path("/run/tavo/domain_group.pid").c_str(), &st), 0);
   EXPECT_EQ(ListGroups(root.dir(), "domain")["data"]["total"].asInt(), 3);
 }
 

@@ -3,7 +3,7 @@
 import { test, before, after } from 'node:test';
 import assert from 'node:assert/strict';
 import { spawnSync } from 'node:child_process';
-import { existsSync, mkdirSync, readFileSync } from 'node:fs';
+import { appendFileSync, existsSync, mkdirSync, readFileSync } from 'node:fs';
 import { join } from 'node:path';
 import {
   scratch, initRoot, moduleFolder, startServer, login, call, runTavo, GROUP_MODULE, TEST_MODULE_DIR,
@@ -134,4 +134,37 @@ test('control characters from the event log reach the terminal escaped', () => {
   const json = runTavo(['log', '--root', root, '--limit', '1', '--json']);
   assert.doesNotMatch(json.stdout, /[\u0000-\u0009\u000b-\u001f\u007f-\u009f\u202a-\u202e\u2066-\u2069]/);
   assert.ok(JSON.parse(json.stdout).entries[0].message.includes(fake));
+});
+
+test('names that could pass for another are refused; ones already in the files show what they hide', () => {
+  const groupCall = (method, params) => {
+    const r = runTavo(['call', '--root', root, 'TAVO.Core.Group', method, '--params', JSON.stringify(params)]);
+    return { ...r, envelope: JSON.parse(r.stdout) };
+  };
+  assert.equal(groupCall('create', { name: 'caf\u00e9' }).envelope.success, true);
+  assert.equal(groupCall('create', { name: 'alpha' }).envelope.success, true);
+  for (const name of ['administrat\u03bfrs', 'r\u043e\u043et', 'administrators\u200b', '\u2066administrators\u2069',
+    'admin\u00adistrators', 'users\u200d', 'sudo\u200b', 'caf\u00e9\u200b', 'aIpha', '\u0391DMINISTRATORS']) {
+    const r = groupCall('create', { name });
+    assert.equal(r.envelope.error?.code, 3211, `${JSON.stringify(name)}: ${r.stdout}`);
+    assert.equal(groupCall('set', { name: 'caf\u00e9', new_name: name }).envelope.error?.code, 3211, JSON.stringify(name));
+  }
+  // The other spelling of café is the same name: it exists already.
+  assert.equal(groupCall('create', { name: 'cafe\u0301' }).envelope.error?.code, 3206);
+  // A new name is stored in its composed form.
+  assert.equal(groupCall('create', { name: 'the\u0301' }).envelope.success, true);
+  assert.match(readFileSync(join(root, 'etc/group'), 'utf8'), /^th\u00e9:x:/m);
+
+  // Look-alikes written into the files by other tools stay listed and
+  // manageable, and every invisible character shows as an escape.
+  appendFileSync(join(root, 'etc/group'), 'sudo\u200b:x:1390:\nadmin\u00adistrators:x:1391:\n');
+  appendFileSync(join(root, 'etc/gshadow'), 'sudo\u200b:!::\nadmin\u00adistrators:!::\n');
+  const list = groupCall('list', { substr: 'sudo' });
+  assert.match(list.stdout, /"sudo\\u200B"/);
+  assert.doesNotMatch(list.stdout, /\u200b/);
+  assert.equal(groupCall('set', { name: 'sudo\u200b', description: 'planted' }).envelope.success, true);
+  assert.equal(groupCall('delete', { name: ['admin\u00adistrators'] }).envelope.success, true);
+  const log = runTavo(['log', '--root', root, '--limit', '1']);
+  assert.match(log.stdout, /admin\\u00ADistrators/);
+  assert.doesNotMatch(log.stdout, /\u00ad/);
 });

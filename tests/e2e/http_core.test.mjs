@@ -110,6 +110,26 @@ test('Expect: 100-continue gets a go-ahead; an oversized body is refused before 
   await big.closing;
 });
 
+test('a repeated Content-Length or Host gets 400 and the connection is closed unread', async () => {
+  const body = JSON.stringify(LIST);
+  for (const head of [
+    `Host: 127.0.0.1\r\nContent-Length: 2\r\nContent-Length: ${body.length + 40}\r\n`,
+    `Host: 127.0.0.1\r\ncontent-length: ${body.length}\r\nCONTENT-LENGTH: ${body.length}\r\n`,
+    `Host: 127.0.0.1\r\nHost: evil.example\r\nContent-Length: ${body.length}\r\n`,
+  ]) {
+    const c = connect(env.url);
+    await c.ready;
+    // What follows the first two bytes would be a second request to a server
+    // that framed the body by the first length.
+    c.sock.write(`POST /api HTTP/1.1\r\n${head}X-Tavo-Token: ${env.token}\r\n` +
+      `Content-Type: application/json\r\n\r\n${body}GET /healthz HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n`);
+    const answers = await c.answers(2);
+    assert.deepEqual(answers.map((a) => a.status), [400], head);
+    assert.match(JSON.parse(answers[0].body).error, /more than one (Content-Length|Host) header/);
+    await c.closing;
+  }
+});
+
 test('a request head trickled byte by byte is cut off at the read time', async () => {
   const c = connect(env.url);
   await c.ready;

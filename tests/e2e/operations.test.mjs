@@ -3,7 +3,7 @@
 // and need an administrator.
 import { test } from 'node:test';
 import assert from 'node:assert/strict';
-import { withServer, call, login, runTavo } from './helpers.mjs';
+import { withServer, call, post, login, runTavo } from './helpers.mjs';
 
 const env = withServer();
 
@@ -65,4 +65,20 @@ test('metrics need an administrator and count each kind of request', async () =>
     sample(after, 'tavo_http_request_duration_seconds_count'));
   assert.ok(sample(after, 'tavo_sessions') >= 1);
   assert.equal(sample(after, 'tavo_directory_bound{kind="ldap"}'), 0);
+});
+
+test('calls to made-up APIs and methods share one series: the metrics stay small', async () => {
+  const before = await metrics(env.token);
+  const calls = [];
+  for (let i = 0; i < 1000; i++) {
+    calls.push(post(env.url, env.token, { api: `Made.Up.${i}`, version: 1, method: i % 2 ? 'list' : `m${i}`, params: {} }));
+    if (calls.length === 8) await Promise.all(calls.splice(0));
+  }
+  await Promise.all(calls);
+  assert.equal((await post(env.url, env.token, { api: 'TAVO.Core.Group', version: 1, method: 'nosuch', params: {} })).status, 404);
+  const after = await metrics(env.token);
+  assert.ok(after.length < before.length + 200, `${before.length} -> ${after.length} bytes`);
+  assert.doesNotMatch(after, /Made\.Up|nosuch/);
+  const unknown = 'tavo_api_calls_total{api="unknown",method="unknown",code="0"}';
+  assert.equal(sample(after, unknown) - (sample(before, unknown) ?? 0), 1001);
 });

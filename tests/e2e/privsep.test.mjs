@@ -3,10 +3,12 @@
 // working through the account process.
 import { test } from 'node:test';
 import assert from 'node:assert/strict';
-import { readFileSync, readdirSync, readlinkSync, chmodSync } from 'node:fs';
+import {
+  readFileSync, readdirSync, readlinkSync, chmodSync, chownSync, mkdirSync, writeFileSync,
+} from 'node:fs';
 import { spawnSync } from 'node:child_process';
 import { join } from 'node:path';
-import { scratch, initRoot, moduleFolder, startServer, login, call, GROUP_MODULE } from './helpers.mjs';
+import { scratch, initRoot, moduleFolder, startServer, login, call, post, GROUP_MODULE } from './helpers.mjs';
 
 const asRoot = process.getuid() === 0;
 
@@ -41,6 +43,14 @@ test('the front runs as nobody, cannot open etc/shadow, and the API works', { sk
     const shadow = join(root, 'etc/shadow');
     const open = readdirSync(`/proc/${front}/fd`).map((fd) => { try { return readlinkSync(`/proc/${front}/fd/${fd}`); } catch { return ''; } });
     assert.ok(!open.some((p) => p.startsWith(join(root, 'etc'))), open.join('\n'));
+    // Nor does it hold any of the account process's own descriptors (its
+    // channel's listening socket, its stop pipe), beyond what both inherited.
+    const targets = (pid) => new Set(readdirSync(`/proc/${pid}/fd`).filter((fd) => Number(fd) > 2)
+      .map((fd) => { try { return readlinkSync(`/proc/${pid}/fd/${fd}`); } catch { return ''; } }));
+    const inherited = targets(process.pid);
+    const parentOwn = targets(server.child.pid);
+    const shared = [...targets(front)].filter((t) => parentOwn.has(t) && !inherited.has(t));
+    assert.deepEqual(shared, [], shared.join(' '));
     const tryRead = spawnSync('setpriv', ['--reuid', uid[0], '--regid', gid[0], '--clear-groups', 'cat', shadow]);
     assert.notEqual(tryRead.status, 0);
     assert.equal(spawnSync('cat', [shadow]).status, 0);  // the file is there for root
@@ -56,6 +66,45 @@ test('the front runs as nobody, cannot open etc/shadow, and the API works', { sk
     assert.ok(gone, 'the front outlived the account process');
   } finally {
     await server.stop();
+    tmp.cleanup();
+  }
+});
+
+test('files a local user plants where the module looks neither hang nor fool the server', { skip: !asRoot && 'needs root' }, async () => {
+  const tmp = scratch();
+  chmodSync(tmp.dir, 0o755);
+  const root = initRoot(tmp.dir);
+  // Joined to a domain whose group list is in place.
+  writeFileSync(join(root, 'etc/tavo/domain'), 'realm = corp.test\nworkgroup = CORP\n');
+  writeFileSync(join(root, 'etc/tavo/domain_group'), 'CORP\\sales:x:101106:\n');
+  mkdirSync(join(root, 'tmp'), { recursive: true, mode: 0o1777 });
+  chmodSync(join(root, 'tmp'), 0o1777);
+  for (const name of ['domain_group.pid', 'domain_updating']) {
+    const path = join(root, 'tmp', name);
+    assert.equal(spawnSync('mkfifo', [path]).status, 0);
+    chownSync(path, 65534, 65534);
+  }
+  const server = await startServer({
+    root, modules: moduleFolder(tmp.dir, [GROUP_MODULE]), extra: ['--privsep-user', 'nobody'],
+  });
+  try {
+    // A live pid (1) that no sync holds, where the pid file really lives.
+    mkdirSync(join(root, 'run/tavo'), { recursive: true, mode: 0o700 });
+    writeFileSync(join(root, 'run/tavo/domain_group.pid'), '1\n');
+    const token = (await login(server.url)).body.data.token;
+    const timed = (envelope) => Promise.race([post(server.url, token, envelope),
+      new Promise((_, reject) => setTimeout(() => reject(new Error(`${envelope.method} hangs`)), 10000))]);
+    const status = await timed({ api: 'TAVO.Core.Directory', version: 1, method: 'status', params: {} });
+    assert.equal(status.body.success, true, JSON.stringify(status.body));
+    assert.equal(status.body.data.domain.rebuilding, null);
+    const list = await timed({ api: 'TAVO.Core.Group', version: 1, method: 'list', params: { type: 'domain' } });
+    assert.equal(list.body.success, true, JSON.stringify(list.body));
+    assert.equal(list.body.data.total, 1);
+  } finally {
+    const started = Date.now();
+    await server.stop();
+    assert.equal(server.child.signalCode, null, 'SIGTERM did not stop the server');
+    assert.ok(Date.now() - started < 5000);
     tmp.cleanup();
   }
 });

@@ -7,7 +7,9 @@ import http from 'node:http';
 import https from 'node:https';
 import tls from 'node:tls';
 import crypto from 'node:crypto';
-import { readFileSync, copyFileSync, writeFileSync, chmodSync, mkdirSync } from 'node:fs';
+import {
+  readFileSync, copyFileSync, writeFileSync, chmodSync, mkdirSync, symlinkSync, unlinkSync,
+} from 'node:fs';
 import { join } from 'node:path';
 import { withServer, startServer, runTavo, scratch, initRoot, ADMIN_PASSWORD } from './helpers.mjs';
 
@@ -147,6 +149,15 @@ for (const split of [false, true]) {
         writeFileSync(cert, 'not a certificate\n');
         await hup(/TLS certificate kept as it was: the certificate is not a PEM certificate/);
         assert.equal(await presented(server.url), fingerprint(certA));
+        // The key path made a link to a copy of the shadow file: the files are
+        // not read through it, so its bytes never reach the front.
+        copyFileSync(certA, cert);
+        copyFileSync(join(root, 'etc/shadow'), join(dir, 'shadow-copy'));
+        unlinkSync(key);
+        symlinkSync(join(dir, 'shadow-copy'), key);
+        await hup(/TLS certificate kept as it was: \S*key\.pem is a symbolic link/);
+        unlinkSync(key);
+        copyFileSync(keyA, key);
 
         // The renewed pair: new handshakes get it, the open connection and
         // the session carry on.
@@ -176,4 +187,37 @@ test('plain HTTP on a non-loopback address needs --insecure-http', async () => {
   assert.match(r.stderr, /without TLS/);
   const server = await startServer({ root: env.root, extra: ['--listen', '0.0.0.0:0', '--insecure-http'] });
   await server.stop();
+});
+
+// The protocol versions a client gets: {version} or {error}.
+function handshake(url, version) {
+  const u = new URL(url);
+  return new Promise((resolve) => {
+    const socket = tls.connect({
+      host: u.hostname, port: Number(u.port), rejectUnauthorized: false,
+      minVersion: version, maxVersion: version, ciphers: 'DEFAULT:@SECLEVEL=0',
+    }, () => {
+      const got = socket.getProtocol();
+      socket.end();
+      resolve({ version: got });
+    });
+    socket.on('error', (e) => resolve({ error: e.code || e.message }));
+  });
+}
+
+test('HTTPS speaks TLS 1.2 and 1.3 only', async () => {
+  const dir = join(env.root, 'etc/tavo/tls');
+  const server = await startServer({
+    root: env.root, extra: ['--tls-cert', join(dir, 'cert.pem'), '--tls-key', join(dir, 'key.pem')],
+  });
+  try {
+    assert.deepEqual(await handshake(server.url, 'TLSv1.3'), { version: 'TLSv1.3' });
+    assert.deepEqual(await handshake(server.url, 'TLSv1.2'), { version: 'TLSv1.2' });
+    for (const old of ['TLSv1.1', 'TLSv1']) {
+      const r = await handshake(server.url, old);
+      assert.ok(r.error, `${old}: ${JSON.stringify(r)}`);
+    }
+  } finally {
+    await server.stop();
+  }
 });

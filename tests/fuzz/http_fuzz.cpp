@@ -61,6 +61,7 @@ class CountingOps : public ts::AccountOps {
     a.result.envelope["data"] = Json::Value(Json::objectValue);
     return a;
   }
+  void Logout(const ts::LoginIdentity&) override {}
   Json::Value Info() override { return Json::Value(Json::objectValue); }
   Json::Value Stats() override {
     ++calls;

@@ -1,6 +1,7 @@
 // TAVO.Core.Group list, get and admin_check on real roots.
 #include "module_harness.h"
 #include "tavo/testing.h"
+#include "tavo/util.h"
 
 namespace tavo_test {
 namespace {
@@ -72,10 +73,15 @@ TEST_F(GroupReadTest, ListDirectoryGroups) {
   ASSERT_TRUE(a.success);
   EXPECT_EQ(Names(a.data["groups"]), std::vector<std::string>{"DOM\\Sales"});
   EXPECT_EQ(CallGroup("list", "{\"type\": \"domain\", \"user\": \"alice\"}").code, 3201);
-  root_->Write("/tmp/domain_group.pid", "4242\n");
+  // A rebuild under way (this process holds the pid file), then the marker.
+  int holder = 0;
+  std::string error;
+  const int fd = tavo::HoldPidFile("/tmp/domain_group.pid", &holder, &error);
+  ASSERT_GE(fd, 0) << error;
   EXPECT_EQ(CallGroup("list", "{\"type\": \"domain\"}").code, 3203);
-  root_->Write("/tmp/domain_group.pid", "");
-  root_->Write("/tmp/domain_updating", "");
+  tavo::ReleasePidFile("/tmp/domain_group.pid", fd);
+  EXPECT_TRUE(CallGroup("list", "{\"type\": \"domain\"}").success);
+  root_->Write("/run/tavo/domain_updating", "");
   EXPECT_EQ(CallGroup("list", "{\"type\": \"domain\"}").code, 3203);
   root_->Write("/etc/tavo/ldap", "example.com\n");
   EXPECT_EQ(CallGroup("list", "{\"type\": \"ldap\"}").code, 3203);

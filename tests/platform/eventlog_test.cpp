@@ -115,6 +115,39 @@ TEST(EventLogTest, OneEntryProcessesKeepTheWriteAheadLogSmall) {
   EXPECT_EQ(out["total"].asInt(), kProcesses);
 }
 
+// Who changed what is not for other local users: the database and its
+// write-ahead files are made for the owner alone, and looser ones left by
+// an older version are tightened when a process opens the log.
+TEST(EventLogTest, FilesAreReadableByTheirOwnerAlone) {
+  tavo_test::TempRoot root;
+  const char* files[] = {"/var/lib/tavo/events.db", "/var/lib/tavo/events.db-wal",
+                         "/var/lib/tavo/events.db-shm"};
+  ASSERT_EQ(TAVOLogSet1(2, 1, 0x11800600, "a", "", "", ""), 0);
+  struct stat st;
+  for (const char* f : files) {
+    ASSERT_EQ(stat(root.Path(f).c_str(), &st), 0) << f;
+    EXPECT_EQ(st.st_mode & 077, 0u) << f << " " << std::oct << st.st_mode;
+    chmod(root.Path(f).c_str(), 0644);
+  }
+  pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) _exit(TAVOLogSet1(2, 1, 0x11800600, "b", "", "", "") == 0 ? 0 : 1);
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  for (const char* f : files) {
+    if (stat(root.Path(f).c_str(), &st) != 0) continue;  // folded away at the end
+    EXPECT_EQ(st.st_mode & 077, 0u) << f << " " << std::oct << st.st_mode;
+    chmod(root.Path(f).c_str(), 0644);
+  }
+  // What a server does at start, before any entry is written.
+  tavo::EventLogRestrict();
+  for (const char* f : files) {
+    if (stat(root.Path(f).c_str(), &st) != 0) continue;
+    EXPECT_EQ(st.st_mode & 077, 0u) << f << " " << std::oct << st.st_mode;
+  }
+}
+
 TEST(EventLogTest, PagesCountAllEntries) {
   tavo_test::TempRoot root;
   Json::Value out;

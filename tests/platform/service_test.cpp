@@ -81,6 +81,36 @@ TEST_F(ReloadHookTest, HangingHookAndItsChildrenAreKilledWithinTheBound) {
   EXPECT_FALSE(alive);
 }
 
+// A hook runs as the service: one that another user could change, or that
+// points elsewhere, is not run, and none sees the service's environment.
+TEST_F(ReloadHookTest, OnlyTrustedHooksRunAndWithAMinimalEnvironment) {
+  setenv("TAVO_TEST_SECRET", "hush", 1);
+  AddHook("10-env", "env | sort > \"$TAVO_ROOT/tmp/env\"");
+  AddHook("20-target", "echo \"$0\" >> \"$TAVO_ROOT/tmp/ran\"");
+  AddHook("30-group-writable", "echo \"$0\" >> \"$TAVO_ROOT/tmp/ran\"", 0775);
+  AddHook("40-foreign", "echo \"$0\" >> \"$TAVO_ROOT/tmp/ran\"");
+  const bool chowned =
+      chown(root_.Path("/etc/tavo/reload.d/40-foreign").c_str(), 65534, 65534) == 0;
+  ASSERT_EQ(symlink(root_.Path("/etc/tavo/reload.d/20-target").c_str(),
+                    root_.Path("/etc/tavo/reload.d/50-link").c_str()),
+            0);
+  EXPECT_EQ(TLIBServiceTypeReload(8), 2);
+  unsetenv("TAVO_TEST_SECRET");
+  EXPECT_EQ(root_.Read("/tmp/ran"), root_.Path("/etc/tavo/reload.d/20-target") + "\n");
+  const std::string env = root_.Read("/tmp/env");
+  EXPECT_EQ(env.find("TAVO_TEST_SECRET"), std::string::npos) << env;
+  EXPECT_NE(env.find("PATH=/usr/local/sbin:"), std::string::npos) << env;
+  EXPECT_NE(env.find("TAVO_ROOT=" + root_.dir() + "\n"), std::string::npos) << env;
+  for (const char* name : {"30-group-writable", "50-link"})
+    EXPECT_EQ(tavo_test::LoggedCount(LOG_WARNING, std::string(name) + " not run"), 1) << name;
+  if (chowned) EXPECT_EQ(tavo_test::LoggedCount(LOG_WARNING, "40-foreign not run"), 1);
+
+  // Nor does anything run from a folder that others may write to.
+  chmod(root_.Path("/etc/tavo/reload.d").c_str(), 0777);
+  EXPECT_EQ(TLIBServiceTypeReload(8), 0);
+  chmod(root_.Path("/etc/tavo/reload.d").c_str(), 0755);
+}
+
 TEST_F(ReloadHookTest, HookInheritsNoDescriptorsAboveStderr) {
   int lock_fd = -1;
   ASSERT_TRUE(ServerFormHandler::LockFile("/tmp/userlock", true, &lock_fd));
@@ -88,9 +118,13 @@ TEST_F(ReloadHookTest, HookInheritsNoDescriptorsAboveStderr) {
   // library might be.
   int leaky = dup2(lock_fd, 57);
   ASSERT_EQ(leaky, 57);
+  // The shell keeps descriptors of its own from 10 up (the script, saved
+  // output): only one that names the lock file counts.
   AddHook("10-fds", "for fd in " + std::to_string(lock_fd) +
                         " 57; do"
-                        "  if [ -e /proc/$$/fd/$fd ]; then echo \"open $fd\"; fi; done"
+                        "  if [ \"$(readlink /proc/$$/fd/$fd)\" = \"" +
+                        root_.Path("/run/tavo/userlock") +
+                        "\" ]; then echo \"open $fd\"; fi; done"
                         " > \"$TAVO_ROOT/tmp/fds\"");
   EXPECT_EQ(TLIBServiceTypeReload(8), 1);
   EXPECT_EQ(root_.Read("/tmp/fds"), "");

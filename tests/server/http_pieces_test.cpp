@@ -185,6 +185,12 @@ TEST(SessionStoreTest, TokensIdsExpiryAndEviction) {
   store.Remove(a.token);
   EXPECT_FALSE(store.FindById(a.id, &found));
   EXPECT_EQ(store.Size(), 1u);
+  // The evicted session is reported, so that its grant can end; a removed
+  // one is not (its caller ends the grant itself).
+  std::vector<SessionStore::Session> ended = store.TakeEnded();
+  ASSERT_EQ(ended.size(), 1u);
+  EXPECT_EQ(ended[0].account, "b");
+  EXPECT_TRUE(store.TakeEnded().empty());
 
   // Idle too long, or alive too long however busy.
   SessionStore idle(std::chrono::seconds(0), std::chrono::seconds(3600), 10);
@@ -194,6 +200,8 @@ TEST(SessionStoreTest, TokensIdsExpiryAndEviction) {
   usleep(2000);
   EXPECT_FALSE(idle.FindByToken(a.token, &found));
   EXPECT_FALSE(busy.FindByToken(b.token, &found));
+  EXPECT_EQ(idle.TakeEnded().size(), 1u);
+  EXPECT_EQ(busy.TakeEnded().size(), 1u);
 }
 
 TEST(SitePolicyTest, HostMustNameThisServerAndOriginMustBeItsOwn) {

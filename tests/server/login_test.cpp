@@ -12,6 +12,7 @@
 
 #include "device_cookie.h"
 #include "login_throttle.h"
+#include "privsep/login_limit.h"
 #include "tavo/group.h"
 #include "tavo/user.h"
 #include "temp_root.h"
@@ -148,6 +149,41 @@ TEST(LoginThrottleTest, StrangersCannotLockTheAdministratorOut) {
   EXPECT_EQ(0, t.Begin("root", "10.0.0.98", "", now).delay.count());
   now += std::chrono::seconds(61);
   EXPECT_EQ(0, fail("admin", "127.0.0.1").retry_after);
+}
+
+// The account side's own limit: free tries, then one check at a time at a
+// pace that doubles with each failure, whatever the front counted.
+TEST(LoginLimitTest, PacesAnAccountPastItsFreeFailures) {
+  using std::chrono::milliseconds;
+  LoginLimit limit;  // 5 free, 250 ms doubling to 4 s, 60 s window
+  LoginLimit::Clock::time_point t{};
+  t += std::chrono::hours(1);
+  for (int i = 0; i < 5; ++i) {
+    ASSERT_TRUE(limit.Begin(i % 2 ? "Boss" : "BOSS", t));
+    limit.End("boss", false, t);
+  }
+  EXPECT_FALSE(limit.Begin("boss", t + milliseconds(200)));
+  EXPECT_TRUE(limit.Begin("other", t));  // another account is not held back
+  limit.End("other", false, t);
+  ASSERT_TRUE(limit.Begin("boss", t + milliseconds(250)));
+  EXPECT_FALSE(limit.Begin("boss", t + milliseconds(5000)));  // one at a time
+  limit.End("boss", false, t + milliseconds(250));
+  // Six failures: the next check only 500 ms after the last one began.
+  EXPECT_FALSE(limit.Begin("boss", t + milliseconds(700)));
+  ASSERT_TRUE(limit.Begin("boss", t + milliseconds(750)));
+  limit.End("boss", true, t + milliseconds(750));  // a success forgets
+  for (int i = 0; i < 5; ++i) {
+    ASSERT_TRUE(limit.Begin("boss", t + milliseconds(760)));
+    limit.End("boss", false, t + milliseconds(760));
+  }
+  EXPECT_FALSE(limit.Begin("boss", t + milliseconds(770)));
+  // A try that judged nothing (unreadable files) counts as no failure.
+  ASSERT_TRUE(limit.Begin("boss", t + milliseconds(1010)));
+  limit.Cancel("boss");
+  EXPECT_TRUE(limit.Begin("boss", t + milliseconds(1260)));
+  limit.Cancel("boss");
+  // Failures older than the window no longer count.
+  EXPECT_TRUE(limit.Begin("boss", t + std::chrono::seconds(62)));
 }
 
 TEST(DeviceCookieTest, SignedForOneAccountAndALifetime) {

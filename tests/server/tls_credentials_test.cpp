@@ -4,6 +4,7 @@
 #include "tls_credentials.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <ctime>
 #include <fstream>
@@ -80,18 +81,51 @@ TEST(TlsCredentialsTest, FilesAreReadWholeWithinBounds) {
   ASSERT_TRUE(ReadTlsFiles(cert, cert, &c, &k).ok());
   EXPECT_EQ(c, "PEM TEXT\n");
   EXPECT_EQ(k, "PEM TEXT\n");
+  // What could lead the reading process to hand over another file: a link
+  // to it, a file someone else may replace, a device.
+  const std::string link = base + "/link.pem", foreign = base + "/foreign.pem",
+                    big = base + "/big.pem";
+  ASSERT_EQ(symlink(cert.c_str(), link.c_str()), 0);
+  std::ofstream(foreign) << "PEM TEXT\n";
+  const bool chowned = chown(foreign.c_str(), 65534, 65534) == 0;  // needs root
+  std::ofstream(big) << std::string((1 << 20) + 1, 'x');
   const struct {
     std::string cert, key, error;
   } refused[] = {
-      {base + "/missing.pem", cert, "cannot read " + base + "/missing.pem"},
+      {base + "/missing.pem", cert,
+       "cannot read " + base + "/missing.pem: No such file or directory"},
       {cert, empty, empty + " is empty"},
-      {"/dev/zero", cert, "/dev/zero is larger than 1 MiB"},
+      {"/dev/zero", cert, "/dev/zero is not a regular file"},
+      {cert, link, link + " is a symbolic link"},
+      {big, cert, big + " is larger than 1 MiB"},
+      {cert, chowned ? foreign : link,
+       chowned ? foreign + " belongs to uid 65534, neither root nor this service"
+               : link + " is a symbolic link"},
   };
   for (const auto& r : refused) {
     const Status s = ReadTlsFiles(r.cert, r.key, &c, &k);
     EXPECT_FALSE(s.ok()) << r.error;
     EXPECT_EQ(s.message(), r.error);
   }
+}
+
+// A replaced pair is held only while a connection that began before the
+// replacement is open; reloads alone keep no more than the current pair.
+TEST(TlsCredentialsTest, ReplacedPairsAreFreedOnceNoConnectionCanUseThem) {
+  const Pem a = MakePair(), b = MakePair();
+  for (int i = 0; i < 50; ++i)
+    ASSERT_TRUE(TlsCredentials::Install(i % 2 ? a.cert : b.cert, i % 2 ? a.key : b.key).ok());
+  EXPECT_EQ(TlsCredentials::PairsKept(), 1u);
+  const uint64_t early = TlsCredentials::ConnectionStarted();
+  ASSERT_TRUE(TlsCredentials::Install(a.cert, a.key).ok());
+  const uint64_t late = TlsCredentials::ConnectionStarted();
+  ASSERT_TRUE(TlsCredentials::Install(b.cert, b.key).ok());
+  EXPECT_EQ(TlsCredentials::PairsKept(), 3u);  // early's, late's and the current one
+  TlsCredentials::ConnectionEnded(early);
+  EXPECT_EQ(TlsCredentials::PairsKept(), 2u);
+  TlsCredentials::ConnectionEnded(late);
+  EXPECT_EQ(TlsCredentials::PairsKept(), 1u);
+  EXPECT_NE(PresentedKey(), nullptr);
 }
 
 }  // namespace

@@ -11,6 +11,7 @@
 #include "atomic_write.h"
 #include "group_internal.h"
 #include "line_splice.h"
+#include "name_rule.h"
 #include "names.h"
 #include "snapshot.h"
 #include "tavo/error.h"
@@ -54,11 +55,30 @@ bool AllocateGid(const GroupDb& db, const LoginDefs& defs, unsigned* gid) {
   return false;
 }
 
+// Whether `name` would pass for another group: its skeleton, as written or
+// case-folded, is that of a group in the files (system groups included;
+// `self` aside) or of a built-in one, while it does not fold to that name.
+bool LooksLikeAnother(const GroupDb& db, const std::string& name, int self) {
+  const std::string as_written = Skeleton(name);
+  const std::string folded_skeleton = NameSkeleton(name);
+  if (as_written.empty() || folded_skeleton.empty()) return false;
+  const std::string folded = FoldCase(name);
+  const auto same = [&](const std::string& other) {
+    return FoldCase(other) != folded &&
+           (Skeleton(other) == as_written || NameSkeleton(other) == folded_skeleton);
+  };
+  if (same("administrators") || same("users")) return true;
+  for (int i = 0; i < static_cast<int>(db.size()); ++i)
+    if (i != self && same(std::string(db.Name(i)))) return true;
+  return false;
+}
+
 }  // namespace
 
 int CheckNewGroupName(const GroupDb& db, const LoginDefs& defs, const std::string& name, int self) {
   int syntax = CheckGroupNameSyntax(name);
   if (syntax != TAVO_ERR_NONE) return syntax;
+  if (HasInvisible(name) || LooksLikeAnother(db, name, self)) return TAVO_ERR_BAD_VALUE;
   const std::string folded = FoldCase(name);
   const bool self_builtin = self >= 0 && db.Builtin(self);
   if (IsBuiltinGroupName(name) && !self_builtin) return TAVO_ERR_RESERVED;
@@ -84,6 +104,7 @@ bool ApplyCreate(GroupChange* c) {
   std::shared_ptr<const GroupDb> db = LocalGroupsNow();
   auto defs = Defs();
   if (!db || !defs) return false;
+  c->new_name = NfcName(c->new_name);
   int why = CheckNewGroupName(*db, *defs, c->new_name, -1);
   if (why != TAVO_ERR_NONE) return TAVO_ERR_SET(why), false;
   const int local = static_cast<int>(db->CountReachable(*defs));

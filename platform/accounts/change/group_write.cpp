@@ -17,6 +17,7 @@
 #include "change_journal.h"
 #include "group_internal.h"
 #include "line_splice.h"
+#include "name_rule.h"
 #include "names.h"
 #include "snapshot.h"
 #include "tavo/conf.h"
@@ -169,6 +170,9 @@ bool ApplyRenameOrDescription(GroupChange* c) {
   if (!db || !defs) return false;
   const int self = db->FindExact(c->orig_name);
   if (self < 0) return ACCT_ERR(TAVO_ERR_NO_GROUP), false;
+  // A name that stays as it is is not checked again: names already in the
+  // files stay manageable whatever they hold.
+  if (c->new_name != c->orig_name) c->new_name = NfcName(c->new_name);
   const bool renaming = c->new_name != c->orig_name;
   if (renaming) {
     int why = CheckNewGroupName(*db, *defs, c->new_name, self);

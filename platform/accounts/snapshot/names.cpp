@@ -5,6 +5,7 @@
 #include <wctype.h>
 
 #include "acct_error.h"
+#include "name_rule.h"
 #include "unicode_fold.h"
 
 namespace tavo {
@@ -76,6 +77,13 @@ bool IsControl(unsigned cp) { return cp < 0x20 || cp == 0x7F || (cp >= 0x80 && c
 }  // namespace
 
 std::string FoldCase(const std::string& s) {
+  // Composed first, so that the two spellings of "café" fold alike.
+  for (char c : s) {
+    if (static_cast<unsigned char>(c) < 0x80) continue;
+    const std::string composed = NfcName(s);
+    if (composed != s) return FoldCase(composed);
+    break;
+  }
   std::string out;
   out.reserve(s.size());
   for (size_t i = 0; i < s.size();) {

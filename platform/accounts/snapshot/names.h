@@ -1,8 +1,9 @@
 // Name and text rules of the account store, and Unicode case folding.
 //
-// FoldCase maps every code point of a UTF-8 string to its case-folded form
-// (tavo::FoldCodePoint: lower(upper(c)) of the C.UTF-8 locale, the Turkish
-// dotted and dotless I kept apart); invalid bytes are kept as they are. Two
+// FoldCase puts a UTF-8 string in normalisation form C (name_rule.h), then
+// maps every code point to its case-folded form (tavo::FoldCodePoint:
+// lower(upper(c)) of the C.UTF-8 locale, the Turkish dotted and dotless I
+// kept apart); invalid bytes are kept as they are. Two
 // names are "equal ignoring case" when their folded forms are equal, and
 // listings are ordered by the folded form (byte order, which is code-point
 // order for UTF-8).

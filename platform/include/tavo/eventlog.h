@@ -41,6 +41,11 @@ std::string EventLogMessage(unsigned int event, const std::string& a1, const std
 // missing database is an empty log.
 bool EventLogList(int offset, int limit, Json::Value* out);
 
+// Takes from the event log's database and its WAL and shared-memory files
+// any access of group or others, where they exist (they are made 0600, and a
+// process that opens the log does this too). For a server at start.
+void EventLogRestrict();
+
 }  // namespace tavo
 
 #endif  // TAVO_EVENTLOG_H_

@@ -2,7 +2,11 @@
 //
 // TLIBServiceTypeReload(type) runs every executable regular file in
 // ROOT/etc/tavo/reload.d, in name order, with the service type as its only
-// argument and TAVO_ROOT set to the root. Each hook gets at most
+// argument, in a minimal environment: PATH, LANG=C and TAVO_ROOT, the root.
+// A hook runs with the service's rights, so it must be trusted: a regular
+// file (not a symbolic link), owned by root or by the service's user and
+// writable by its owner alone, in a folder of the same kind; any other entry
+// is logged (LOG_WARNING) and not run. Each hook gets at most
 // TAVO_HOOK_TIMEOUT_MS (environment, default 5000 ms) and is then killed with
 // its process group (a hook runs in a process group of its own). A failing,
 // killed or slow hook is logged to syslog at LOG_WARNING and never makes the
