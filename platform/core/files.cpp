@@ -1,4 +1,5 @@
-// Pid files, marker files and the directory-services state files.
+// Pid files, marker files, the directory-services state files, and whole
+// files read at once.
 #include <errno.h>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -8,6 +9,8 @@
 #include <climits>
 #include <string>
 
+#include "file_key.h"
+#include "pin.h"
 #include "tavo/directory.h"
 #include "tavo/error.h"
 #include "tavo/root.h"
@@ -38,8 +41,11 @@ int ParsePidLine(const std::string& text) {
 
 extern "C" {
 
+// The files read here are outside the snapshots: an answer that looked at
+// them is never given again without asking them again.
 int TLIBCReadPidFile(const char* path) {
   if (!path) return TAVO_ERR_SET(TAVO_ERR_ARGUMENT);
+  tavo::acct::internal::MarkNotReusable();
   std::string real = tavo::TavoRootPath(path);
   int fd = open(real.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY);
   if (fd < 0) return TAVO_ERR_SET(errno == ENOENT ? TAVO_ERR_NOT_FOUND : TAVO_ERR_IO);
@@ -57,6 +63,7 @@ int TLIBCReadPidFile(const char* path) {
 
 int TLIBCFileExist(const char* path) {
   if (!path) return 0;
+  tavo::acct::internal::MarkNotReusable();
   struct stat st;
   return stat(tavo::TavoRootPath(path).c_str(), &st) == 0 ? 1 : 0;
 }
@@ -66,3 +73,22 @@ int TAVOWinsIsJoined(void) { return TLIBCFileExist("/etc/tavo/domain"); }
 int TAVOLDAPIsBinded(int /*flag*/) { return TLIBCFileExist("/etc/tavo/ldap"); }
 
 }  // extern "C"
+
+namespace tavo {
+
+std::string Trim(const std::string& text) {
+  const char* blanks = " \t\r\n\f\v";
+  const size_t b = text.find_first_not_of(blanks);
+  if (b == std::string::npos) return "";
+  return text.substr(b, text.find_last_not_of(blanks) - b + 1);
+}
+
+bool ReadWholeFile(const std::string& path, std::string* out) {
+  acct::FileKey key;
+  if (!acct::ReadWholeFile(path, out, &key)) return false;
+  if (key.exists) return true;
+  TAVO_ERR_SET(TAVO_ERR_IO);
+  return false;
+}
+
+}  // namespace tavo

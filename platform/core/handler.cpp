@@ -11,6 +11,7 @@
 
 #include "lock_path.h"
 #include "os_util.h"
+#include "pin.h"
 #include "tavo/error.h"
 #include "tavo/root.h"
 #include "tavo/testing.h"
@@ -83,7 +84,10 @@ bool ServerFormHandler::TakeHandlerLock(bool exclusive) {
       return false;
     }
   }
-  if (FlockBounded(lock_fd_, exclusive ? LOCK_EX : LOCK_SH)) return true;
+  if (FlockBounded(lock_fd_, exclusive ? LOCK_EX : LOCK_SH)) {
+    tavo::acct::internal::LockTaken(lock_path_.c_str(), exclusive);
+    return true;
+  }
   // A failed conversion may have dropped the lock held: unlock in any case.
   flock(lock_fd_, LOCK_UN);
   tavo::internal::CloseLockFile(lock_fd_);
@@ -106,6 +110,7 @@ bool ServerFormHandler::LockFile(const char* path, bool exclusive, int* fd) {
     tavo::internal::CloseLockFile(lock_fd);
     return false;
   }
+  tavo::acct::internal::LockTaken(path, exclusive);
   *fd = lock_fd;
   return true;
 }

@@ -3,6 +3,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <pthread.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -265,6 +266,35 @@ void CloseLockFile(int fd) {
     }
   }
   close(fd);
+}
+
+HeldLock& HeldLock::operator=(HeldLock&& o) noexcept {
+  if (this != &o) {
+    Release();
+    fd_ = o.fd_;
+    o.fd_ = -1;
+  }
+  return *this;
+}
+
+bool HeldLock::TryShared(const std::string& abs_path) {
+  Release();
+  const int fd = OpenLockFile(abs_path);
+  if (fd < 0) return false;
+  while (flock(fd, LOCK_SH | LOCK_NB) != 0) {
+    if (errno == EINTR) continue;
+    CloseLockFile(fd);
+    return false;
+  }
+  fd_ = fd;
+  return true;
+}
+
+void HeldLock::Release() {
+  if (fd_ < 0) return;
+  flock(fd_, LOCK_UN);
+  CloseLockFile(fd_);
+  fd_ = -1;
 }
 
 }  // namespace internal

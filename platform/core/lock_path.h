@@ -39,6 +39,25 @@ int OpenLockFile(const std::string& abs_path);
 // descriptor is closed.
 void CloseLockFile(int fd);
 
+// One lock file, opened and locked; released and given back (CloseLockFile)
+// when the handle ends. Move-only.
+class HeldLock {
+ public:
+  HeldLock() = default;
+  ~HeldLock() { Release(); }
+  HeldLock(HeldLock&& o) noexcept : fd_(o.fd_) { o.fd_ = -1; }
+  HeldLock& operator=(HeldLock&& o) noexcept;
+  HeldLock(const HeldLock&) = delete;
+  HeldLock& operator=(const HeldLock&) = delete;
+  // Takes a shared lock on the lock file named `abs_path` without waiting:
+  // false when another holds it exclusively, or it cannot be opened.
+  bool TryShared(const std::string& abs_path);
+  void Release();
+
+ private:
+  int fd_ = -1;
+};
+
 }  // namespace internal
 }  // namespace tavo
 

@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "os_util.h"
+#include "pin.h"
 #include "tavo/error.h"
 #include "tavo/root.h"
 
@@ -142,6 +143,7 @@ void WaitHook(pid_t pid, const std::string& path, long timeout_ms) {
 extern "C" {
 
 int TLIBServiceTypeReload(int type) {
+  tavo::acct::internal::MarkNotReusable();  // runs programs of its own
   const std::string dir = tavo::TavoRootPath("/etc/tavo/reload.d");
   std::vector<std::string> hooks;
   if (!ListHooks(dir, &hooks)) {

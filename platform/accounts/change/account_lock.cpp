@@ -13,6 +13,7 @@
 #include <thread>
 
 #include "acct_error.h"
+#include "pin.h"
 #include "tavo/root.h"
 
 namespace tavo {
@@ -145,6 +146,7 @@ bool AccountLock::Acquire(const std::vector<std::string>& files) {
     }
     lock_files_.push_back(lock);
   }
+  internal::LockTaken(nullptr, true);
   return true;
 }
 

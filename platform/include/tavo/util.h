@@ -43,6 +43,12 @@ namespace tavo {
 // that are not UTF-8 are kept. Only equality of keys is meaningful.
 std::string CaseFoldKey(const std::string& text);
 
+// `text` without the blanks (space, tab, CR, LF, FF, VT) at either end.
+std::string Trim(const std::string& text);
+// Reads the whole file at the host path `path` (not resolved in the root)
+// into *out. False when it cannot be opened or read (TAVO_ERR_IO, errno set).
+bool ReadWholeFile(const std::string& path, std::string* out);
+
 }  // namespace tavo
 
 #endif  // TAVO_UTIL_H_
