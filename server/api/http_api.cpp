@@ -1,11 +1,36 @@
 // The API routes of the HTTP server: POST /api, GET /api and GET /api/info.
 #include <cstdio>
 
+#include "directory_api.h"
 #include "dispatch.h"
+#include "eventlog_api.h"
 #include "http_impl.h"
 #include "json_util.h"
 
 namespace tavo_server {
+
+namespace {
+// Longest POST body looked into for the call's name on an event thread.
+constexpr size_t kPeekBytes = 4096;
+}  // namespace
+
+bool HttpServer::Impl::CallTakesNoLock(const HttpRequest& req) {
+  std::string api, method;
+  if (req.method == "POST") {
+    Json::Value body;
+    if (req.body.size() > kPeekBytes || !ParseJson(req.body, &body) || !body.isObject() ||
+        !body["api"].isString() || !body["method"].isString())
+      return false;
+    api = body["api"].asString();
+    method = body["method"].asString();
+  } else {
+    for (const auto& kv : req.query) {
+      if (kv.first == "api") api = kv.second;
+      if (kv.first == "method") method = kv.second;
+    }
+  }
+  return (api == kEventLogApi && method == "list") || (api == kDirectoryApi && method == "status");
+}
 
 void HttpServer::Impl::Serve(const HttpRequest& req, HttpResponse& res,
                              const SessionStore::Session& s, const Json::Value& envelope) {

@@ -94,14 +94,16 @@ HttpServer::Impl::Impl(const ServeOptions& o, AccountOps& a)
   using Req = const HttpRequest&;
   using Res = HttpResponse&;
   // Password checks and module calls may wait on locks, fsync or crypt: they
-  // run on the workers. The session check only looks in memory.
+  // run on the workers, module calls on a pool of their own unless they take
+  // no lock. The session check only looks in memory.
+  const LockFree lock_free = &CallTakesNoLock;
   routes = {
       {"POST", "/api/auth/login", Lane::kWorker, [this](Req q, Res r) { Login(q, r); }},
       {"POST", "/api/auth/logout", Lane::kEvent, [this](Req q, Res r) { Logout(q, r); }},
       {"GET", "/api/auth/session", Lane::kEvent, [this](Req q, Res r) { SessionInfo(q, r); }},
       {"GET", "/api/info", Lane::kWorker, [this](Req q, Res r) { ApiInfo(q, r); }},
-      {"POST", "/api", Lane::kWorker, [this](Req q, Res r) { ApiPost(q, r); }},
-      {"GET", "/api", Lane::kWorker, [this](Req q, Res r) { ApiGet(q, r); }},
+      {"POST", "/api", Lane::kCall, [this](Req q, Res r) { ApiPost(q, r); }, lock_free},
+      {"GET", "/api", Lane::kCall, [this](Req q, Res r) { ApiGet(q, r); }, lock_free},
       // Operations: health for load balancers, the API's description, and
       // counters for administrators (the account side's figures are asked
       // for, so a worker answers).

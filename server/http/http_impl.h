@@ -40,6 +40,7 @@ struct HttpServer::Impl {
     std::string method, path;
     Lane lane;
     Handler handler;
+    LockFree lock_free;  // kCall only; null: every call may wait
   };
 
   const ServeOptions& options;
@@ -55,8 +56,9 @@ struct HttpServer::Impl {
   // Serving state (http_server.cpp).
   std::unique_ptr<AccessLog> log;
   std::unique_ptr<ConnDeadlines> deadlines;
-  std::unique_ptr<Executor> workers;
-  MHD_Daemon* daemon = nullptr;  // set and cleared by Run under probe_mu
+  std::unique_ptr<Executor> workers;  // module calls (Lane::kCall)
+  std::unique_ptr<Executor> quick;    // Lane::kWorker, and calls that take no lock
+  MHD_Daemon* daemon = nullptr;       // set and cleared by Run under probe_mu
   // The event-loop probe (event_probe.cpp): the descriptor of the probe's
   // connection, and whether an event thread has taken it up.
   std::mutex probe_mu;
@@ -80,6 +82,9 @@ struct HttpServer::Impl {
   // client accepts it and the body is large enough.
   void Finish(const HttpRequest& req, HttpResponse& res);
 
+  // The pool that runs a request of a worker route.
+  Executor* PoolFor(const Route& route, const HttpRequest& req) const;
+
   // Route handlers (http_auth.cpp, http_api.cpp, http_routes.cpp).
   void Login(const HttpRequest& req, HttpResponse& res);
   void Logout(const HttpRequest& req, HttpResponse& res);
@@ -87,6 +92,9 @@ struct HttpServer::Impl {
   void ApiInfo(const HttpRequest& req, HttpResponse& res);
   void ApiPost(const HttpRequest& req, HttpResponse& res);
   void ApiGet(const HttpRequest& req, HttpResponse& res);
+  // Whether the call a POST or GET /api names takes no lock (the server's
+  // own reads: the event log, the directories' status).
+  static bool CallTakesNoLock(const HttpRequest& req);
   void StaticFile(const HttpRequest& req, HttpResponse& res);
   void Health(const HttpRequest& req, HttpResponse& res);
   void OpenApi(const HttpRequest& req, HttpResponse& res);
