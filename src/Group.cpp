@@ -68,19 +68,19 @@ void GroupHandler::Exit() {
 
 int GroupHandler::TranslateError() const {
   switch (TLIBCErrGet()) {
-    case 0x1700:
+    case TAVO_ERR_EXISTS:
       return kApiExists;
-    case 0x0300:
+    case TAVO_ERR_BAD_VALUE:
       return kApiBadValue;
-    case 0x0400:
+    case TAVO_ERR_LOCK:
       return kApiLockFailed;
-    case 0x1600:
+    case TAVO_ERR_NO_GROUP:
       return kApiNoGroup;
-    case 0x1800:
+    case TAVO_ERR_NO_USER:
       return kApiNoUser;
-    case 0x1900:
+    case TAVO_ERR_LIMIT:
       return kApiLimit;
-    case 0xB700:
+    case TAVO_ERR_RESERVED:
       return kApiReserved;
     default:
       return kApiUnknown;
