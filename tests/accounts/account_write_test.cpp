@@ -64,6 +64,20 @@ TEST(GroupWrite, MemberLookupsFollowChangesInMemory) {
   EXPECT_EQ((std::vector<std::string>{"zc", "wd"}), g->GetMembers());
 }
 
+// A member is written under the user's own spelling as etc/passwd has it
+// when the group is saved, also for a user that appeared after the member
+// was added.
+TEST(GroupWrite, SaveSpellsAddedMembersAsEtcPasswdDoesThen) {
+  TempRoot root;
+  root.AddGroup("team", 1400, {"admin"});
+  GroupPtr g(SDK::Group::LoadGroup("team"));
+  ASSERT_TRUE(g);
+  ASSERT_TRUE(g->AddMember("BOB"));  // no such user yet
+  root.AddUser("bob", 1020);
+  ASSERT_TRUE(g->Save());
+  EXPECT_TRUE(Contains(root.Read("/etc/group"), "\nteam:x:1400:admin,bob\n"));
+}
+
 TEST(GroupWrite, RenameMovesDescriptionAndKeepsGshadowInStep) {
   TempRoot root;
   root.AddGroup("staff", 1500, {"admin"});
