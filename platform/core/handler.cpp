@@ -57,7 +57,7 @@ ServerFormHandler::ServerFormHandler(const char* lock_path)
 ServerFormHandler::~ServerFormHandler() {
   if (lock_fd_ >= 0) {
     flock(lock_fd_, LOCK_UN);
-    tavo::internal::CloseLockFile(lock_fd_);
+    close(lock_fd_);
   }
 }
 
@@ -90,7 +90,7 @@ bool ServerFormHandler::TakeHandlerLock(bool exclusive) {
   }
   // A failed conversion may have dropped the lock held: unlock in any case.
   flock(lock_fd_, LOCK_UN);
-  tavo::internal::CloseLockFile(lock_fd_);
+  close(lock_fd_);
   lock_fd_ = -1;
   return false;
 }
@@ -107,7 +107,7 @@ bool ServerFormHandler::LockFile(const char* path, bool exclusive, int* fd) {
     return false;
   }
   if (!FlockBounded(lock_fd, exclusive ? LOCK_EX : LOCK_SH)) {
-    tavo::internal::CloseLockFile(lock_fd);
+    close(lock_fd);
     return false;
   }
   tavo::acct::internal::LockTaken(path, exclusive);
@@ -118,5 +118,5 @@ bool ServerFormHandler::LockFile(const char* path, bool exclusive, int* fd) {
 void ServerFormHandler::UnlockFile(int fd) {
   if (fd < 0) return;
   flock(fd, LOCK_UN);
-  tavo::internal::CloseLockFile(fd);
+  close(fd);
 }
