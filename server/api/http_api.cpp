@@ -14,6 +14,18 @@ namespace {
 constexpr size_t kPeekBytes = 4096;
 }  // namespace
 
+void HttpServer::Impl::AddApiRoutes() {
+  using Req = const HttpRequest&;
+  using Res = HttpResponse&;
+  // Module calls may wait for a module's lock: they run on a pool of their
+  // own, unless they take no lock. /api/info reads the account files.
+  const LockFree lock_free = &CallTakesNoLock;
+  routes.push_back({"GET", "/api/info", Lane::kWorker, [this](Req q, Res r) { ApiInfo(q, r); }});
+  routes.push_back(
+      {"POST", "/api", Lane::kCall, [this](Req q, Res r) { ApiPost(q, r); }, lock_free});
+  routes.push_back({"GET", "/api", Lane::kCall, [this](Req q, Res r) { ApiGet(q, r); }, lock_free});
+}
+
 bool HttpServer::Impl::CallTakesNoLock(const HttpRequest& req) {
   std::string api, method;
   if (req.method == "POST") {

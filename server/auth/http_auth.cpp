@@ -66,6 +66,19 @@ std::string RequestToken(const HttpRequest& req) {
   return "";
 }
 
+void HttpServer::Impl::AddAuthRoutes() {
+  using Req = const HttpRequest&;
+  using Res = HttpResponse&;
+  // A login hashes a password: a worker answers. The session check and the
+  // logout only look in memory.
+  routes.push_back(
+      {"POST", "/api/auth/login", Lane::kWorker, [this](Req q, Res r) { Login(q, r); }});
+  routes.push_back(
+      {"POST", "/api/auth/logout", Lane::kEvent, [this](Req q, Res r) { Logout(q, r); }});
+  routes.push_back(
+      {"GET", "/api/auth/session", Lane::kEvent, [this](Req q, Res r) { SessionInfo(q, r); }});
+}
+
 bool HttpServer::Impl::Authorize(const HttpRequest& req, HttpResponse& res,
                                  SessionStore::Session* s, bool recheck) {
   const std::string token = RequestToken(req);

@@ -85,7 +85,10 @@ struct HttpServer::Impl {
   // The pool that runs a request of a worker route.
   Executor* PoolFor(const Route& route, const HttpRequest& req) const;
 
-  // Route handlers (http_auth.cpp, http_api.cpp, http_routes.cpp).
+  // The routes that register themselves (auth/http_auth.cpp, api/http_api.cpp).
+  void AddAuthRoutes();
+  void AddApiRoutes();
+  // Route handlers (auth/http_auth.cpp, api/http_api.cpp, http_core.cpp).
   void Login(const HttpRequest& req, HttpResponse& res);
   void Logout(const HttpRequest& req, HttpResponse& res);
   void SessionInfo(const HttpRequest& req, HttpResponse& res);

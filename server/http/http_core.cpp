@@ -1,5 +1,6 @@
-// Routing: where a parsed request is turned into a response, whichever thread
-// runs it, and the static files of the admin page.
+// The HTTP core's own part of serving: its construction, where a parsed
+// request is turned into a response whichever thread runs it, the headers
+// every answer carries, and the static files of the admin page.
 #include <strings.h>
 
 #include <functional>
@@ -91,26 +92,18 @@ HttpServer::Impl::Impl(const ServeOptions& o, AccountOps& a)
       logins(LoginLimits(o), RandomHex(32), std::chrono::hours(24 * 30)),
       files(o.web_dir),
       site(o.server_names, o.tls()) {
+  // The routes of logins and sessions, and of the API, register themselves
+  // (http_auth.cpp, http_api.cpp); the core's own answer health, the API's
+  // description and the counters.
+  AddAuthRoutes();
+  AddApiRoutes();
   using Req = const HttpRequest&;
   using Res = HttpResponse&;
-  // Password checks and module calls may wait on locks, fsync or crypt: they
-  // run on the workers, module calls on a pool of their own unless they take
-  // no lock. The session check only looks in memory.
-  const LockFree lock_free = &CallTakesNoLock;
-  routes = {
-      {"POST", "/api/auth/login", Lane::kWorker, [this](Req q, Res r) { Login(q, r); }},
-      {"POST", "/api/auth/logout", Lane::kEvent, [this](Req q, Res r) { Logout(q, r); }},
-      {"GET", "/api/auth/session", Lane::kEvent, [this](Req q, Res r) { SessionInfo(q, r); }},
-      {"GET", "/api/info", Lane::kWorker, [this](Req q, Res r) { ApiInfo(q, r); }},
-      {"POST", "/api", Lane::kCall, [this](Req q, Res r) { ApiPost(q, r); }, lock_free},
-      {"GET", "/api", Lane::kCall, [this](Req q, Res r) { ApiGet(q, r); }, lock_free},
-      // Operations: health for load balancers, the API's description, and
-      // counters for administrators (the account side's figures are asked
-      // for, so a worker answers).
-      {"GET", "/healthz", Lane::kEvent, [this](Req q, Res r) { Health(q, r); }},
-      {"GET", "/api/openapi.json", Lane::kEvent, [this](Req q, Res r) { OpenApi(q, r); }},
-      {"GET", "/metrics", Lane::kWorker, [this](Req q, Res r) { MetricsText(q, r); }},
-  };
+  routes.push_back({"GET", "/healthz", Lane::kEvent, [this](Req q, Res r) { Health(q, r); }});
+  routes.push_back(
+      {"GET", "/api/openapi.json", Lane::kEvent, [this](Req q, Res r) { OpenApi(q, r); }});
+  // The account side's figures are asked for, so a worker answers.
+  routes.push_back({"GET", "/metrics", Lane::kWorker, [this](Req q, Res r) { MetricsText(q, r); }});
   openapi_etag = "\"" + std::to_string(std::hash<std::string>()(options.openapi_json)) + "\"";
 }
 
