@@ -1,4 +1,4 @@
-#include "dir_files.h"
+#include "directory/dir_files.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>

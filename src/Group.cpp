@@ -1,6 +1,6 @@
 // GroupHandler core: construction, answer, error translation, locks and the
 // group lookups that several operations share.
-#include "Group.h"
+#include "src/Group.h"
 
 #include <syslog.h>
 
@@ -8,7 +8,7 @@
 #include <cstring>
 #include <utility>
 
-#include "JsonRead.h"
+#include "src/JsonRead.h"
 #include "tavo/error.h"
 #include "tavo/eventlog.h"
 #include "tavo/service.h"

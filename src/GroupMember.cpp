@@ -5,9 +5,9 @@
 #include <utility>
 #include <vector>
 
-#include "Group.h"
-#include "JsonRead.h"
-#include "ParamChecker.h"
+#include "src/Group.h"
+#include "src/JsonRead.h"
+#include "src/ParamChecker.h"
 #include "tavo/error.h"
 #include "tavo/read_scope.h"
 #include "tavo/szlist.h"

@@ -2,8 +2,8 @@
 #include <algorithm>
 #include <unordered_map>
 
-#include "group_internal.h"
-#include "names.h"
+#include "accounts/group_internal.h"
+#include "accounts/snapshot/names.h"
 #include "tavo/group.h"
 #include "tavo/testing.h"
 

@@ -4,9 +4,9 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "group_internal.h"
-#include "names.h"
-#include "snapshot.h"
+#include "accounts/group_internal.h"
+#include "accounts/snapshot/names.h"
+#include "accounts/snapshot/snapshot.h"
 #include "tavo/group.h"
 #include "tavo/testing.h"
 

@@ -10,8 +10,8 @@
 #include <functional>
 #include <memory>
 
-#include "group_internal.h"
-#include "names.h"
+#include "accounts/group_internal.h"
+#include "accounts/snapshot/names.h"
 #include "tavo/group.h"
 #include "tavo/testing.h"
 #include "tavo/user.h"

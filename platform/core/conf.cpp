@@ -3,7 +3,7 @@
 
 #include <fstream>
 
-#include "pin.h"
+#include "accounts/snapshot/pin.h"
 #include "tavo/root.h"
 #include "tavo/util.h"
 

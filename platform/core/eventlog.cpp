@@ -15,9 +15,9 @@
 #include <cstdio>
 #include <mutex>
 
-#include "os_util.h"
-#include "pin.h"
-#include "sqlite_lib.h"
+#include "accounts/snapshot/pin.h"
+#include "core/os_util.h"
+#include "core/sqlite_lib.h"
 #include "tavo/account.h"
 #include "tavo/error.h"
 #include "tavo/root.h"

@@ -9,8 +9,8 @@
 #include <climits>
 #include <string>
 
-#include "file_key.h"
-#include "pin.h"
+#include "accounts/snapshot/file_key.h"
+#include "accounts/snapshot/pin.h"
 #include "tavo/directory.h"
 #include "tavo/error.h"
 #include "tavo/root.h"

@@ -9,9 +9,9 @@
 
 #include <algorithm>
 
-#include "lock_path.h"
-#include "os_util.h"
-#include "pin.h"
+#include "accounts/snapshot/pin.h"
+#include "core/lock_path.h"
+#include "core/os_util.h"
 #include "tavo/error.h"
 #include "tavo/root.h"
 #include "tavo/testing.h"

@@ -1,4 +1,4 @@
-#include "lock_path.h"
+#include "core/lock_path.h"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -12,7 +12,7 @@
 #include <mutex>
 #include <vector>
 
-#include "os_util.h"
+#include "core/os_util.h"
 #include "tavo/root.h"
 
 namespace tavo {

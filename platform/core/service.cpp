@@ -17,8 +17,8 @@
 #include <string>
 #include <vector>
 
-#include "os_util.h"
-#include "pin.h"
+#include "accounts/snapshot/pin.h"
+#include "core/os_util.h"
 #include "tavo/error.h"
 #include "tavo/root.h"
 

@@ -1,6 +1,6 @@
-#include "answer_cache.h"
+#include "api/answer_cache.h"
 
-#include "json_util.h"
+#include "api/json_util.h"
 
 namespace tavo_server {
 

@@ -31,7 +31,7 @@
 #include <string>
 #include <unordered_map>
 
-#include "dispatch.h"
+#include "api/dispatch.h"
 #include "tavo/read_scope.h"
 
 namespace tavo_server {

@@ -1,11 +1,11 @@
 // The API routes of the HTTP server: POST /api, GET /api and GET /api/info.
 #include <cstdio>
 
-#include "directory_api.h"
-#include "dispatch.h"
-#include "eventlog_api.h"
-#include "http_impl.h"
-#include "json_util.h"
+#include "api/directory_api.h"
+#include "api/dispatch.h"
+#include "api/eventlog_api.h"
+#include "api/json_util.h"
+#include "http/http_impl.h"
 
 namespace tavo_server {
 

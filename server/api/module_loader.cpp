@@ -1,4 +1,4 @@
-#include "module_loader.h"
+#include "api/module_loader.h"
 
 #include <dirent.h>
 #include <dlfcn.h>
@@ -15,7 +15,7 @@
 #include <set>
 #include <sstream>
 
-#include "module_abi.h"
+#include "api/module_abi.h"
 
 namespace tavo_server {
 namespace {

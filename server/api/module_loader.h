@@ -31,7 +31,7 @@
 #include <tuple>
 #include <vector>
 
-#include "status.h"
+#include "api/status.h"
 #include "tavo/api.h"
 
 namespace tavo_server {

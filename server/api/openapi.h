@@ -16,7 +16,7 @@
 
 #include <json/value.h>
 
-#include "module_loader.h"
+#include "api/module_loader.h"
 
 namespace tavo_server {
 

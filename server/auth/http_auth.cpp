@@ -2,8 +2,8 @@
 #include <json/value.h>
 #include <strings.h>
 
-#include "http_impl.h"
-#include "json_util.h"
+#include "api/json_util.h"
+#include "http/http_impl.h"
 #include "tavo/user.h"
 
 namespace tavo_server {

@@ -1,4 +1,4 @@
-#include "options.h"
+#include "cli/options.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>

@@ -1,4 +1,4 @@
-#include "serve_conf.h"
+#include "cli/serve_conf.h"
 
 #include <sys/stat.h>
 

@@ -1,4 +1,4 @@
-#include "compress.h"
+#include "http/compress.h"
 
 #include <strings.h>
 #include <zlib.h>

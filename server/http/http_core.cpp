@@ -5,9 +5,9 @@
 
 #include <functional>
 
-#include "compress.h"
-#include "http_impl.h"
-#include "random.h"
+#include "auth/random.h"
+#include "http/compress.h"
+#include "http/http_impl.h"
 
 namespace tavo_server {
 namespace {

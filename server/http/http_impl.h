@@ -14,16 +14,16 @@
 #include <string>
 #include <vector>
 
-#include "access_log.h"
-#include "conn_deadlines.h"
-#include "http_server.h"
-#include "login_gate.h"
-#include "metrics.h"
-#include "sessions.h"
-#include "site_check.h"
-#include "static_cache.h"
-#include "static_files.h"
-#include "worker_pool.h"
+#include "auth/login_gate.h"
+#include "auth/sessions.h"
+#include "auth/site_check.h"
+#include "http/access_log.h"
+#include "http/conn_deadlines.h"
+#include "http/http_server.h"
+#include "http/metrics.h"
+#include "http/static_cache.h"
+#include "http/static_files.h"
+#include "http/worker_pool.h"
 
 struct MHD_Daemon;
 

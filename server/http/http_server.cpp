@@ -1,6 +1,6 @@
 // The event glue: libmicrohttpd's callbacks, the hand-over of blocking routes
 // to the workers, per-connection deadlines, and the graceful stop.
-#include "http_server.h"
+#include "http/http_server.h"
 
 #include <fcntl.h>
 #include <microhttpd.h>
@@ -18,8 +18,8 @@
 #include <thread>
 #include <vector>
 
-#include "http_impl.h"
-#include "tls_credentials.h"
+#include "http/http_impl.h"
+#include "http/tls_credentials.h"
 
 namespace tavo_server {
 namespace {

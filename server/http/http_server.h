@@ -44,11 +44,11 @@
 #include <memory>
 #include <string>
 
-#include "http_message.h"
-#include "module_loader.h"
-#include "options.h"
+#include "api/module_loader.h"
+#include "api/status.h"
+#include "cli/options.h"
+#include "http/http_message.h"
 #include "privsep/account_ops.h"
-#include "status.h"
 
 namespace tavo_server {
 

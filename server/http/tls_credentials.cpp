@@ -1,4 +1,4 @@
-#include "tls_credentials.h"
+#include "http/tls_credentials.h"
 
 #include <gnutls/x509.h>
 

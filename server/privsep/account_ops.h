@@ -15,9 +15,9 @@
 
 #include <string>
 
-#include "answer_cache.h"
-#include "dispatch.h"
-#include "login.h"
+#include "api/answer_cache.h"
+#include "api/dispatch.h"
+#include "auth/login.h"
 
 namespace tavo_server {
 

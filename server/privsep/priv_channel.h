@@ -25,8 +25,8 @@
 #include <cstddef>
 #include <string>
 
-#include "dispatch.h"
-#include "login.h"
+#include "api/dispatch.h"
+#include "auth/login.h"
 
 namespace tavo_server {
 

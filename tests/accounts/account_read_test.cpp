@@ -9,12 +9,12 @@
 #include <string>
 #include <vector>
 
+#include "common/temp_root.h"
 #include "tavo/error.h"
 #include "tavo/group.h"
 #include "tavo/szlist.h"
 #include "tavo/testing.h"
 #include "tavo/user.h"
-#include "temp_root.h"
 
 namespace {
 

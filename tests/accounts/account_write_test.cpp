@@ -6,10 +6,10 @@
 #include <string>
 #include <vector>
 
+#include "common/temp_root.h"
 #include "tavo/error.h"
 #include "tavo/group.h"
 #include "tavo/testing.h"
-#include "temp_root.h"
 
 namespace {
 

@@ -10,13 +10,13 @@
 #include <memory>
 #include <string>
 
+#include "common/temp_root.h"
 #include "tavo/directory.h"
 #include "tavo/group.h"
 #include "tavo/handler.h"
 #include "tavo/read_scope.h"
 #include "tavo/user.h"
 #include "tavo/util.h"
-#include "temp_root.h"
 
 namespace {
 

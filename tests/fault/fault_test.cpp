@@ -8,8 +8,8 @@
 #include <functional>
 #include <string>
 
-#include "fault_shim.h"
-#include "module_harness.h"
+#include "fault/fault_shim.h"
+#include "module/module_harness.h"
 
 namespace tavo_test {
 namespace {

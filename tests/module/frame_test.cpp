@@ -3,7 +3,7 @@
 #include <cstdio>
 #include <set>
 
-#include "module_harness.h"
+#include "module/module_harness.h"
 
 namespace tavo_test {
 namespace {

@@ -1,5 +1,5 @@
 // TAVO.Core.Group.Member list, add, remove and admin_check.
-#include "module_harness.h"
+#include "module/module_harness.h"
 #include "tavo/handler.h"
 #include "tavo/testing.h"
 

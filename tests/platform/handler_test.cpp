@@ -16,10 +16,10 @@
 #include <memory>
 #include <thread>
 
-#include "log_capture.h"
+#include "common/log_capture.h"
+#include "common/temp_root.h"
 #include "tavo/error.h"
 #include "tavo/testing.h"
-#include "temp_root.h"
 
 namespace {
 

@@ -1,5 +1,5 @@
 // Snapshots of the account files and their indexes.
-#include "account_db.h"
+#include "accounts/snapshot/account_db.h"
 
 #include <algorithm>
 #include <climits>
@@ -7,8 +7,8 @@
 #include <cstring>
 #include <ctime>
 
-#include "names.h"
-#include "snapshot.h"
+#include "accounts/snapshot/names.h"
+#include "accounts/snapshot/snapshot.h"
 
 namespace tavo {
 namespace acct {

@@ -29,9 +29,9 @@
 #include <utility>
 #include <vector>
 
-#include "account_files.h"
-#include "file_bytes.h"
-#include "name_index.h"
+#include "accounts/snapshot/account_files.h"
+#include "accounts/snapshot/file_bytes.h"
+#include "accounts/snapshot/name_index.h"
 
 namespace tavo {
 namespace acct {

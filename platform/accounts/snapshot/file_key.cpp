@@ -1,5 +1,5 @@
 // File keys and whole-file reads for the snapshot caches.
-#include "file_key.h"
+#include "accounts/snapshot/file_key.h"
 
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -13,8 +13,8 @@
 #include <map>
 #include <mutex>
 
-#include "acct_error.h"
-#include "pin.h"
+#include "accounts/acct_error.h"
+#include "accounts/snapshot/pin.h"
 #include "tavo/one_shot.h"
 
 namespace tavo {

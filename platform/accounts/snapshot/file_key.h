@@ -15,7 +15,7 @@
 #include <string>
 #include <string_view>
 
-#include "file_bytes.h"
+#include "accounts/snapshot/file_bytes.h"
 
 namespace tavo {
 namespace acct {

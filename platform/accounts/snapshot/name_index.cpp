@@ -1,8 +1,8 @@
 // Hash indexes over snapshot names.
-#include "name_index.h"
+#include "accounts/snapshot/name_index.h"
 
-#include "names.h"
-#include "snapshot.h"
+#include "accounts/snapshot/names.h"
+#include "accounts/snapshot/snapshot.h"
 
 namespace tavo {
 namespace acct {

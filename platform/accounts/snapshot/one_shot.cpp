@@ -6,7 +6,7 @@
 
 #include <atomic>
 
-#include "folder_watch.h"
+#include "core/folder_watch.h"
 
 namespace tavo {
 namespace {

@@ -1,10 +1,10 @@
 // Pins, read scopes and read sets: one request's view of the account files.
-#include "pin.h"
+#include "accounts/snapshot/pin.h"
 
 #include <string>
 #include <vector>
 
-#include "lock_path.h"
+#include "core/lock_path.h"
 #include "tavo/read_scope.h"
 #include "tavo/root.h"
 

@@ -36,10 +36,10 @@
 #include <mutex>
 #include <string>
 
-#include "file_bytes.h"
-#include "file_key.h"
-#include "folder_watch.h"
-#include "pin.h"
+#include "accounts/snapshot/file_bytes.h"
+#include "accounts/snapshot/file_key.h"
+#include "accounts/snapshot/pin.h"
+#include "core/folder_watch.h"
 #include "tavo/root.h"
 
 namespace tavo {
