@@ -62,6 +62,12 @@ TEST(GroupWrite, MemberLookupsFollowChangesInMemory) {
   ASSERT_TRUE(g->RemoveMember("yb"));
   EXPECT_FALSE(g->RemoveMember("yb"));
   EXPECT_EQ((std::vector<std::string>{"zc", "wd"}), g->GetMembers());
+  // Letters beyond ASCII match ignoring case too; a name is no prefix.
+  ASSERT_TRUE(g->AddMember("Ärzte"));
+  EXPECT_TRUE(g->IsMember("ärzte"));
+  EXPECT_TRUE(g->IsMember("ÄRZTE"));
+  EXPECT_FALSE(g->IsMember("ärzt"));
+  EXPECT_FALSE(g->IsMember("W"));
 }
 
 // A member is written under the user's own spelling as etc/passwd has it
