@@ -8,6 +8,7 @@
 #include "auth/random.h"
 #include "http/compress.h"
 #include "http/http_impl.h"
+#include "tavo/util.h"
 
 namespace tavo_server {
 namespace {
@@ -29,12 +30,9 @@ bool EtagMatches(const std::string& if_none_match, const std::string& etag) {
   while (pos < if_none_match.size()) {
     size_t end = if_none_match.find(',', pos);
     if (end == std::string::npos) end = if_none_match.size();
-    std::string tag = if_none_match.substr(pos, end - pos);
+    std::string tag = tavo::Trim(if_none_match.substr(pos, end - pos));
     pos = end + 1;
-    size_t b = tag.find_first_not_of(" \t");
-    size_t e = tag.find_last_not_of(" \t");
-    if (b == std::string::npos) continue;
-    tag = tag.substr(b, e - b + 1);
+    if (tag.empty()) continue;
     if (tag.compare(0, 2, "W/") == 0) tag = tag.substr(2);
     if (tag == "*" || tag == etag) return true;
   }
