@@ -25,7 +25,7 @@
 #include <string>
 #include <vector>
 
-#include "bench_root.h"
+#include "bench/bench_root.h"
 #include "tavo/error.h"
 #include "tavo/group.h"
 #include "tavo/root.h"

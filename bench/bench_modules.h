@@ -9,7 +9,7 @@
 
 #include <cstdio>
 
-#include "module_loader.h"
+#include "api/module_loader.h"
 #include "tavo/root.h"
 
 inline bool OpenWithModules(const char* root, const char* modules_dir,

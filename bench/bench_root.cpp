@@ -1,4 +1,4 @@
-#include "bench_root.h"
+#include "bench/bench_root.h"
 
 #include <sys/stat.h>
 #include <unistd.h>

@@ -11,8 +11,8 @@
 #include <cstring>
 #include <string>
 
-#include "bench_modules.h"
-#include "dispatch.h"
+#include "api/dispatch.h"
+#include "bench/bench_modules.h"
 #include "tavo/read_scope.h"
 
 int main(int argc, char** argv) {

@@ -23,8 +23,8 @@
 #include <memory>
 #include <string>
 
-#include "bench_modules.h"
-#include "dispatch.h"
+#include "api/dispatch.h"
+#include "bench/bench_modules.h"
 #include "tavo/read_scope.h"
 
 namespace {

@@ -13,9 +13,9 @@
 #include <thread>
 #include <vector>
 
-#include "bench_root.h"
-#include "dispatch.h"
-#include "module_loader.h"
+#include "api/dispatch.h"
+#include "api/module_loader.h"
+#include "bench/bench_root.h"
 #include "tavo/root.h"
 
 namespace {

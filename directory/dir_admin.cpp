@@ -1,12 +1,12 @@
-#include "dir_admin.h"
+#include "directory/dir_admin.h"
 
 #include <cctype>
 
-#include "dir_events.h"
-#include "dir_status.h"
-#include "group_sync.h"
-#include "idmap.h"
-#include "ldap_conn.h"
+#include "directory/dir_events.h"
+#include "directory/dir_status.h"
+#include "directory/group_sync.h"
+#include "directory/idmap.h"
+#include "directory/ldap_conn.h"
 
 namespace tavo_dir {
 namespace {

@@ -17,7 +17,7 @@
 
 #include <string>
 
-#include "dir_files.h"
+#include "directory/dir_files.h"
 
 namespace tavo_dir {
 

@@ -1,4 +1,4 @@
-#include "dir_events.h"
+#include "directory/dir_events.h"
 
 #include "tavo/eventlog.h"
 

@@ -1,4 +1,4 @@
-#include "dir_files.h"
+#include "directory/dir_files.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -10,16 +10,12 @@
 #include <sstream>
 
 #include "tavo/root.h"
+#include "tavo/util.h"
 
 namespace tavo_dir {
 namespace {
 
-std::string Trim(const std::string& s) {
-  size_t b = s.find_first_not_of(" \t\r");
-  if (b == std::string::npos) return "";
-  size_t e = s.find_last_not_of(" \t\r");
-  return s.substr(b, e - b + 1);
-}
+using tavo::Trim;
 
 std::string Errno(const std::string& what) { return what + ": " + std::strerror(errno); }
 
@@ -92,20 +88,6 @@ int Binding::GetInt(const std::string& key, int def) const {
 
 bool MakeFolders(const std::string& path, std::string* error) {
   return MakeParents(path, 0755, error);
-}
-
-bool ReadWholeFile(const std::string& path, std::string* out) {
-  Fd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-  if (fd.get() < 0) return false;
-  out->clear();
-  char buf[65536];
-  for (;;) {
-    ssize_t n = read(fd.get(), buf, sizeof(buf));
-    if (n < 0 && errno == EINTR) continue;
-    if (n < 0) return false;
-    if (n == 0) return true;
-    out->append(buf, static_cast<size_t>(n));
-  }
 }
 
 bool ReadBinding(Kind kind, Binding* out, std::string* error) {

@@ -19,6 +19,8 @@
 #include <map>
 #include <string>
 
+#include "tavo/util.h"
+
 namespace tavo_dir {
 
 enum class Kind { kLdap, kDomain };
@@ -58,7 +60,7 @@ bool ReplaceFile(const std::string& path, const std::string& content, unsigned m
 // Creates the missing folders of the real path `path` (0755).
 bool MakeFolders(const std::string& path, std::string* error);
 // Reads a whole file given by its real path; false when it cannot be read.
-bool ReadWholeFile(const std::string& path, std::string* out);
+using tavo::ReadWholeFile;
 // Removes a file in the root (absolute platform path); a missing file is fine.
 bool RemoveRootFile(const char* abs_path, std::string* error);
 

@@ -1,4 +1,4 @@
-#include "dir_status.h"
+#include "directory/dir_status.h"
 
 #include <cstdlib>
 #include <ctime>

@@ -13,7 +13,7 @@
 #include <cstdint>
 #include <string>
 
-#include "dir_files.h"
+#include "directory/dir_files.h"
 
 namespace tavo_dir {
 

@@ -1,4 +1,4 @@
-#include "group_list.h"
+#include "directory/group_list.h"
 
 #include <algorithm>
 #include <unordered_set>

@@ -1,4 +1,4 @@
-#include "group_sync.h"
+#include "directory/group_sync.h"
 
 #include <fcntl.h>
 #include <ldap.h>
@@ -11,11 +11,11 @@
 #include <cstdlib>
 #include <ctime>
 
-#include "dir_events.h"
-#include "dir_status.h"
-#include "group_list.h"
-#include "idmap.h"
-#include "ldap_conn.h"
+#include "directory/dir_events.h"
+#include "directory/dir_status.h"
+#include "directory/group_list.h"
+#include "directory/idmap.h"
+#include "directory/ldap_conn.h"
 #include "tavo/root.h"
 #include "tavo/util.h"
 

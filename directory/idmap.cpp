@@ -1,4 +1,4 @@
-#include "idmap.h"
+#include "directory/idmap.h"
 
 #include <cstdlib>
 

@@ -1,4 +1,4 @@
-#include "ldap_conn.h"
+#include "directory/ldap_conn.h"
 
 #include <ldap.h>
 

@@ -1,9 +1,9 @@
-#include "periodic_sync.h"
+#include "directory/periodic_sync.h"
 
 #include <cstdlib>
 
-#include "dir_files.h"
-#include "group_sync.h"
+#include "directory/dir_files.h"
+#include "directory/group_sync.h"
 #include "tavo/conf.h"
 
 namespace tavo_dir {

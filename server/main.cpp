@@ -4,8 +4,8 @@
 #include <string>
 #include <vector>
 
-#include "cli.h"
-#include "terminal_text.h"
+#include "cli/cli.h"
+#include "cli/terminal_text.h"
 
 namespace {
 

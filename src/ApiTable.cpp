@@ -6,8 +6,8 @@
 // Only gTable and GetAPITable are visible outside the module.
 #include <memory>
 
-#include "Group.h"
-#include "ParamChecker.h"
+#include "src/Group.h"
+#include "src/ParamChecker.h"
 #include "tavo/api.h"
 
 namespace group_module {

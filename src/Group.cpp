@@ -1,6 +1,6 @@
 // GroupHandler core: construction, answer, error translation, locks and the
 // group lookups that several operations share.
-#include "Group.h"
+#include "src/Group.h"
 
 #include <syslog.h>
 
@@ -8,7 +8,7 @@
 #include <cstring>
 #include <utility>
 
-#include "JsonRead.h"
+#include "src/JsonRead.h"
 #include "tavo/error.h"
 #include "tavo/eventlog.h"
 #include "tavo/service.h"
@@ -68,19 +68,19 @@ void GroupHandler::Exit() {
 
 int GroupHandler::TranslateError() const {
   switch (TLIBCErrGet()) {
-    case 0x1700:
+    case TAVO_ERR_EXISTS:
       return kApiExists;
-    case 0x0300:
+    case TAVO_ERR_BAD_VALUE:
       return kApiBadValue;
-    case 0x0400:
+    case TAVO_ERR_LOCK:
       return kApiLockFailed;
-    case 0x1600:
+    case TAVO_ERR_NO_GROUP:
       return kApiNoGroup;
-    case 0x1800:
+    case TAVO_ERR_NO_USER:
       return kApiNoUser;
-    case 0x1900:
+    case TAVO_ERR_LIMIT:
       return kApiLimit;
-    case 0xB700:
+    case TAVO_ERR_RESERVED:
       return kApiReserved;
     default:
       return kApiUnknown;

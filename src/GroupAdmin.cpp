@@ -4,8 +4,8 @@
 
 #include <vector>
 
-#include "Group.h"
-#include "JsonRead.h"
+#include "src/Group.h"
+#include "src/JsonRead.h"
 #include "tavo/error.h"
 #include "tavo/user.h"
 

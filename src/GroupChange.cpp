@@ -5,8 +5,8 @@
 #include <cstring>
 #include <deque>
 
-#include "Group.h"
-#include "JsonRead.h"
+#include "src/Group.h"
+#include "src/JsonRead.h"
 #include "tavo/conf.h"
 #include "tavo/error.h"
 #include "tavo/eventlog.h"

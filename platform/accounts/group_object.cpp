@@ -1,9 +1,11 @@
 // SDK::Group: a group loaded or created in memory, and its Save.
 #include <algorithm>
-#include <unordered_map>
+#include <cstdint>
+#include <utility>
+#include <vector>
 
-#include "group_internal.h"
-#include "names.h"
+#include "accounts/group_internal.h"
+#include "accounts/snapshot/names.h"
 #include "tavo/group.h"
 #include "tavo/testing.h"
 
@@ -13,23 +15,56 @@ using namespace tavo::acct;
 
 namespace {
 
-// Finds members by exact spelling, else ignoring case, through hash indexes
-// built on first use, so that testing every user of a large root against a
-// large group stays linear. Appends keep the indexes; removals drop them.
+uint64_t Fnv(const std::string& s) {
+  uint64_t h = 1469598103934665603ull;
+  for (unsigned char c : s) h = (h ^ c) * 1099511628211ull;
+  return h;
+}
+
+// Hashes (FNV-1a) of `s` as it is and of its case-folded form, in one pass
+// without a copy for ASCII text.
+void NameHashes(const std::string& s, uint64_t* exact, uint64_t* folded) {
+  uint64_t h = 1469598103934665603ull, f = h;
+  for (unsigned char c : s) {
+    if (c >= 0x80) {
+      *exact = Fnv(s);
+      *folded = Fnv(FoldCase(s));
+      return;
+    }
+    h = (h ^ c) * 1099511628211ull;
+    f = (f ^ (c >= 'A' && c <= 'Z' ? c + 32 : c)) * 1099511628211ull;
+  }
+  *exact = h;
+  *folded = f;
+}
+
+// Finds members by exact spelling, else ignoring case, through sorted lists
+// of their hashes built on first use, so that testing every user of a large
+// root against a group stays linear, and a name that is no member costs its
+// hashes and two binary searches of numbers (no string is compared or
+// copied). Appends keep the lists; removals drop them.
 class MemberIndex {
  public:
   int Find(const std::vector<std::string>& members, const std::string& user) {
     if (!built_) Build(members);
-    auto it = exact_.find(user);
-    if (it != exact_.end()) return it->second;
-    it = folded_.find(FoldCase(user));
-    return it == folded_.end() ? -1 : it->second;
+    uint64_t exact, folded;
+    NameHashes(user, &exact, &folded);
+    // The first entry of a spelling wins, and then the first of any case:
+    // entries of one hash are in member order.
+    for (auto it = Lower(exact_, exact); it != exact_.end() && it->first == exact; ++it)
+      if (members[it->second] == user) return it->second;
+    for (auto it = Lower(folded_, folded); it != folded_.end() && it->first == folded; ++it)
+      if (EqualIgnoringCase(members[it->second], user)) return it->second;
+    return -1;
   }
   void Appended(const std::vector<std::string>& members) {
     if (!built_) return;
     const int i = static_cast<int>(members.size()) - 1;
-    exact_.emplace(members[i], i);
-    folded_.emplace(FoldCase(members[i]), i);
+    uint64_t exact, folded;
+    NameHashes(members[i], &exact, &folded);
+    exact_.insert(std::upper_bound(exact_.begin(), exact_.end(), Entry{exact, i}), Entry{exact, i});
+    folded_.insert(std::upper_bound(folded_.begin(), folded_.end(), Entry{folded, i}),
+                   Entry{folded, i});
   }
   void Forget() {
     built_ = false;
@@ -38,16 +73,24 @@ class MemberIndex {
   }
 
  private:
+  using Entry = std::pair<uint64_t, int>;  // hash, member index
+  static std::vector<Entry>::const_iterator Lower(const std::vector<Entry>& v, uint64_t hash) {
+    return std::lower_bound(v.begin(), v.end(), Entry{hash, -1});
+  }
   void Build(const std::vector<std::string>& members) {
+    exact_.resize(members.size());
+    folded_.resize(members.size());
     for (int i = 0; i < static_cast<int>(members.size()); ++i) {
-      exact_.emplace(members[i], i);  // the first entry of a spelling wins
-      folded_.emplace(FoldCase(members[i]), i);
+      NameHashes(members[i], &exact_[i].first, &folded_[i].first);
+      exact_[i].second = folded_[i].second = i;
     }
+    std::sort(exact_.begin(), exact_.end());
+    std::sort(folded_.begin(), folded_.end());
     built_ = true;
   }
 
   bool built_ = false;
-  std::unordered_map<std::string, int> exact_, folded_;
+  std::vector<Entry> exact_, folded_;  // sorted by hash, then member index
 };
 
 }  // namespace

@@ -4,9 +4,9 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "group_internal.h"
-#include "names.h"
-#include "snapshot.h"
+#include "accounts/group_internal.h"
+#include "accounts/snapshot/names.h"
+#include "accounts/snapshot/snapshot.h"
 #include "tavo/group.h"
 #include "tavo/testing.h"
 
@@ -200,6 +200,8 @@ int TLIBGroupInfoEnumBySubstr(int kind, const char* domain_name, int offset, int
   return Guarded(-1, [&] {
     // The callback's own lookups see the same snapshots as the enumeration.
     SnapshotPin pin;
+    // The directories' copies change with their state, which no snapshot tracks.
+    if (kind != TAVO_GROUP_LOCAL) internal::MarkNotReusable();
     auto db = GroupsOfKind(kind);
     if (!db) return -1;
     std::shared_ptr<const LoginDefs> defs;

@@ -1,7 +1,7 @@
 #include <atomic>
 #include <chrono>
 
-#include "store_stats_internal.h"
+#include "accounts/store_stats_internal.h"
 
 namespace tavo {
 namespace acct {

@@ -10,8 +10,8 @@
 #include <functional>
 #include <memory>
 
-#include "group_internal.h"
-#include "names.h"
+#include "accounts/group_internal.h"
+#include "accounts/snapshot/names.h"
 #include "tavo/group.h"
 #include "tavo/testing.h"
 #include "tavo/user.h"
@@ -90,6 +90,19 @@ int EnumNames(TLIBC_SZLIST** list, int type, const char* substr, int match_flag)
   if (TAVO_FAULT("user.enum")) return -1;
   return Guarded(-1, [&] {
     int added = 0;
+    if (!substr || !*substr) {
+      // Every local user: the names alone, in the kept order of local users.
+      auto users = Passwd();
+      auto defs = Defs();
+      if (!users || !defs) return -1;
+      std::string name;
+      for (int u : users->Local(*defs)->order) {
+        name.assign(users->Name(u));
+        if (TLIBCSzListAdd(list, name.c_str()) != 0) return -1;
+        ++added;
+      }
+      return added;
+    }
     bool failed = false;
     bool ok = ForEachLocalUser(substr, match_flag == 1, [&](const UserFields& u) {
       if (TLIBCSzListAdd(list, u.name.c_str()) != 0) {

@@ -1,4 +1,4 @@
-#include "child_process.h"
+#include "core/child_process.h"
 
 #include <fcntl.h>
 #include <signal.h>
@@ -9,7 +9,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "os_util.h"
+#include "core/os_util.h"
 
 namespace tavo {
 namespace internal {

@@ -3,23 +3,16 @@
 
 #include <fstream>
 
+#include "accounts/snapshot/pin.h"
 #include "tavo/root.h"
+#include "tavo/util.h"
 
-namespace {
-
-std::string Trim(const std::string& s) {
-  const char* blanks = " \t\r\n\f\v";
-  size_t b = s.find_first_not_of(blanks);
-  if (b == std::string::npos) return "";
-  size_t e = s.find_last_not_of(blanks);
-  return s.substr(b, e - b + 1);
-}
-
-}  // namespace
+using tavo::Trim;
 
 // Lines without "=" and lines with an empty key are ignored; when a key
 // appears twice, the last line wins.
 TavoConf::TavoConf() {
+  tavo::acct::internal::MarkNotReusable();  // a file outside the snapshots
   std::ifstream in(tavo::TavoRootPath("/etc/tavo/tavo.conf"));
   std::string line;
   while (std::getline(in, line)) {

@@ -16,8 +16,9 @@
 #include <cstdio>
 #include <mutex>
 
-#include "os_util.h"
-#include "sqlite_lib.h"
+#include "accounts/snapshot/pin.h"
+#include "core/os_util.h"
+#include "core/sqlite_lib.h"
 #include "tavo/account.h"
 #include "tavo/error.h"
 #include "tavo/root.h"
@@ -241,6 +242,7 @@ extern "C" {
 
 int TAVOLogSet1(int category, int level, unsigned int event, const char* a1, const char* a2,
                 const char* a3, const char* a4) {
+  tavo::acct::internal::MarkNotReusable();  // a write of its own
   const std::string args[4] = {a1 ? a1 : "", a2 ? a2 : "", a3 ? a3 : "", a4 ? a4 : ""};
   const std::string message = tavo::EventLogMessage(event, args[0], args[1], args[2], args[3]);
   const std::string account = tavo::GetRequestAccount();
@@ -280,6 +282,7 @@ namespace tavo {
 void EventLogRestrict() { Tighten(TavoRootPath(kDbPath), false); }
 
 bool EventLogList(int offset, int limit, Json::Value* out) {
+  acct::internal::MarkNotReusable();  // the log is no account file
   if (!out) {
     TAVO_ERR_SET(TAVO_ERR_ARGUMENT);
     return false;

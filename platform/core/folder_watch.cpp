@@ -1,4 +1,4 @@
-#include "folder_watch.h"
+#include "core/folder_watch.h"
 
 #include <errno.h>
 #include <pthread.h>

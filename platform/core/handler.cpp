@@ -9,8 +9,9 @@
 
 #include <algorithm>
 
-#include "lock_path.h"
-#include "os_util.h"
+#include "accounts/snapshot/pin.h"
+#include "core/lock_path.h"
+#include "core/os_util.h"
 #include "tavo/error.h"
 #include "tavo/root.h"
 #include "tavo/testing.h"
@@ -56,7 +57,7 @@ ServerFormHandler::ServerFormHandler(const char* lock_path)
 ServerFormHandler::~ServerFormHandler() {
   if (lock_fd_ >= 0) {
     flock(lock_fd_, LOCK_UN);
-    tavo::internal::CloseLockFile(lock_fd_);
+    close(lock_fd_);
   }
 }
 
@@ -83,10 +84,13 @@ bool ServerFormHandler::TakeHandlerLock(bool exclusive) {
       return false;
     }
   }
-  if (FlockBounded(lock_fd_, exclusive ? LOCK_EX : LOCK_SH)) return true;
+  if (FlockBounded(lock_fd_, exclusive ? LOCK_EX : LOCK_SH)) {
+    tavo::acct::internal::LockTaken(lock_path_.c_str(), exclusive);
+    return true;
+  }
   // A failed conversion may have dropped the lock held: unlock in any case.
   flock(lock_fd_, LOCK_UN);
-  tavo::internal::CloseLockFile(lock_fd_);
+  close(lock_fd_);
   lock_fd_ = -1;
   return false;
 }
@@ -103,9 +107,10 @@ bool ServerFormHandler::LockFile(const char* path, bool exclusive, int* fd) {
     return false;
   }
   if (!FlockBounded(lock_fd, exclusive ? LOCK_EX : LOCK_SH)) {
-    tavo::internal::CloseLockFile(lock_fd);
+    close(lock_fd);
     return false;
   }
+  tavo::acct::internal::LockTaken(path, exclusive);
   *fd = lock_fd;
   return true;
 }
@@ -113,5 +118,5 @@ bool ServerFormHandler::LockFile(const char* path, bool exclusive, int* fd) {
 void ServerFormHandler::UnlockFile(int fd) {
   if (fd < 0) return;
   flock(fd, LOCK_UN);
-  tavo::internal::CloseLockFile(fd);
+  close(fd);
 }

@@ -1,8 +1,8 @@
-#include "lock_path.h"
+#include "core/lock_path.h"
 
 #include <errno.h>
 #include <fcntl.h>
-#include <pthread.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -10,11 +10,9 @@
 #include <map>
 #include <memory>
 #include <mutex>
-#include <unordered_map>
 #include <vector>
 
-#include "folder_watch.h"
-#include "os_util.h"
+#include "core/os_util.h"
 #include "tavo/root.h"
 
 namespace tavo {
@@ -116,84 +114,6 @@ std::shared_ptr<const CheckedDir> RuntimeDir() {
   return fresh;
 }
 
-// Lock files of the runtime folder stay open between uses: opening one costs
-// four system calls, and a module takes one or two for every call. Each
-// descriptor is its own open file description, so that flock still excludes
-// between the threads that hold them at once; an idle one is handed out
-// again while its file is still linked (an unlinked or replaced lock file
-// would no longer exclude anything) and its folder is still the checked one:
-// at no cost while the folder's change count is the one seen when it was
-// last checked (folder_watch.h), else after the checks.
-// A forked child closes what it inherited: its copies share the parent's
-// open file descriptions, and so would never exclude the parent.
-constexpr size_t kIdlePerFile = 16;
-
-struct IdleLock {
-  int fd;
-  std::shared_ptr<const CheckedDir> dir;
-  unsigned long long epoch;  // the folder's change count when last checked; 0: unknown
-};
-
-struct LockPool {
-  std::mutex mu;
-  std::map<std::string, std::vector<IdleLock>> idle;  // by lock file name
-  struct Out {
-    std::string name;
-    IdleLock lock;
-  };
-  std::unordered_map<int, Out> out;  // handed out, by descriptor
-};
-
-LockPool& Pool() {
-  static LockPool* pool = [] {
-    auto* p = new LockPool;  // never destroyed: threads may use it during exit
-    pthread_atfork([] { Pool().mu.lock(); }, [] { Pool().mu.unlock(); },
-                   [] {
-                     LockPool& q = Pool();
-                     for (auto& entry : q.idle)
-                       for (const IdleLock& l : entry.second) close(l.fd);
-                     for (auto& entry : q.out) close(entry.first);
-                     q.idle.clear();
-                     q.out.clear();
-                     q.mu.unlock();
-                   });
-    return p;
-  }();
-  return *pool;
-}
-
-// An idle descriptor of `name`, or -1. With `dir` null, only one checked
-// when the folder's change count was `epoch` (nothing in the folder changed
-// since: it is still linked there, still the same file); otherwise one
-// opened under `dir` whose file is still linked and still a regular file of
-// this service (the caller opens the file anew, and refuses what must be
-// refused, when there is none). Stale ones are closed.
-int TakeIdle(const std::string& name, const std::shared_ptr<const CheckedDir>& dir,
-             unsigned long long epoch) {
-  LockPool& pool = Pool();
-  for (;;) {
-    IdleLock l{-1, nullptr, 0};
-    {
-      std::lock_guard<std::mutex> lock(pool.mu);
-      auto it = pool.idle.find(name);
-      if (it == pool.idle.end() || it->second.empty()) return -1;
-      if (!dir && (epoch == 0 || it->second.back().epoch != epoch)) return -1;
-      l = std::move(it->second.back());
-      it->second.pop_back();
-    }
-    struct stat st;
-    if (!dir || (l.dir == dir && fstat(l.fd, &st) == 0 && st.st_nlink > 0 && S_ISREG(st.st_mode) &&
-                 st.st_uid == dir->uid)) {
-      if (dir) l.epoch = epoch;
-      std::lock_guard<std::mutex> lock(pool.mu);
-      const int fd = l.fd;
-      pool.out.emplace(fd, LockPool::Out{name, std::move(l)});
-      return fd;
-    }
-    close(l.fd);
-  }
-}
-
 }  // namespace
 
 std::string LockFilePath(const std::string& abs_path) {
@@ -222,15 +142,9 @@ int OpenLockFile(const std::string& abs_path) {
     return fd;
   }
   const std::string name = lock.substr(lock.rfind('/') + 1);
-  // Asked before anything is checked: a change from now on moves it.
-  const unsigned long long epoch = FolderEpoch(TavoRootPath(kRuntimeDir));
-  int fd = TakeIdle(name, nullptr, epoch);
-  if (fd >= 0) return fd;
   const std::shared_ptr<const CheckedDir> dir = RuntimeDir();
   if (!dir) return -1;
-  fd = TakeIdle(name, dir, epoch);
-  if (fd >= 0) return fd;
-  fd = openat(dir->fd, name.c_str(), flags, 0600);
+  int fd = openat(dir->fd, name.c_str(), flags, 0600);
   if (fd < 0) {
     if (errno == ELOOP) {
       struct stat st {};
@@ -244,29 +158,36 @@ int OpenLockFile(const std::string& abs_path) {
     close(fd);
     return Refuse(TavoRootPath(lock), "not a regular file of this service", st);
   }
-  LockPool& pool = Pool();
-  std::lock_guard<std::mutex> guard(pool.mu);
-  pool.out.emplace(fd, LockPool::Out{name, IdleLock{fd, dir, epoch}});
   return fd;
 }
 
-void CloseLockFile(int fd) {
-  if (fd < 0) return;
-  LockPool& pool = Pool();
-  {
-    std::lock_guard<std::mutex> lock(pool.mu);
-    auto it = pool.out.find(fd);
-    if (it != pool.out.end()) {
-      std::vector<IdleLock>& idle = pool.idle[it->second.name];
-      if (idle.size() < kIdlePerFile) {
-        idle.push_back(std::move(it->second.lock));
-        pool.out.erase(it);
-        return;
-      }
-      pool.out.erase(it);
-    }
+HeldLock& HeldLock::operator=(HeldLock&& o) noexcept {
+  if (this != &o) {
+    Release();
+    fd_ = o.fd_;
+    o.fd_ = -1;
   }
-  close(fd);
+  return *this;
+}
+
+bool HeldLock::TryShared(const std::string& abs_path) {
+  Release();
+  const int fd = OpenLockFile(abs_path);
+  if (fd < 0) return false;
+  while (flock(fd, LOCK_SH | LOCK_NB) != 0) {
+    if (errno == EINTR) continue;
+    close(fd);
+    return false;
+  }
+  fd_ = fd;
+  return true;
+}
+
+void HeldLock::Release() {
+  if (fd_ < 0) return;
+  flock(fd_, LOCK_UN);
+  close(fd_);
+  fd_ = -1;
 }
 
 }  // namespace internal

@@ -14,8 +14,9 @@
 // regular file owned by that user is refused too. Each refusal is logged to
 // syslog at LOG_ERR with the path, the owner found and what to do. Once
 // checked, the folder stays open for later lock files while its path names
-// the same folder, still this user's and closed to others (one lstat); so do
-// released lock files, while their files are still linked (see CloseLockFile).
+// the same folder, still this user's and closed to others (one lstat). Lock
+// files themselves are opened for each lock and closed when it ends: the
+// caller owns the descriptor.
 //
 // Thread-safety: any thread. Errors: -1 with errno set (EPERM for a refusal).
 #ifndef TAVO_PLATFORM_LOCK_PATH_H_
@@ -33,14 +34,28 @@ std::string LockFilePath(const std::string& abs_path);
 // Makes the runtime folder when missing; false (logged) when it is refused.
 bool MakeRuntimeDir();
 // Opens (creating when needed) the lock file named `abs_path` for reading
-// and writing. Returns the descriptor (close-on-exec) or -1. A lock file of
-// the runtime folder may come from the idle ones kept by CloseLockFile: its
-// own open file description, unlocked, its file still linked there.
+// and writing. Returns the descriptor (close-on-exec), which the caller
+// closes, or -1.
 int OpenLockFile(const std::string& abs_path);
-// Gives back a descriptor of OpenLockFile once its lock is released: kept
-// idle for the next OpenLockFile of the same file, or closed. Any other
-// descriptor is closed.
-void CloseLockFile(int fd);
+
+// One lock file, opened and locked; released and closed when the handle
+// ends. Move-only.
+class HeldLock {
+ public:
+  HeldLock() = default;
+  ~HeldLock() { Release(); }
+  HeldLock(HeldLock&& o) noexcept : fd_(o.fd_) { o.fd_ = -1; }
+  HeldLock& operator=(HeldLock&& o) noexcept;
+  HeldLock(const HeldLock&) = delete;
+  HeldLock& operator=(const HeldLock&) = delete;
+  // Takes a shared lock on the lock file named `abs_path` without waiting:
+  // false when another holds it exclusively, or it cannot be opened.
+  bool TryShared(const std::string& abs_path);
+  void Release();
+
+ private:
+  int fd_ = -1;
+};
 
 }  // namespace internal
 }  // namespace tavo

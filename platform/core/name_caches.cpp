@@ -1,10 +1,10 @@
-#include "name_caches.h"
+#include "core/name_caches.h"
 
 #include <syslog.h>
 #include <unistd.h>
 
-#include "child_process.h"
-#include "os_util.h"
+#include "core/child_process.h"
+#include "core/os_util.h"
 #include "tavo/root.h"
 
 namespace tavo {

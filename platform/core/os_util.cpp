@@ -1,5 +1,5 @@
 // Internal helpers: folders, environment, clocks.
-#include "os_util.h"
+#include "core/os_util.h"
 
 #include <errno.h>
 #include <sys/stat.h>

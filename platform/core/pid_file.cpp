@@ -1,4 +1,4 @@
-#include "pid_file.h"
+#include "core/pid_file.h"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -12,7 +12,8 @@
 #include <cstring>
 #include <string>
 
-#include "lock_path.h"
+#include "accounts/snapshot/pin.h"
+#include "core/lock_path.h"
 #include "tavo/error.h"
 #include "tavo/root.h"
 #include "tavo/util.h"
@@ -174,6 +175,8 @@ extern "C" {
 
 int TLIBCReadPidFile(const char* path) {
   if (!path) return TAVO_ERR_SET(TAVO_ERR_ARGUMENT);
+  // Outside the snapshots: an answer that looked at it is never given again.
+  tavo::acct::internal::MarkNotReusable();
   const std::string real = tavo::TavoRootPath(tavo::internal::LockFilePath(path));
   int fd = tavo::internal::OpenTrustedFile(real);
   if (fd < 0)

@@ -13,8 +13,9 @@
 #include <string>
 #include <vector>
 
-#include "child_process.h"
-#include "os_util.h"
+#include "accounts/snapshot/pin.h"
+#include "core/child_process.h"
+#include "core/os_util.h"
 #include "tavo/error.h"
 #include "tavo/root.h"
 
@@ -73,6 +74,7 @@ std::vector<std::string> HookEnvironment() {
 extern "C" {
 
 int TLIBServiceTypeReload(int type) {
+  tavo::acct::internal::MarkNotReusable();  // runs programs of its own
   const std::string dir = tavo::TavoRootPath("/etc/tavo/reload.d");
   std::vector<std::string> hooks;
   if (!ListHooks(dir, &hooks)) {

@@ -1,5 +1,5 @@
 // Loading SQLite on first use (see sqlite_lib.h).
-#include "sqlite_lib.h"
+#include "core/sqlite_lib.h"
 
 #include <dlfcn.h>
 #include <syslog.h>

@@ -4,7 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "acct_error.h"
+#include "accounts/acct_error.h"
 #include "tavo/testing.h"
 
 extern "C" {

@@ -5,11 +5,11 @@
 
 #include <cstring>
 
-#include "names.h"
+#include "accounts/snapshot/names.h"
+#include "core/unicode_fold.h"
 #include "tavo/error.h"
 #include "tavo/testing.h"
 #include "tavo/util.h"
-#include "unicode_fold.h"
 
 namespace {
 

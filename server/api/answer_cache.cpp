@@ -1,6 +1,6 @@
-#include "answer_cache.h"
+#include "api/answer_cache.h"
 
-#include "json_util.h"
+#include "api/json_util.h"
 
 namespace tavo_server {
 
@@ -28,7 +28,9 @@ bool AnswerCache::Find(const ApiCall& call, const std::string& account, CallResu
     if (it == kept_.end()) return false;
     kept = it->second;
   }
-  if (!kept.reads->Current()) {
+  const tavo::ReadSet::Reuse reuse = kept.reads->Check();
+  if (reuse == tavo::ReadSet::Reuse::kBusy) return false;  // made afresh: it waits for the lock
+  if (reuse == tavo::ReadSet::Reuse::kStale) {
     std::lock_guard<std::mutex> lock(mu_);
     auto it = kept_.find(key);
     if (it != kept_.end() && it->second.text == kept.text) {

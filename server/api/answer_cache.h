@@ -9,7 +9,11 @@
 // as long as every one of those files is still that snapshot: a change by
 // this server, by another process, or a rewrite within one clock tick makes
 // a new snapshot, and the next call runs the module again. The check costs a
-// look at each file's folder (its change count) and no parse.
+// look at each file's folder (its change count) and no parse. It is made
+// under the handler locks that the call took, shared, as the call itself
+// would take them: while another holds one exclusively, the call is not
+// answered from the cache but made afresh, so it waits for the lock and is
+// refused on time-out exactly as any call.
 //
 // Limits: at most `max_entries` answers and kMaxBytes of answer text; an answer
 // longer than kMaxAnswerBytes is not kept. When a limit would be passed, the
@@ -27,7 +31,7 @@
 #include <string>
 #include <unordered_map>
 
-#include "dispatch.h"
+#include "api/dispatch.h"
 #include "tavo/read_scope.h"
 
 namespace tavo_server {
@@ -42,8 +46,9 @@ class AnswerCache {
   explicit AnswerCache(size_t max_entries = kDefaultEntries) : max_entries_(max_entries) {}
 
   // The kept answer to `call` by `account` (code and text set, envelope
-  // null), when its files are still current as the caller's ReadScope sees
-  // them; false otherwise (a stale answer is dropped).
+  // null), when its files are still current, as the caller's ReadScope sees
+  // them under the call's handler locks; false otherwise (a stale answer is
+  // dropped; one whose lock is held elsewhere is kept).
   bool Find(const ApiCall& call, const std::string& account, CallResult* result);
   // Keeps `result` (a found call's answer) with `reads`; sets result->text to
   // the answer's compact JSON, which the caller may send rather than

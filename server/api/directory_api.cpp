@@ -1,8 +1,8 @@
-#include "directory_api.h"
+#include "api/directory_api.h"
 
-#include "dir_status.h"
-#include "group_sync.h"
-#include "json_util.h"
+#include "api/json_util.h"
+#include "directory/dir_status.h"
+#include "directory/group_sync.h"
 
 namespace tavo_server {
 namespace {

@@ -14,8 +14,8 @@
 #ifndef TAVO_SERVER_DIRECTORY_API_H_
 #define TAVO_SERVER_DIRECTORY_API_H_
 
-#include "module_loader.h"
-#include "status.h"
+#include "api/module_loader.h"
+#include "api/status.h"
 
 namespace tavo_server {
 

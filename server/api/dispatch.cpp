@@ -1,11 +1,11 @@
-#include "dispatch.h"
+#include "api/dispatch.h"
 
 #include <syslog.h>
 
 #include <chrono>
 #include <exception>
 
-#include "json_util.h"
+#include "api/json_util.h"
 #include "tavo/account.h"
 
 namespace tavo_server {

@@ -14,7 +14,7 @@
 #include <memory>
 #include <string>
 
-#include "module_loader.h"
+#include "api/module_loader.h"
 
 namespace tavo_server {
 

@@ -1,6 +1,6 @@
-#include "eventlog_api.h"
+#include "api/eventlog_api.h"
 
-#include "json_util.h"
+#include "api/json_util.h"
 #include "tavo/error.h"
 #include "tavo/eventlog.h"
 

@@ -10,8 +10,8 @@
 #ifndef TAVO_SERVER_EVENTLOG_API_H_
 #define TAVO_SERVER_EVENTLOG_API_H_
 
-#include "module_loader.h"
-#include "status.h"
+#include "api/module_loader.h"
+#include "api/status.h"
 
 namespace tavo_server {
 

@@ -1,11 +1,48 @@
 // The API routes of the HTTP server: POST /api, GET /api and GET /api/info.
 #include <cstdio>
 
-#include "dispatch.h"
-#include "http_impl.h"
-#include "json_util.h"
+#include "api/directory_api.h"
+#include "api/dispatch.h"
+#include "api/eventlog_api.h"
+#include "api/json_util.h"
+#include "http/http_impl.h"
 
 namespace tavo_server {
+
+namespace {
+// Longest POST body looked into for the call's name on an event thread.
+constexpr size_t kPeekBytes = 4096;
+}  // namespace
+
+void HttpServer::Impl::AddApiRoutes() {
+  using Req = const HttpRequest&;
+  using Res = HttpResponse&;
+  // Module calls may wait for a module's lock: they run on a pool of their
+  // own, unless they take no lock. /api/info reads the account files.
+  const LockFree lock_free = &CallTakesNoLock;
+  routes.push_back({"GET", "/api/info", Lane::kWorker, [this](Req q, Res r) { ApiInfo(q, r); }});
+  routes.push_back(
+      {"POST", "/api", Lane::kCall, [this](Req q, Res r) { ApiPost(q, r); }, lock_free});
+  routes.push_back({"GET", "/api", Lane::kCall, [this](Req q, Res r) { ApiGet(q, r); }, lock_free});
+}
+
+bool HttpServer::Impl::CallTakesNoLock(const HttpRequest& req) {
+  std::string api, method;
+  if (req.method == "POST") {
+    Json::Value body;
+    if (req.body.size() > kPeekBytes || !ParseJson(req.body, &body) || !body.isObject() ||
+        !body["api"].isString() || !body["method"].isString())
+      return false;
+    api = body["api"].asString();
+    method = body["method"].asString();
+  } else {
+    for (const auto& kv : req.query) {
+      if (kv.first == "api") api = kv.second;
+      if (kv.first == "method") method = kv.second;
+    }
+  }
+  return (api == kEventLogApi && method == "list") || (api == kDirectoryApi && method == "status");
+}
 
 void HttpServer::Impl::Serve(const HttpRequest& req, HttpResponse& res,
                              const SessionStore::Session& s, const Json::Value& envelope) {

@@ -1,4 +1,4 @@
-#include "json_util.h"
+#include "api/json_util.h"
 
 #include <json/reader.h>
 #include <json/writer.h>

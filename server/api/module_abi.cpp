@@ -1,4 +1,4 @@
-#include "module_abi.h"
+#include "api/module_abi.h"
 
 #include <elf.h>
 #include <fcntl.h>

@@ -1,4 +1,4 @@
-#include "module_loader.h"
+#include "api/module_loader.h"
 
 #include <dirent.h>
 #include <dlfcn.h>
@@ -8,12 +8,14 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <memory>
 #include <set>
 #include <sstream>
 
-#include "module_abi.h"
+#include "api/module_abi.h"
 
 namespace tavo_server {
 namespace {
@@ -50,26 +52,42 @@ std::string RowProblem(const ApiTableRow& row) {
 
 }  // namespace
 
-std::string ModuleSet::ReadDescription(void* handle, const std::set<Key>& table,
+std::string DescriptionPath(const std::string& module_path) {
+  const size_t dot = module_path.rfind(".so");
+  const std::string stem = dot != std::string::npos && dot + 3 == module_path.size()
+                               ? module_path.substr(0, dot)
+                               : module_path;
+  return stem + ".json";
+}
+
+std::string ModuleSet::ReadDescription(const std::string& module_path, const std::set<Key>& table,
                                        std::map<Key, Json::Value>* out) {
-  void* sym = dlsym(handle, "GetAPIDescription");
-  if (sym == nullptr) return "";  // optional
-  const char* text = nullptr;
-  try {
-    text = reinterpret_cast<GetAPIDescriptionFn>(sym)();
-  } catch (...) {
-    return "threw an exception";
+  // Beside the module as named, else beside the file a link names.
+  std::string path = DescriptionPath(module_path);
+  std::ifstream in(path, std::ios::binary);
+  if (!in) {
+    char* real = realpath(module_path.c_str(), nullptr);
+    if (real != nullptr) {
+      path = DescriptionPath(real);
+      free(real);
+      in.open(path, std::ios::binary);
+    }
   }
-  if (!PointsIntoLoadedObject(text)) return "returned no text inside the module";
-  size_t length = strnlen(text, kMaxDescription + 1);
-  if (length > kMaxDescription) return "longer than " + std::to_string(kMaxDescription) + " bytes";
+  if (!in) return "";  // optional
+  std::string text(kMaxDescription + 1, '\0');
+  in.read(&text[0], static_cast<std::streamsize>(text.size()));
+  if (in.bad()) return path + " cannot be read";
+  text.resize(static_cast<size_t>(in.gcount()));
+  if (text.size() > kMaxDescription)
+    return path + " is longer than " + std::to_string(kMaxDescription) + " bytes";
   Json::CharReaderBuilder builder;
   builder["strictRoot"] = true;
   builder["rejectDupKeys"] = true;
   std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
   Json::Value doc;
   std::string errors;
-  if (!reader->parse(text, text + length, &doc, &errors)) return "not JSON: " + errors;
+  if (!reader->parse(text.data(), text.data() + text.size(), &doc, &errors))
+    return path + " is not JSON: " + errors;
   if (!doc.isObject() || doc["format"] != 1 || !doc["methods"].isArray())
     return "not a description of format 1 (an object with \"format\": 1 and \"methods\")";
   for (const Json::Value& m : doc["methods"]) {
@@ -87,11 +105,6 @@ std::string ModuleSet::ReadDescription(void* handle, const std::set<Key>& table,
     if (!out->emplace(key, m).second) return "describes " + what + " twice";
   }
   return "";
-}
-
-ModuleSet::~ModuleSet() {
-  // Entry functions stay reachable until the set is gone; close in reverse.
-  for (auto it = handles_.rbegin(); it != handles_.rend(); ++it) dlclose(*it);
 }
 
 Status ModuleSet::LoadFolder(const std::string& dir, int* loaded) {
@@ -167,9 +180,8 @@ Status ModuleSet::LoadFile(const std::string& path) {
     if (it != methods_.end()) return refuse(what + " is already provided by " + it->second.origin);
   }
   std::map<Key, Json::Value> described;
-  std::string problem =
-      skip_descriptions_ ? std::string() : ReadDescription(handle, own, &described);
-  if (!problem.empty()) return refuse("GetAPIDescription: " + problem);
+  std::string problem = skip_descriptions_ ? std::string() : ReadDescription(path, own, &described);
+  if (!problem.empty()) return refuse("its description: " + problem);
   for (int i = 0; i < rows; ++i) {
     const ApiTableRow& row = table[i];
     Key key(row.api, static_cast<int>(row.version), row.method);
@@ -177,7 +189,6 @@ Status ModuleSet::LoadFile(const std::string& path) {
     methods_[key] =
         Method{row.entry, path, next_order_++, d == described.end() ? Json::Value() : d->second};
   }
-  handles_.push_back(handle);
   return Status::OK();
 }
 

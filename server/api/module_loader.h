@@ -7,16 +7,17 @@
 // with a null API, method or entry or a version below 1 before its terminator,
 // has no terminator within kMaxRows rows, or claims an (API, version, method)
 // that is already registered. It is also refused when it was built against
-// another platform ABI (module_abi.h), or when it exports GetAPIDescription
-// and that text is not a valid description of its own table's methods (unless
-// the set was told to skip descriptions: a one-off call, which never shows
-// them, does not read them). A failed load leaves the set unusable: the
+// another platform ABI (module_abi.h), or when the description beside it
+// (NAME.json for NAME.so, in the module's folder or, for a link, in the folder
+// of the file it names) is not a valid description of its own table's
+// methods (unless the set was told to skip descriptions: a one-off call,
+// which never shows them, does not read them). A failed load leaves the set unusable: the
 // caller is expected to stop instead of serving a half-loaded module.
 //
-// Ownership: the set owns the library handles and keeps them open for its
-// lifetime (entry functions point into them). A loaded module stays mapped
-// until the process ends, also after the set is gone: answers it made may
-// point at its constant strings (jsoncpp's static keys).
+// Ownership: a loaded module stays mapped until the process ends, also after
+// the set is gone (it is opened with RTLD_NODELETE and never closed): entry
+// functions point into it, and answers it made may point at its constant
+// strings (jsoncpp's static keys).
 // Thread-safety: load and register before serving; after that Find and Info
 // may be called from any number of threads at once.
 #ifndef TAVO_SERVER_MODULE_LOADER_H_
@@ -30,7 +31,7 @@
 #include <tuple>
 #include <vector>
 
-#include "status.h"
+#include "api/status.h"
 #include "tavo/api.h"
 
 namespace tavo_server {
@@ -41,11 +42,10 @@ class ModuleSet {
   static constexpr int kMaxRows = 4096;
   // Longest API or method name accepted in a table.
   static constexpr size_t kMaxNameLength = 128;
-  // Longest description text accepted from a module.
+  // Longest description file accepted for a module.
   static constexpr size_t kMaxDescription = 4 * 1024 * 1024;
 
   ModuleSet() = default;
-  ~ModuleSet();
   // Descriptions are read and checked unless this is set before loading;
   // methods loaded without them describe themselves as null JSON.
   void SkipDescriptions() { skip_descriptions_ = true; }
@@ -64,8 +64,9 @@ class ModuleSet {
                   const std::string& origin);
 
   enum class Lookup { kFound, kNoApi, kNoVersion, kNoMethod };
-  // Attaches a description (the format of GetAPIDescription's "methods"
-  // items) to a registered method, e.g. one the server provides itself.
+  // Attaches a description (the format of the "methods" items of a module's
+  // description file) to a registered method, e.g. one the server provides
+  // itself.
   Status Describe(const std::string& api, int version, const std::string& method,
                   const Json::Value& description);
 
@@ -100,12 +101,11 @@ class ModuleSet {
   };
   using Key = std::tuple<std::string, int, std::string>;
 
-  // Reads the optional GetAPIDescription of a module whose table holds
-  // `table`; returns "" or what is wrong with it.
-  static std::string ReadDescription(void* handle, const std::set<Key>& table,
+  // Reads the optional description file of the module at `module_path`,
+  // whose table holds `table`; returns "" or what is wrong with it.
+  static std::string ReadDescription(const std::string& module_path, const std::set<Key>& table,
                                      std::map<Key, Json::Value>* out);
 
-  std::vector<void*> handles_;
   std::map<Key, Method> methods_;
   int next_order_ = 0;
   bool skip_descriptions_ = false;

@@ -1,4 +1,4 @@
-#include "openapi.h"
+#include "api/openapi.h"
 
 #include <set>
 #include <string>

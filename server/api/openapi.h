@@ -1,5 +1,5 @@
 // The OpenAPI 3.1 document of a running server, built from the methods of its
-// module set and the descriptions the modules export (GetAPIDescription).
+// module set and the descriptions installed beside the modules (NAME.json).
 //
 // Every API method is called the same way, POST /api with {"api", "version",
 // "method", "params"}, so the document has one operation for /api whose
@@ -16,7 +16,7 @@
 
 #include <json/value.h>
 
-#include "module_loader.h"
+#include "api/module_loader.h"
 
 namespace tavo_server {
 

@@ -1,8 +1,8 @@
-#include "device_cookie.h"
+#include "auth/device_cookie.h"
 
 #include <cstdlib>
 
-#include "random.h"
+#include "auth/random.h"
 #include "tavo/util.h"
 
 namespace tavo_server {

@@ -2,8 +2,8 @@
 #include <json/value.h>
 #include <strings.h>
 
-#include "http_impl.h"
-#include "json_util.h"
+#include "api/json_util.h"
+#include "http/http_impl.h"
 #include "tavo/user.h"
 
 namespace tavo_server {
@@ -69,6 +69,19 @@ std::string RequestToken(const HttpRequest& req) {
 void HttpServer::Impl::EndGrants() {
   for (const SessionStore::Session& s : sessions.TakeEnded())
     ops.Logout(LoginIdentity{s.account, s.stamp, s.grant});
+}
+
+void HttpServer::Impl::AddAuthRoutes() {
+  using Req = const HttpRequest&;
+  using Res = HttpResponse&;
+  // A login hashes a password, and a logout tells the account side: a worker
+  // answers. The session check only looks in memory.
+  routes.push_back(
+      {"POST", "/api/auth/login", Lane::kWorker, [this](Req q, Res r) { Login(q, r); }});
+  routes.push_back(
+      {"POST", "/api/auth/logout", Lane::kWorker, [this](Req q, Res r) { Logout(q, r); }});
+  routes.push_back(
+      {"GET", "/api/auth/session", Lane::kEvent, [this](Req q, Res r) { SessionInfo(q, r); }});
 }
 
 bool HttpServer::Impl::Authorize(const HttpRequest& req, HttpResponse& res,

@@ -1,4 +1,4 @@
-#include "login.h"
+#include "auth/login.h"
 
 #include <crypt.h>
 

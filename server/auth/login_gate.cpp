@@ -1,4 +1,4 @@
-#include "login_gate.h"
+#include "auth/login_gate.h"
 
 #include <thread>
 

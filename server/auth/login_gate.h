@@ -11,9 +11,9 @@
 
 #include <string>
 
-#include "device_cookie.h"
-#include "login.h"
-#include "login_throttle.h"
+#include "auth/device_cookie.h"
+#include "auth/login.h"
+#include "auth/login_throttle.h"
 #include "privsep/account_ops.h"
 
 namespace tavo_server {

@@ -1,4 +1,4 @@
-#include "random.h"
+#include "auth/random.h"
 
 #include <gnutls/crypto.h>
 #include <sys/random.h>

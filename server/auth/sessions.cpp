@@ -1,6 +1,6 @@
-#include "sessions.h"
+#include "auth/sessions.h"
 
-#include "random.h"
+#include "auth/random.h"
 
 namespace tavo_server {
 namespace {

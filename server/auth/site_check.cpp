@@ -1,4 +1,4 @@
-#include "site_check.h"
+#include "auth/site_check.h"
 
 #include <arpa/inet.h>
 #include <strings.h>

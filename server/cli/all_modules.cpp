@@ -2,11 +2,11 @@
 // directory) and the modules of a folder.
 #include <cstdio>
 
-#include "cli.h"
-#include "directory_api.h"
-#include "eventlog_api.h"
-#include "module_loader.h"
-#include "terminal_text.h"
+#include "api/directory_api.h"
+#include "api/eventlog_api.h"
+#include "api/module_loader.h"
+#include "cli/cli.h"
+#include "cli/terminal_text.h"
 
 namespace tavo_server {
 

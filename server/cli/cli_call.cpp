@@ -5,14 +5,14 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "cli.h"
-#include "dispatch.h"
-#include "json_util.h"
-#include "module_loader.h"
-#include "options.h"
+#include "api/dispatch.h"
+#include "api/json_util.h"
+#include "api/module_loader.h"
+#include "cli/cli.h"
+#include "cli/options.h"
+#include "cli/terminal_text.h"
 #include "tavo/one_shot.h"
 #include "tavo/root.h"
-#include "terminal_text.h"
 
 namespace tavo_server {
 namespace {

@@ -3,8 +3,8 @@
 // disagreements between etc/group and etc/gshadow.
 #include <cstdio>
 
-#include "cli.h"
-#include "options.h"
+#include "cli/cli.h"
+#include "cli/options.h"
 #include "tavo/error.h"
 #include "tavo/root.h"
 #include "tavo/store_check.h"

@@ -5,12 +5,12 @@
 #include <cstdio>
 #include <map>
 
-#include "cli.h"
-#include "dir_admin.h"
-#include "dir_status.h"
-#include "group_sync.h"
-#include "json_util.h"
-#include "options.h"
+#include "api/json_util.h"
+#include "cli/cli.h"
+#include "cli/options.h"
+#include "directory/dir_admin.h"
+#include "directory/dir_status.h"
+#include "directory/group_sync.h"
 #include "tavo/root.h"
 
 namespace tavo_server {

@@ -11,9 +11,10 @@
 #include <ctime>
 #include <memory>
 
-#include "cli.h"
-#include "random.h"
-#include "terminal_text.h"
+#include "auth/random.h"
+#include "cli/cli.h"
+#include "cli/terminal_text.h"
+#include "http/tls_cert.h"
 
 namespace tavo_server {
 namespace {

@@ -1,13 +1,13 @@
 // `tavo log`: prints the event log newest first, one entry a line.
 #include <cstdio>
 
-#include "cli.h"
-#include "json_util.h"
-#include "options.h"
+#include "api/json_util.h"
+#include "cli/cli.h"
+#include "cli/options.h"
+#include "cli/terminal_text.h"
 #include "tavo/error.h"
 #include "tavo/eventlog.h"
 #include "tavo/root.h"
-#include "terminal_text.h"
 
 namespace tavo_server {
 namespace {

@@ -1,11 +1,11 @@
 // `tavo openapi`: prints the OpenAPI document of the modules a server would load.
 #include <cstdio>
 
-#include "cli.h"
-#include "json_util.h"
-#include "module_loader.h"
-#include "openapi.h"
-#include "options.h"
+#include "api/json_util.h"
+#include "api/module_loader.h"
+#include "api/openapi.h"
+#include "cli/cli.h"
+#include "cli/options.h"
 
 namespace tavo_server {
 namespace {

@@ -19,25 +19,25 @@
 #include <mutex>
 #include <thread>
 
-#include "cli.h"
-#include "directory_api.h"
-#include "eventlog_api.h"
-#include "http_server.h"
-#include "json_util.h"
-#include "module_loader.h"
-#include "openapi.h"
-#include "options.h"
-#include "periodic_sync.h"
+#include "api/directory_api.h"
+#include "api/eventlog_api.h"
+#include "api/json_util.h"
+#include "api/module_loader.h"
+#include "api/openapi.h"
+#include "cli/cli.h"
+#include "cli/options.h"
+#include "cli/serve_conf.h"
+#include "cli/systemd_notify.h"
+#include "cli/terminal_text.h"
+#include "directory/periodic_sync.h"
+#include "http/http_server.h"
+#include "http/tls_credentials.h"
 #include "privsep/priv_channel.h"
 #include "privsep/split.h"
-#include "serve_conf.h"
-#include "systemd_notify.h"
 #include "tavo/error.h"
 #include "tavo/eventlog.h"
 #include "tavo/root.h"
 #include "tavo/store_check.h"
-#include "terminal_text.h"
-#include "tls_credentials.h"
 
 namespace tavo_server {
 

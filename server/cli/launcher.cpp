@@ -14,8 +14,8 @@
 #include <string>
 #include <vector>
 
-#include "cli.h"
-#include "options.h"
+#include "cli/cli.h"
+#include "cli/options.h"
 
 #ifndef TAVO_SERVER_PROGRAM
 #define TAVO_SERVER_PROGRAM "/usr/lib/tavo/tavo-server"

@@ -3,9 +3,9 @@
 // handed to the full program (see launcher.cpp), which has them.
 #include <cstdio>
 
-#include "cli.h"
-#include "module_loader.h"
-#include "terminal_text.h"
+#include "api/module_loader.h"
+#include "cli/cli.h"
+#include "cli/terminal_text.h"
 
 namespace tavo_server {
 

@@ -1,4 +1,4 @@
-#include "options.h"
+#include "cli/options.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -163,7 +163,7 @@ std::string ServeUsage() {
        "                         other names get "
        "421)\n"
     << "\nLimits (defaults in brackets):\n"
-    << "  --workers N            threads running module calls and logins [" << d.workers << "]\n"
+    << "  --workers N            threads running module calls [" << d.workers << "]\n"
     << "  --queue N              calls waiting for a worker; more get HTTP 503 [" << d.queue
     << "]\n"
     << "  --event-threads N      threads reading and writing connections; 0: one per core ["

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "status.h"
+#include "api/status.h"
 
 namespace tavo_server {
 
@@ -20,7 +20,7 @@ struct ServeOptions {
   int port = 8780;                        // 0 picks a free port
   std::string modules_dir;                // --modules, else DefaultModulesDir()
   std::string web_dir;                    // --web, else DefaultWebDir()
-  int workers = 8;                        // --workers: threads running module calls and logins
+  int workers = 8;                        // --workers: threads running module calls
   int queue = 256;                        // --queue: calls waiting for a worker; more get 503
   int event_threads = 0;                  // --event-threads: 0 = one per core
   int max_connections = 8192;             // --max-connections open at once; more get 503

@@ -1,21 +1,15 @@
-#include "serve_conf.h"
+#include "cli/serve_conf.h"
 
 #include <sys/stat.h>
 
 #include <fstream>
 #include <sstream>
 
+#include "tavo/util.h"
+
 namespace tavo_server {
-namespace {
 
-std::string Trim(const std::string& s) {
-  size_t b = s.find_first_not_of(" \t\r");
-  if (b == std::string::npos) return "";
-  size_t e = s.find_last_not_of(" \t\r");
-  return s.substr(b, e - b + 1);
-}
-
-}  // namespace
+using tavo::Trim;
 
 Status ReadServeConf(const std::string& path, std::vector<std::string>* args) {
   std::ifstream in(path, std::ios::binary);

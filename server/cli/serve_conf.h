@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-#include "status.h"
+#include "api/status.h"
 
 namespace tavo_server {
 

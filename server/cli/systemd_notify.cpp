@@ -1,4 +1,4 @@
-#include "systemd_notify.h"
+#include "cli/systemd_notify.h"
 
 #include <sys/socket.h>
 #include <sys/stat.h>

@@ -1,8 +1,8 @@
-#include "access_log.h"
+#include "http/access_log.h"
 
 #include <ctime>
 
-#include "terminal_text.h"
+#include "cli/terminal_text.h"
 
 namespace tavo_server {
 namespace {

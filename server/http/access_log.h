@@ -25,7 +25,7 @@
 #include <string>
 #include <thread>
 
-#include "http_message.h"
+#include "http/http_message.h"
 
 namespace tavo_server {
 

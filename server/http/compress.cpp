@@ -1,21 +1,15 @@
-#include "compress.h"
+#include "http/compress.h"
 
 #include <strings.h>
 #include <zlib.h>
 
 #include <cstdlib>
 
+#include "tavo/util.h"
+
 namespace tavo_server {
-namespace {
 
-std::string Trim(const std::string& s) {
-  size_t b = s.find_first_not_of(" \t");
-  if (b == std::string::npos) return "";
-  size_t e = s.find_last_not_of(" \t");
-  return s.substr(b, e - b + 1);
-}
-
-}  // namespace
+using tavo::Trim;
 
 bool AcceptsGzip(const std::string& accept_encoding) {
   bool star = false, gzip = false, gzip_listed = false;

@@ -1,4 +1,4 @@
-#include "conn_deadlines.h"
+#include "http/conn_deadlines.h"
 
 #include <cstring>
 

@@ -11,7 +11,7 @@
 #include <string>
 #include <thread>
 
-#include "http_impl.h"
+#include "http/http_impl.h"
 
 namespace tavo_server {
 namespace {

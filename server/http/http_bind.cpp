@@ -9,9 +9,9 @@
 
 #include <string>
 
-#include "http_impl.h"
-#include "http_server.h"
-#include "tls_credentials.h"
+#include "http/http_impl.h"
+#include "http/http_server.h"
+#include "http/tls_credentials.h"
 
 namespace tavo_server {
 

@@ -14,16 +14,16 @@
 #include <string>
 #include <vector>
 
-#include "access_log.h"
-#include "conn_deadlines.h"
-#include "http_server.h"
-#include "login_gate.h"
-#include "metrics.h"
-#include "sessions.h"
-#include "site_check.h"
-#include "static_cache.h"
-#include "static_files.h"
-#include "worker_pool.h"
+#include "auth/login_gate.h"
+#include "auth/sessions.h"
+#include "auth/site_check.h"
+#include "http/access_log.h"
+#include "http/conn_deadlines.h"
+#include "http/http_server.h"
+#include "http/metrics.h"
+#include "http/static_cache.h"
+#include "http/static_files.h"
+#include "http/worker_pool.h"
 
 struct MHD_Daemon;
 
@@ -40,6 +40,7 @@ struct HttpServer::Impl {
     std::string method, path;
     Lane lane;
     Handler handler;
+    LockFree lock_free;  // kCall only; null: every call may wait
   };
 
   const ServeOptions& options;
@@ -55,8 +56,9 @@ struct HttpServer::Impl {
   // Serving state (http_server.cpp).
   std::unique_ptr<AccessLog> log;
   std::unique_ptr<ConnDeadlines> deadlines;
-  std::unique_ptr<Executor> workers;
-  MHD_Daemon* daemon = nullptr;  // set and cleared by Run under probe_mu
+  std::unique_ptr<Executor> workers;  // module calls (Lane::kCall)
+  std::unique_ptr<Executor> quick;    // Lane::kWorker, and calls that take no lock
+  MHD_Daemon* daemon = nullptr;       // set and cleared by Run under probe_mu
   // The event-loop probe (event_probe.cpp): the descriptor of the probe's
   // connection, and whether an event thread has taken it up.
   std::mutex probe_mu;
@@ -80,13 +82,22 @@ struct HttpServer::Impl {
   // client accepts it and the body is large enough.
   void Finish(const HttpRequest& req, HttpResponse& res);
 
-  // Route handlers (http_auth.cpp, http_api.cpp, http_routes.cpp).
+  // The pool that runs a request of a worker route.
+  Executor* PoolFor(const Route& route, const HttpRequest& req) const;
+
+  // The routes that register themselves (auth/http_auth.cpp, api/http_api.cpp).
+  void AddAuthRoutes();
+  void AddApiRoutes();
+  // Route handlers (auth/http_auth.cpp, api/http_api.cpp, http_core.cpp).
   void Login(const HttpRequest& req, HttpResponse& res);
   void Logout(const HttpRequest& req, HttpResponse& res);
   void SessionInfo(const HttpRequest& req, HttpResponse& res);
   void ApiInfo(const HttpRequest& req, HttpResponse& res);
   void ApiPost(const HttpRequest& req, HttpResponse& res);
   void ApiGet(const HttpRequest& req, HttpResponse& res);
+  // Whether the call a POST or GET /api names takes no lock (the server's
+  // own reads: the event log, the directories' status).
+  static bool CallTakesNoLock(const HttpRequest& req);
   void StaticFile(const HttpRequest& req, HttpResponse& res);
   void Health(const HttpRequest& req, HttpResponse& res);
   void OpenApi(const HttpRequest& req, HttpResponse& res);

@@ -1,8 +1,8 @@
-#include "http_message.h"
+#include "http/http_message.h"
 
 #include <strings.h>
 
-#include "json_util.h"
+#include "api/json_util.h"
 
 namespace tavo_server {
 

@@ -1,6 +1,6 @@
 // The event glue: libmicrohttpd's callbacks, the hand-over of blocking routes
 // to the workers, per-connection deadlines, and the graceful stop.
-#include "http_server.h"
+#include "http/http_server.h"
 
 #include <fcntl.h>
 #include <microhttpd.h>
@@ -18,8 +18,8 @@
 #include <thread>
 #include <vector>
 
-#include "http_impl.h"
-#include "tls_credentials.h"
+#include "http/http_impl.h"
+#include "http/tls_credentials.h"
 
 namespace tavo_server {
 namespace {
@@ -241,7 +241,7 @@ MHD_Result OnRequest(void* cls, MHD_Connection* connection, const char* url, con
   // waits suspended until the worker resumes it.
   const bool alone = s->in_flight.load() == 1;
   x->state.store(kRunning);
-  const bool queued = s->workers->TrySubmit([s, x, connection] {
+  const bool queued = s->PoolFor(*x->route, x->req)->TrySubmit([s, x, connection] {
     s->Handle(x->route, x->req, x->res);
     int running = kRunning;
     if (x->state.compare_exchange_strong(running, kReady)) return;  // the event thread sends it
@@ -312,8 +312,13 @@ HttpServer::HttpServer(const ServeOptions& options, AccountOps& ops)
 HttpServer::~HttpServer() = default;
 
 void HttpServer::AddRoute(const std::string& method, const std::string& path, Lane lane,
-                          Handler handler) {
-  impl_->routes.push_back({method, path, lane, std::move(handler)});
+                          Handler handler, LockFree lock_free) {
+  impl_->routes.push_back({method, path, lane, std::move(handler), std::move(lock_free)});
+}
+
+Executor* HttpServer::Impl::PoolFor(const Route& route, const HttpRequest& req) const {
+  if (route.lane == Lane::kCall && !(route.lock_free && route.lock_free(req))) return workers.get();
+  return quick.get();
 }
 
 Status HttpServer::Run() {
@@ -323,6 +328,7 @@ Status HttpServer::Run() {
   s.keep_alive_header = "timeout=" + std::to_string(o.keepalive_timeout);
   s.deadlines.reset(new ConnDeadlines());
   s.workers.reset(new WorkerPool(o.workers, static_cast<size_t>(o.queue)));
+  s.quick.reset(new WorkerPool(kQuickWorkers, static_cast<size_t>(o.queue)));
   unsigned threads = o.event_threads > 0 ? static_cast<unsigned>(o.event_threads)
                                          : std::max(1u, std::thread::hardware_concurrency());
   // The library's own inactivity timeout only backs up the deadlines above.
@@ -373,6 +379,7 @@ Status HttpServer::Run() {
     s.daemon = nullptr;
   }
   s.workers.reset();
+  s.quick.reset();
   s.deadlines.reset();
   s.log.reset();
   return Status::OK();

@@ -16,11 +16,15 @@
 //
 // Threads: the event threads read, parse and write every connection and
 // answer what cannot block (static files, the session check, refusals).
-// Routes of Lane::kWorker (module calls, login, /api/info) run on a bounded
-// worker pool; the connection waits, suspended, without holding an event
-// thread (except that a request alone in flight is waited for, awake, for
-// up to half a millisecond). A full pool queue is answered 503 with
-// Retry-After.
+// Module calls (Lane::kCall) may wait for a module's lock for as long as the
+// platform's lock timeout: they run on a bounded pool of workers of their
+// own. Everything else that may block (logins, /api/info, /metrics: Lane::
+// kWorker, and the calls that take no lock, such as the event log and the
+// directory's status, which a kCall route's chooser names) runs on a small
+// pool of its own, so it never waits behind calls that wait for a lock. The
+// connection waits, suspended, without holding an event thread (except that
+// a request alone in flight is waited for, awake, for up to half a
+// millisecond). A full pool queue is answered 503 with Retry-After.
 //
 // Adding a route: call AddRoute before Bind, e.g.
 //   server.AddRoute("GET", "/healthz", HttpServer::Lane::kEvent,
@@ -40,19 +44,25 @@
 #include <memory>
 #include <string>
 
-#include "http_message.h"
-#include "login_throttle.h"
-#include "module_loader.h"
-#include "options.h"
+#include "api/module_loader.h"
+#include "api/status.h"
+#include "auth/login_throttle.h"
+#include "cli/options.h"
+#include "http/http_message.h"
 #include "privsep/account_ops.h"
-#include "status.h"
 
 namespace tavo_server {
 
 class HttpServer {
  public:
-  enum class Lane { kEvent, kWorker };
+  enum class Lane { kEvent, kWorker, kCall };
   using Handler = std::function<void(const HttpRequest&, HttpResponse&)>;
+  // For a kCall route: true when the request's call takes no lock, so that
+  // it may run beside the kWorker routes. Runs on an event thread: it must
+  // be quick and never block.
+  using LockFree = std::function<bool(const HttpRequest&)>;
+  // Threads of the pool for everything but the module calls.
+  static constexpr int kQuickWorkers = 2;
 
   // Account work (logins, re-checks, module calls) goes through `ops`, in this
   // process or in a privileged one (privsep/); it must outlive the server.
@@ -62,7 +72,8 @@ class HttpServer {
   HttpServer& operator=(const HttpServer&) = delete;
 
   // Serves `method` ("GET" also answers HEAD) on exactly `path`.
-  void AddRoute(const std::string& method, const std::string& path, Lane lane, Handler handler);
+  void AddRoute(const std::string& method, const std::string& path, Lane lane, Handler handler,
+                LockFree lock_free = nullptr);
 
   // Binds the listening socket; *port receives the port actually bound.
   // When serving HTTPS, reads and checks the certificate and key first.

@@ -1,8 +1,8 @@
-#include "metrics.h"
+#include "http/metrics.h"
 
 #include <cstdio>
 
-#include "tls_credentials.h"
+#include "http/tls_credentials.h"
 
 namespace tavo_server {
 namespace {

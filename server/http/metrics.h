@@ -24,7 +24,7 @@
 #include <string>
 #include <tuple>
 
-#include "http_message.h"
+#include "http/http_message.h"
 
 namespace tavo_server {
 

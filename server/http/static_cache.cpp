@@ -1,4 +1,4 @@
-#include "static_cache.h"
+#include "http/static_cache.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -7,8 +7,8 @@
 #include <cerrno>
 #include <cstdio>
 
-#include "compress.h"
-#include "static_files.h"
+#include "http/compress.h"
+#include "http/static_files.h"
 
 namespace tavo_server {
 namespace {

@@ -1,4 +1,4 @@
-#include "static_files.h"
+#include "http/static_files.h"
 
 #include <sys/stat.h>
 

@@ -1,4 +1,4 @@
-#include "tls_cert.h"
+#include "http/tls_cert.h"
 
 #include <arpa/inet.h>
 #include <gnutls/crypto.h>

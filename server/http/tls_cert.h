@@ -12,7 +12,7 @@
 
 #include <string>
 
-#include "status.h"
+#include "api/status.h"
 
 namespace tavo_server {
 

@@ -1,4 +1,4 @@
-#include "tls_credentials.h"
+#include "http/tls_credentials.h"
 
 #include <errno.h>
 #include <fcntl.h>

@@ -24,7 +24,7 @@
 #include <cstdint>
 #include <string>
 
-#include "status.h"
+#include "api/status.h"
 
 namespace tavo_server {
 

@@ -1,4 +1,4 @@
-#include "worker_pool.h"
+#include "http/worker_pool.h"
 
 #include <pthread.h>
 #include <signal.h>

@@ -1,6 +1,7 @@
-#include "account_ops.h"
+#include "privsep/account_ops.h"
 
-#include "dir_status.h"
+#include "auth/random.h"
+#include "directory/dir_status.h"
 #include "tavo/read_scope.h"
 #include "tavo/store_stats.h"
 

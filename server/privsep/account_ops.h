@@ -19,9 +19,9 @@
 #include <chrono>
 #include <string>
 
-#include "answer_cache.h"
-#include "dispatch.h"
-#include "login.h"
+#include "api/answer_cache.h"
+#include "api/dispatch.h"
+#include "auth/login.h"
 #include "privsep/grant_book.h"
 #include "privsep/login_limit.h"
 

@@ -4,7 +4,7 @@
 
 #include <ctime>
 
-#include "random.h"
+#include "auth/random.h"
 
 namespace tavo_server {
 namespace {

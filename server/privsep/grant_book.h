@@ -22,7 +22,7 @@
 #include <mutex>
 #include <string>
 
-#include "login.h"
+#include "auth/login.h"
 
 namespace tavo_server {
 

@@ -20,7 +20,7 @@
 #include <mutex>
 #include <string>
 
-#include "login_throttle.h"
+#include "auth/login_throttle.h"
 
 namespace tavo_server {
 

@@ -1,4 +1,4 @@
-#include "priv_channel.h"
+#include "privsep/priv_channel.h"
 
 #include <errno.h>
 #include <poll.h>
@@ -6,7 +6,7 @@
 
 #include <cstdint>
 
-#include "json_util.h"
+#include "api/json_util.h"
 
 namespace tavo_server {
 

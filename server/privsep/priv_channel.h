@@ -27,8 +27,8 @@
 #include <cstddef>
 #include <string>
 
-#include "dispatch.h"
-#include "login.h"
+#include "api/dispatch.h"
+#include "auth/login.h"
 
 namespace tavo_server {
 

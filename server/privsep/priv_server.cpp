@@ -11,9 +11,9 @@
 #include <cstring>
 #include <thread>
 
-#include "json_util.h"
+#include "api/json_util.h"
+#include "auth/random.h"
 #include "privsep/priv_channel.h"
-#include "random.h"
 
 namespace tavo_server {
 namespace {

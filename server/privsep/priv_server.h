@@ -22,8 +22,8 @@
 #include <mutex>
 #include <string>
 
+#include "api/status.h"
 #include "privsep/account_ops.h"
-#include "status.h"
 
 namespace tavo_server {
 

@@ -14,7 +14,7 @@
 #include <cstring>
 #include <thread>
 
-#include "cli.h"
+#include "cli/cli.h"
 #include "privsep/priv_client.h"
 #include "privsep/priv_server.h"
 

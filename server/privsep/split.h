@@ -23,8 +23,8 @@
 #include <functional>
 #include <string>
 
+#include "api/status.h"
 #include "privsep/account_ops.h"
-#include "status.h"
 
 namespace tavo_server {
 

@@ -12,9 +12,9 @@
 #include <string>
 #include <vector>
 
+#include "common/temp_root.h"
 #include "tavo/error.h"
 #include "tavo/group.h"
-#include "temp_root.h"
 
 namespace {
 

@@ -9,12 +9,12 @@
 #include <string>
 #include <vector>
 
+#include "common/temp_root.h"
 #include "tavo/error.h"
 #include "tavo/group.h"
 #include "tavo/szlist.h"
 #include "tavo/testing.h"
 #include "tavo/user.h"
-#include "temp_root.h"
 
 namespace {
 
@@ -141,6 +141,21 @@ TEST(GroupRead, AListingSeesOnePointInTimeAndTheNextSeesTheChange) {
   EXPECT_EQ(4, TLIBGroupInfoEnumBySubstr(1, "", 0, -1, "", 1, Collect, &page));
   EXPECT_EQ((std::vector<std::string>{"administrators", "beta", "nogroup", "users"}), page);
   EXPECT_EQ(4, TAVOGroupTotalNum(TAVO_GROUP_LOCAL));
+}
+
+// Tools write a whole new file elsewhere and rename it over the old one; the
+// account folder then sees the file arrive and nothing else.
+TEST(GroupRead, AGroupFileRenamedOverFromAnotherFolderIsReadAgain) {
+  TempRoot root;
+  root.AddGroup("team", 2000, {"admin"});
+  EXPECT_EQ(std::vector<std::string>{"admin"}, tavo_test::MembersOf("team"));
+  EXPECT_EQ(std::vector<std::string>{"admin"}, tavo_test::MembersOf("team"));  // kept now
+  std::string text = root.Read("/etc/group");
+  text.replace(text.find("\nteam:x:2000:admin\n"), 19, "\nteam:x:2000:admin,guest\n");
+  ASSERT_EQ(0, TempRoot::Run("mkdir -p " + root.Path("/var/new")));
+  root.Write("/var/new/group", text);
+  ASSERT_EQ(0, rename(root.Path("/var/new/group").c_str(), root.Path("/etc/group").c_str()));
+  EXPECT_EQ((std::vector<std::string>{"admin", "guest"}), tavo_test::MembersOf("team"));
 }
 
 TEST(GroupRead, DomainAndDirectoryLists) {

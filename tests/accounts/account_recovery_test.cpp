@@ -9,12 +9,12 @@
 #include <string>
 #include <vector>
 
+#include "common/temp_root.h"
 #include "tavo/error.h"
 #include "tavo/eventlog.h"
 #include "tavo/group.h"
 #include "tavo/store_check.h"
 #include "tavo/testing.h"
-#include "temp_root.h"
 
 namespace {
 

@@ -17,10 +17,10 @@
 #include <thread>
 #include <vector>
 
+#include "common/temp_root.h"
 #include "tavo/error.h"
 #include "tavo/group.h"
 #include "tavo/user.h"
-#include "temp_root.h"
 
 namespace {
 

@@ -6,10 +6,10 @@
 #include <string>
 #include <vector>
 
+#include "common/temp_root.h"
 #include "tavo/error.h"
 #include "tavo/group.h"
 #include "tavo/testing.h"
-#include "temp_root.h"
 
 namespace {
 
@@ -62,6 +62,26 @@ TEST(GroupWrite, MemberLookupsFollowChangesInMemory) {
   ASSERT_TRUE(g->RemoveMember("yb"));
   EXPECT_FALSE(g->RemoveMember("yb"));
   EXPECT_EQ((std::vector<std::string>{"zc", "wd"}), g->GetMembers());
+  // Letters beyond ASCII match ignoring case too; a name is no prefix.
+  ASSERT_TRUE(g->AddMember("Ärzte"));
+  EXPECT_TRUE(g->IsMember("ärzte"));
+  EXPECT_TRUE(g->IsMember("ÄRZTE"));
+  EXPECT_FALSE(g->IsMember("ärzt"));
+  EXPECT_FALSE(g->IsMember("W"));
+}
+
+// A member is written under the user's own spelling as etc/passwd has it
+// when the group is saved, also for a user that appeared after the member
+// was added.
+TEST(GroupWrite, SaveSpellsAddedMembersAsEtcPasswdDoesThen) {
+  TempRoot root;
+  root.AddGroup("team", 1400, {"admin"});
+  GroupPtr g(SDK::Group::LoadGroup("team"));
+  ASSERT_TRUE(g);
+  ASSERT_TRUE(g->AddMember("BOB"));  // no such user yet
+  root.AddUser("bob", 1020);
+  ASSERT_TRUE(g->Save());
+  EXPECT_TRUE(Contains(root.Read("/etc/group"), "\nteam:x:1400:admin,bob\n"));
 }
 
 TEST(GroupWrite, RenameMovesDescriptionAndKeepsGshadowInStep) {

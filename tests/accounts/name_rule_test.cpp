@@ -1,6 +1,6 @@
 // The name rule's pieces: composed form, invisible characters, and
 // confusable skeletons, whose table for ASCII names must give what ICU gives.
-#include "name_rule.h"
+#include "accounts/snapshot/name_rule.h"
 
 #include <gtest/gtest.h>
 

@@ -1,14 +1,22 @@
 // The files a read scope looked at, as the snapshots it saw: what decides
 // whether an answer made from them may be given again.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/file.h>
+#include <unistd.h>
 
 #include <cstdlib>
+#include <functional>
 #include <memory>
 #include <string>
 
+#include "common/temp_root.h"
+#include "tavo/directory.h"
 #include "tavo/group.h"
+#include "tavo/handler.h"
 #include "tavo/read_scope.h"
-#include "temp_root.h"
+#include "tavo/user.h"
+#include "tavo/util.h"
 
 namespace {
 
@@ -108,6 +116,87 @@ TEST(ReadSet, OnlyAnOutermostScopeMarkedReusableWithoutAWriteGivesOne) {
     TavoAnswerReusable();
     EXPECT_TRUE(scope.Reads());
   }
+}
+
+// What another program changes while a request waits for a lock is what
+// the request reads once it holds it.
+TEST(ReadScope, ALockTakenInTheScopeShowsTheFilesAsTheyAreAfterIt) {
+  tavo_test::TempRoot root;
+  root.AddGroup("alpha", 1500, {"admin"});
+  tavo::ReadScope scope;
+  const int before = ReadPage();
+  ASSERT_GT(before, 0);
+  root.AddGroup("beta", 1501);
+  EXPECT_EQ(before, ReadPage()) << "one view until a lock is taken";
+  ServerFormHandler handler("/tmp/grouplock");
+  ASSERT_TRUE(handler.ShLock());
+  EXPECT_EQ(before + 1, ReadPage()) << "the handler lock";
+  root.AddGroup("gamma", 1502);
+  int fd = -1;
+  ASSERT_TRUE(ServerFormHandler::LockFile("/tmp/userlock", false, &fd));
+  EXPECT_EQ(before + 2, ReadPage()) << "a lock file";
+  ServerFormHandler::UnlockFile(fd);
+  root.AddGroup("delta", 1503);
+  ASSERT_TRUE(tavo_test::ChangeMembers("alpha", {"guest"}));  // takes the account locks
+  EXPECT_EQ(before + 3, ReadPage()) << "the account locks";
+}
+
+// The module's claim is not enough: what else the call did decides.
+TEST(ReadSet, NoneWhenTheCallReadMoreThanTheAccountFilesOrTookALockToChange) {
+  tavo_test::TempRoot root;
+  root.AddGroup("alpha", 1500, {"admin"});
+  root.AddUser("carol", 1010, 100, "", "40000");  // expires on a day the clock decides
+  auto marked = [](const std::function<void()>& also) {
+    tavo::ReadScope scope;
+    EXPECT_GT(ReadPage(), 0);
+    also();
+    TavoAnswerReusable();
+    return scope.Reads() != nullptr;
+  };
+  EXPECT_TRUE(marked([] {}));
+  EXPECT_FALSE(marked([] { TLIBCFileExist("/etc/tavo/ldap"); })) << "a file outside the snapshots";
+  EXPECT_FALSE(marked([] { TLIBCReadPidFile("/tmp/domain_group.pid"); })) << "a pid file";
+  EXPECT_FALSE(marked([] { TAVOLDAPIsBinded(0); })) << "a directory's state";
+  EXPECT_FALSE(marked([] { TAVOUserCheckExpired("carol"); })) << "the clock";
+  EXPECT_FALSE(marked([] {
+    ServerFormHandler h("/tmp/grouplock");
+    ASSERT_TRUE(h.ExLock());
+  })) << "an exclusive lock";
+  EXPECT_TRUE(marked([] {
+    ServerFormHandler h("/tmp/grouplock");
+    ASSERT_TRUE(h.ShLock());
+  })) << "a shared lock";
+}
+
+// A kept answer is given under the locks its call took, or not at all.
+TEST(ReadSet, CheckTakesTheCallsLocksAndIsBusyWhileAnotherHoldsOne) {
+  tavo_test::TempRoot root;
+  root.AddGroup("alpha", 1500, {"admin"});
+  std::shared_ptr<const tavo::ReadSet> set;
+  {
+    tavo::ReadScope scope;
+    ServerFormHandler h("/tmp/grouplock");
+    ASSERT_TRUE(h.ShLock());
+    ASSERT_GT(ReadPage(), 0);
+    TavoAnswerReusable();
+    set = scope.Reads();
+  }
+  ASSERT_TRUE(set);
+  auto check = [&] {
+    tavo::ReadScope scope;
+    return set->Check();
+  };
+  EXPECT_EQ(tavo::ReadSet::Reuse::kCurrent, check());
+  {
+    const int fd = open(root.Path("/run/tavo/grouplock").c_str(), O_RDWR | O_CLOEXEC);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(0, flock(fd, LOCK_EX));  // another writer
+    EXPECT_EQ(tavo::ReadSet::Reuse::kBusy, check());
+    close(fd);
+  }
+  EXPECT_EQ(tavo::ReadSet::Reuse::kCurrent, check());
+  root.AddGroup("beta", 1501);
+  EXPECT_EQ(tavo::ReadSet::Reuse::kStale, check());
 }
 
 }  // namespace

@@ -13,12 +13,12 @@
 #include <string>
 #include <vector>
 
-#include "account_db.h"
-#include "names.h"
-#include "snapshot.h"
+#include "accounts/snapshot/account_db.h"
+#include "accounts/snapshot/names.h"
+#include "accounts/snapshot/snapshot.h"
+#include "common/temp_root.h"
 #include "tavo/group.h"
 #include "tavo/one_shot.h"
-#include "temp_root.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "log_capture.h"
+#include "common/log_capture.h"
 
 #include <cstdarg>
 #include <cstdio>

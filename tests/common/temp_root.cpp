@@ -1,4 +1,4 @@
-#include "temp_root.h"
+#include "common/temp_root.h"
 
 #include <sys/stat.h>
 #include <sys/wait.h>

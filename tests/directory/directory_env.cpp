@@ -1,4 +1,4 @@
-#include "directory_env.h"
+#include "directory/directory_env.h"
 
 #include <gtest/gtest.h>
 #include <json/reader.h>

@@ -7,7 +7,7 @@
 
 #include <string>
 
-#include "slapd_fixture.h"
+#include "directory/slapd_fixture.h"
 
 namespace tavo_test {
 

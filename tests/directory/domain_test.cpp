@@ -5,11 +5,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "directory_env.h"
-#include "group_sync.h"
-#include "idmap.h"
+#include "common/temp_root.h"
+#include "directory/directory_env.h"
+#include "directory/group_sync.h"
+#include "directory/idmap.h"
 #include "tavo/util.h"
-#include "temp_root.h"
 
 namespace tavo_test {
 namespace {

@@ -3,8 +3,8 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include "directory_env.h"
-#include "temp_root.h"
+#include "common/temp_root.h"
+#include "directory/directory_env.h"
 
 namespace tavo_test {
 namespace {

@@ -59,12 +59,13 @@ export function moduleFolder(dir, files) {
 
 // Starts `tavo serve` and resolves {url, stop(), stderr(), stderrMatch(re), child}
 // once it listens; stderrMatch waits (up to 5 s) until standard error matches.
-export function startServer({ root, modules, web, extra = [] }) {
+// `env` adds to the server's environment.
+export function startServer({ root, modules, web, extra = [], env = {} }) {
   const args = ['serve', '--root', root, '--listen', '127.0.0.1:0'];
   if (modules) args.push('--modules', modules);
   if (web) args.push('--web', web);
   const child = spawn(TAVO_BIN, [...args, ...extra], {
-    env: { ...process.env, TAVO_LOCK_TIMEOUT_MS: '20000' },
+    env: { ...process.env, TAVO_LOCK_TIMEOUT_MS: '20000', ...env },
     stdio: ['ignore', 'pipe', 'pipe'],
   });
   let err = '';

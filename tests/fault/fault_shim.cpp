@@ -1,4 +1,4 @@
-#include "fault_shim.h"
+#include "fault/fault_shim.h"
 
 #include <dlfcn.h>
 #include <errno.h>

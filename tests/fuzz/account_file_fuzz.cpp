@@ -16,10 +16,10 @@
 #include <string>
 #include <vector>
 
-#include "account_db.h"
-#include "account_files.h"
-#include "fuzz_root.h"
-#include "names.h"
+#include "accounts/snapshot/account_db.h"
+#include "accounts/snapshot/account_files.h"
+#include "accounts/snapshot/names.h"
+#include "fuzz/fuzz_root.h"
 #include "tavo/group.h"
 
 namespace ta = tavo::acct;

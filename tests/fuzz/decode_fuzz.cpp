@@ -17,10 +17,10 @@
 #include <cstdlib>
 #include <string>
 
-#include "dispatch.h"
-#include "fuzz_root.h"
-#include "json_util.h"
-#include "names.h"
+#include "accounts/snapshot/names.h"
+#include "api/dispatch.h"
+#include "api/json_util.h"
+#include "fuzz/fuzz_root.h"
 
 using tavo_fuzz::Fail;
 namespace ts = tavo_server;

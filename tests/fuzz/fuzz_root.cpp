@@ -1,4 +1,4 @@
-#include "fuzz_root.h"
+#include "fuzz/fuzz_root.h"
 
 #include <stdio.h>
 #include <stdlib.h>
@@ -11,7 +11,7 @@
 #include <sstream>
 #include <vector>
 
-#include "account_files.h"
+#include "accounts/snapshot/account_files.h"
 #include "tavo/group.h"
 #include "tavo/root.h"
 

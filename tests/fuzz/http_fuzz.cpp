@@ -25,10 +25,10 @@
 #include <set>
 #include <string>
 
-#include "fuzz_root.h"
-#include "http_impl.h"
-#include "json_util.h"
-#include "options.h"
+#include "api/json_util.h"
+#include "cli/options.h"
+#include "fuzz/fuzz_root.h"
+#include "http/http_impl.h"
 #include "privsep/account_ops.h"
 
 using tavo_fuzz::Fail;

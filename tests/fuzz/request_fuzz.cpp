@@ -14,10 +14,10 @@
 #include <string>
 #include <vector>
 
-#include "dispatch.h"
-#include "fuzz_root.h"
-#include "json_util.h"
-#include "module_loader.h"
+#include "api/dispatch.h"
+#include "api/json_util.h"
+#include "api/module_loader.h"
+#include "fuzz/fuzz_root.h"
 #include "tavo/api.h"
 
 extern "C" ApiTableRow* GetAPITable(void);

@@ -4,7 +4,7 @@
 
 #include <utility>
 
-#include "module_harness.h"
+#include "module/module_harness.h"
 #include "tavo/handler.h"
 #include "tavo/testing.h"
 

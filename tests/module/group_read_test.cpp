@@ -1,5 +1,5 @@
 // TAVO.Core.Group list, get and admin_check on real roots.
-#include "module_harness.h"
+#include "module/module_harness.h"
 #include "tavo/testing.h"
 #include "tavo/util.h"
 

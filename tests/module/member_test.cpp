@@ -1,5 +1,5 @@
 // TAVO.Core.Group.Member list, add, remove and admin_check.
-#include "module_harness.h"
+#include "module/module_harness.h"
 #include "tavo/handler.h"
 #include "tavo/testing.h"
 
@@ -89,9 +89,11 @@ TEST_F(MemberTest, ListFailures) {
       CallMember("list", "{\"group\": \"staff\", \"ingroup\": false, \"substr\": \"a\"}").code,
       3205);
   EXPECT_TRUE(LoggedPrefix(3, "src/Group.cpp:702 TLIBUserEnumBySubstr failed [0x1800 "));
-  tavo::testing::FailNext("user.infoenum", 0x1800);
+  tavo::testing::FailNext("user.enum", 0x1800);
   EXPECT_EQ(CallMember("list", "{\"group\": \"staff\", \"ingroup\": false}").code, 3205);
-  EXPECT_TRUE(LoggedPrefix(3, "src/Group.cpp:696 TLIBUserInfoEnumExcept failed [0x1800 "));
+  EXPECT_TRUE(LoggedPrefix(3, "src/Group.cpp:696 TLIBUserEnum failed [0x1800 "));
+  tavo::testing::FailNext("szlist.alloc", 0x0100);
+  EXPECT_EQ(CallMember("list", "{\"group\": \"staff\", \"ingroup\": false}").code, 3299);
   tavo::testing::FailNext("szlist.alloc", 0x0100);
   EXPECT_EQ(
       CallMember("list", "{\"group\": \"staff\", \"ingroup\": false, \"substr\": \"a\"}").code,
@@ -132,6 +134,14 @@ TEST_F(MemberTest, AddRefusals) {
   tavo::testing::FailNext("group.save", 0x0500);
   EXPECT_EQ(CallMember("add", "{\"group\": \"staff\", \"name\": \"carol\"}").code, 3299);
   EXPECT_TRUE(LoggedPrefix(3, "src/Group.cpp:792 Failed to save 'staff' [0x0500 "));
+  // Users that cannot be read are skipped as unknown ones are: saved, success.
+  const std::string passwd = root_->Read("/etc/passwd");
+  ASSERT_EQ(0, tavo_test::TempRoot::Run("rm " + root_->Path("/etc/passwd") + " && mkdir " +
+                                        root_->Path("/etc/passwd")));
+  EXPECT_EQ(CallMember("add", "{\"group\": \"staff\", \"name\": \"carol\"}").code, 3200);
+  ASSERT_EQ(0, tavo_test::TempRoot::Run("rmdir " + root_->Path("/etc/passwd")));
+  root_->Write("/etc/passwd", passwd);
+  EXPECT_EQ(GroupLine("staff"), "staff:x:1100:admin,alice,ghost,BOB");
   // Nothing to do: answered before any lock.
   tavo::testing::FailNext("lock.handler", 0x0400);
   EXPECT_TRUE(CallMember("add", "{\"group\": \"staff\", \"name\": []}").success);

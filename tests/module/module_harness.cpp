@@ -1,4 +1,4 @@
-#include "module_harness.h"
+#include "module/module_harness.h"
 
 #include <dlfcn.h>
 #include <json/reader.h>

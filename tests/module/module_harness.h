@@ -12,9 +12,9 @@
 #include <utility>
 #include <vector>
 
-#include "log_capture.h"
+#include "common/log_capture.h"
+#include "common/temp_root.h"
 #include "tavo/api.h"
-#include "temp_root.h"
 
 namespace tavo_test {
 

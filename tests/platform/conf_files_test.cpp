@@ -11,11 +11,11 @@
 #include <future>
 #include <string>
 
+#include "common/temp_root.h"
 #include "tavo/conf.h"
 #include "tavo/directory.h"
 #include "tavo/error.h"
 #include "tavo/util.h"
-#include "temp_root.h"
 
 namespace {
 

@@ -12,8 +12,8 @@
 #include <thread>
 #include <vector>
 
+#include "common/temp_root.h"
 #include "tavo/account.h"
-#include "temp_root.h"
 
 namespace {
 

@@ -16,10 +16,10 @@
 #include <memory>
 #include <thread>
 
-#include "log_capture.h"
+#include "common/log_capture.h"
+#include "common/temp_root.h"
 #include "tavo/error.h"
 #include "tavo/testing.h"
-#include "temp_root.h"
 
 namespace {
 
@@ -204,10 +204,10 @@ TEST_F(HandlerLockTest, AReplacedRuntimeFolderIsCheckedAnew) {
   EXPECT_FALSE(h.ExLock());
 }
 
-// Released lock files are kept open for the next lock; one whose file was
-// removed or replaced meanwhile must not be used again (it would exclude no
-// one), and a forked child must not lock through the parent's descriptors.
-TEST_F(HandlerLockTest, AKeptLockFileIsDroppedOnceItsFileIsGone) {
+// A lock file removed or replaced between two locks is the new file for the
+// next lock (an old descriptor would exclude no one), and a forked child
+// never locks through the parent's descriptors.
+TEST_F(HandlerLockTest, ALockFileRemovedOrReplacedIsOpenedAnew) {
   const std::string path = root_.Path("/run/tavo/grouplock");
   for (bool replace : {false, true}) {
     SCOPED_TRACE(replace ? "replaced" : "removed");
@@ -231,7 +231,7 @@ TEST_F(HandlerLockTest, AKeptLockFileIsDroppedOnceItsFileIsGone) {
     EXPECT_NE(0, flock(other, LOCK_EX | LOCK_NB));
     close(other);
   }
-  // A child forked while a lock file is kept takes a descriptor of its own:
+  // A child forked after a lock was released takes a descriptor of its own:
   // while it holds the lock, the parent cannot take it.
   {
     ServerFormHandler h("/tmp/grouplock");

@@ -13,9 +13,9 @@
 #include <fstream>
 #include <string>
 
-#include "log_capture.h"
+#include "common/log_capture.h"
+#include "common/temp_root.h"
 #include "tavo/handler.h"
-#include "temp_root.h"
 
 namespace {
 

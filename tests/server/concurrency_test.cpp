@@ -7,8 +7,8 @@
 #include <thread>
 #include <vector>
 
-#include "login_throttle.h"
-#include "sessions.h"
+#include "auth/login_throttle.h"
+#include "auth/sessions.h"
 
 namespace tavo_server {
 namespace {

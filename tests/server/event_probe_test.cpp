@@ -16,11 +16,11 @@
 #include <thread>
 #include <vector>
 
-#include "http_server.h"
-#include "module_loader.h"
-#include "options.h"
+#include "api/module_loader.h"
+#include "cli/options.h"
+#include "common/temp_root.h"
+#include "http/http_server.h"
 #include "privsep/account_ops.h"
-#include "temp_root.h"
 
 namespace tavo_server {
 namespace {

@@ -10,9 +10,9 @@
 #include <set>
 #include <thread>
 
-#include "access_log.h"
-#include "compress.h"
-#include "worker_pool.h"
+#include "http/access_log.h"
+#include "http/compress.h"
+#include "http/worker_pool.h"
 
 namespace tavo_server {
 namespace {

@@ -8,12 +8,12 @@
 #include <random>
 #include <string>
 
-#include "dispatch.h"
-#include "json_util.h"
-#include "sessions.h"
-#include "site_check.h"
-#include "static_files.h"
-#include "temp_root.h"
+#include "api/dispatch.h"
+#include "api/json_util.h"
+#include "auth/sessions.h"
+#include "auth/site_check.h"
+#include "common/temp_root.h"
+#include "http/static_files.h"
 
 namespace tavo_server {
 namespace {

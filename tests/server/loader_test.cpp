@@ -5,10 +5,10 @@
 
 #include <string>
 
-#include "dispatch.h"
-#include "eventlog_api.h"
-#include "module_loader.h"
-#include "temp_root.h"
+#include "api/dispatch.h"
+#include "api/eventlog_api.h"
+#include "api/module_loader.h"
+#include "common/temp_root.h"
 
 namespace tavo_server {
 namespace {

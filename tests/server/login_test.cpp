@@ -1,7 +1,7 @@
 // Logins: one account per name, case variants made by the system's tools,
 // the dummy check's scheme, the throttle against strangers, device cookies
 // and the re-check that ends a session when the password changes.
-#include "login.h"
+#include "auth/login.h"
 
 #include <crypt.h>
 #include <gtest/gtest.h>
@@ -10,12 +10,12 @@
 #include <memory>
 #include <string>
 
-#include "device_cookie.h"
-#include "login_throttle.h"
+#include "auth/device_cookie.h"
+#include "auth/login_throttle.h"
+#include "common/temp_root.h"
 #include "privsep/login_limit.h"
 #include "tavo/group.h"
 #include "tavo/user.h"
-#include "temp_root.h"
 
 namespace tavo_server {
 namespace {

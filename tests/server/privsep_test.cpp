@@ -12,15 +12,15 @@
 #include <memory>
 #include <thread>
 
-#include "eventlog_api.h"
-#include "json_util.h"
-#include "module_loader.h"
+#include "api/eventlog_api.h"
+#include "api/json_util.h"
+#include "api/module_loader.h"
+#include "common/temp_root.h"
 #include "privsep/grant_book.h"
 #include "privsep/priv_channel.h"
 #include "privsep/priv_client.h"
 #include "privsep/priv_server.h"
 #include "tavo/user.h"
-#include "temp_root.h"
 
 namespace tavo_server {
 namespace {

@@ -1,12 +1,12 @@
 // The settings file of `tavo serve` and how it merges with the command line.
-#include "serve_conf.h"
+#include "cli/serve_conf.h"
 
 #include <gtest/gtest.h>
 
 #include <fstream>
 
-#include "options.h"
-#include "temp_root.h"
+#include "cli/options.h"
+#include "common/temp_root.h"
 
 namespace tavo_server {
 namespace {

@@ -69,11 +69,7 @@ extern "C" __attribute__((visibility("default"))) ApiTableRow* GetAPITable(void)
 extern "C" __attribute__((visibility("default"))) int NotTheTable(void) { return 0; }
 #endif
 
-#if TEST_MODULE_KIND == 8
-extern "C" __attribute__((visibility("default"))) const char* GetAPIDescription(void) {
-  return R"({"format": 1, "methods": [{"api": "TAVO.Test.Desc", "version": 1, "method": "other"}]})";
-}
-#elif TEST_MODULE_KIND == 9
+#if TEST_MODULE_KIND == 9
 extern "C" int FakeNewPlatform(void);
 // Keeps the library's DT_NEEDED entry even under --as-needed.
 extern "C" __attribute__((visibility("default"))) int UsesNewPlatform(void) {

@@ -1,7 +1,7 @@
 // The certificate pair presented to TLS handshakes: what is refused leaves
 // the pair in use, what passes replaces it, and the files are read within
 // bounds.
-#include "tls_credentials.h"
+#include "http/tls_credentials.h"
 
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -10,8 +10,8 @@
 #include <fstream>
 #include <string>
 
-#include "temp_root.h"
-#include "tls_cert.h"
+#include "common/temp_root.h"
+#include "http/tls_cert.h"
 
 namespace tavo_server {
 namespace {

@@ -1,5 +1,5 @@
 // Account-file locking compatible with the system's account tools.
-#include "account_lock.h"
+#include "accounts/change/account_lock.h"
 
 #include <fcntl.h>
 #include <signal.h>
@@ -12,7 +12,8 @@
 #include <mutex>
 #include <thread>
 
-#include "acct_error.h"
+#include "accounts/acct_error.h"
+#include "accounts/snapshot/pin.h"
 #include "tavo/root.h"
 
 namespace tavo {
@@ -145,6 +146,7 @@ bool AccountLock::Acquire(const std::vector<std::string>& files) {
     }
     lock_files_.push_back(lock);
   }
+  internal::LockTaken(nullptr, true);
   return true;
 }
 

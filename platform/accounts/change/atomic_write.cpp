@@ -1,6 +1,6 @@
 // Prepared temporary files, an intent journal, then renames: one change
 // across several account files.
-#include "atomic_write.h"
+#include "accounts/change/atomic_write.h"
 
 #include <fcntl.h>
 #include <signal.h>
@@ -12,12 +12,12 @@
 #include <cstring>
 #include <set>
 
-#include "acct_error.h"
-#include "change_journal.h"
-#include "file_bytes.h"
-#include "name_caches.h"
-#include "snapshot.h"
-#include "store_stats_internal.h"
+#include "accounts/acct_error.h"
+#include "accounts/change/change_journal.h"
+#include "accounts/snapshot/file_bytes.h"
+#include "accounts/snapshot/snapshot.h"
+#include "accounts/store_stats_internal.h"
+#include "core/name_caches.h"
 #include "tavo/testing.h"
 
 namespace tavo {

@@ -38,7 +38,7 @@
 #include <string>
 #include <vector>
 
-#include "line_splice.h"
+#include "accounts/change/line_splice.h"
 
 namespace tavo {
 namespace acct {

@@ -1,5 +1,5 @@
 // The intent journal and the recovery of a half-done change.
-#include "change_journal.h"
+#include "accounts/change/change_journal.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -11,9 +11,9 @@
 #include <cstdio>
 #include <set>
 
-#include "acct_error.h"
-#include "snapshot.h"
-#include "store_stats_internal.h"
+#include "accounts/acct_error.h"
+#include "accounts/snapshot/snapshot.h"
+#include "accounts/store_stats_internal.h"
 #include "tavo/eventlog.h"
 #include "tavo/root.h"
 #include "tavo/testing.h"

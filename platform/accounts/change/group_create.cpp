@@ -8,12 +8,12 @@
 #include <cstdlib>
 #include <unordered_set>
 
-#include "atomic_write.h"
-#include "group_internal.h"
-#include "line_splice.h"
-#include "name_rule.h"
-#include "names.h"
-#include "snapshot.h"
+#include "accounts/change/atomic_write.h"
+#include "accounts/change/line_splice.h"
+#include "accounts/group_internal.h"
+#include "accounts/snapshot/name_rule.h"
+#include "accounts/snapshot/names.h"
+#include "accounts/snapshot/snapshot.h"
 #include "tavo/error.h"
 #include "tavo/one_shot.h"
 #include "tavo/root.h"

@@ -12,14 +12,14 @@
 #include <set>
 #include <utility>
 
-#include "account_lock.h"
-#include "atomic_write.h"
-#include "change_journal.h"
-#include "group_internal.h"
-#include "line_splice.h"
-#include "name_rule.h"
-#include "names.h"
-#include "snapshot.h"
+#include "accounts/change/account_lock.h"
+#include "accounts/change/atomic_write.h"
+#include "accounts/change/change_journal.h"
+#include "accounts/change/line_splice.h"
+#include "accounts/group_internal.h"
+#include "accounts/snapshot/name_rule.h"
+#include "accounts/snapshot/names.h"
+#include "accounts/snapshot/snapshot.h"
 #include "tavo/conf.h"
 #include "tavo/error.h"
 #include "tavo/one_shot.h"

@@ -1,9 +1,9 @@
 // Finding and replacing one line of an account file in place.
-#include "line_splice.h"
+#include "accounts/change/line_splice.h"
 
 #include <cstring>
 
-#include "snapshot.h"
+#include "accounts/snapshot/snapshot.h"
 
 namespace tavo {
 namespace acct {

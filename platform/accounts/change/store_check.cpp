@@ -6,11 +6,11 @@
 #include <map>
 #include <set>
 
-#include "account_db.h"
-#include "account_lock.h"
-#include "atomic_write.h"
-#include "change_journal.h"
-#include "snapshot.h"
+#include "accounts/change/account_lock.h"
+#include "accounts/change/atomic_write.h"
+#include "accounts/change/change_journal.h"
+#include "accounts/snapshot/account_db.h"
+#include "accounts/snapshot/snapshot.h"
 #include "tavo/eventlog.h"
 #include "tavo/root.h"
 

@@ -3,8 +3,8 @@
 // install the snapshot made from the bytes they wrote.
 #include <sys/stat.h>
 
-#include "account_db.h"
-#include "snapshot.h"
+#include "accounts/snapshot/account_db.h"
+#include "accounts/snapshot/snapshot.h"
 #include "tavo/root.h"
 
 namespace tavo {

@@ -1,5 +1,5 @@
 // Snapshots of the account files and their indexes.
-#include "account_db.h"
+#include "accounts/snapshot/account_db.h"
 
 #include <algorithm>
 #include <climits>
@@ -7,8 +7,8 @@
 #include <cstring>
 #include <ctime>
 
-#include "names.h"
-#include "snapshot.h"
+#include "accounts/snapshot/names.h"
+#include "accounts/snapshot/snapshot.h"
 
 namespace tavo {
 namespace acct {
@@ -283,11 +283,6 @@ std::shared_ptr<const std::vector<int>> GroupDb::Head(size_t count, const LoginD
   return std::shared_ptr<const std::vector<int>>(std::shared_ptr<const void>(), &order);
 }
 
-size_t GroupDb::MemoryBytes() const {
-  return text_.capacity() + recs_.capacity() * sizeof(Rec) + builtin_.capacity() +
-         index_.MemoryBytes() + sorted_.capacity() * sizeof(int);
-}
-
 UserDb::UserDb(FileBytes text) : text_(std::move(text)) {
   std::vector<TextSpan> names;
   ReservePrefaulted(&names, CountLines(text_));
@@ -326,11 +321,6 @@ std::shared_ptr<const UserDb::LocalOrder> UserDb::Local(const LoginDefs& defs) c
   return local;
 }
 
-size_t UserDb::MemoryBytes() const {
-  return text_.capacity() + recs_.capacity() * sizeof(Rec) + index_.MemoryBytes() +
-         sorted_.capacity() * sizeof(int);
-}
-
 ShadowDb::ShadowDb(FileBytes text) : text_(std::move(text)) {
   std::vector<TextSpan> names;
   ReservePrefaulted(&names, CountLines(text_));
@@ -356,10 +346,6 @@ bool ShadowDb::Find(std::string_view name, ShadowView* out) const {
   return true;
 }
 
-size_t ShadowDb::MemoryBytes() const {
-  return text_.capacity() + recs_.capacity() * sizeof(Rec) + index_.MemoryBytes();
-}
-
 DescDb::DescDb(FileBytes text) : text_(std::move(text)) {
   std::vector<TextSpan> names;
   ReservePrefaulted(&names, CountLines(text_));
@@ -373,20 +359,13 @@ DescDb::DescDb(FileBytes text) : text_(std::move(text)) {
   index_.Build(text_.data(), std::move(names), /*last_wins=*/true);
 }
 
-size_t DescDb::MemoryBytes() const {
-  return text_.capacity() + texts_.capacity() * sizeof(TextSpan) + index_.MemoryBytes();
-}
-
-bool IsReachable(const GroupLine& g, const LoginDefs& defs) {
-  return g.gid >= defs.gid_min || IsBuiltinGroupName(g.name);
-}
-
 bool IsExpired(const UserDb& users, int i, const ShadowDb& shadow) {
   ShadowView s;
   const bool found = shadow.Find(users.Name(i), &s);
   const std::string_view hash = found ? s.hash : users.Password(i);
   if (!hash.empty() && (hash[0] == '!' || hash[0] == '*')) return true;
   if (!found || s.expire_days < 0) return false;
+  internal::MarkNotReusable();  // the answer depends on the day
   long today = static_cast<long>(std::time(nullptr) / 86400);
   return s.expire_days <= today;
 }

@@ -29,9 +29,9 @@
 #include <utility>
 #include <vector>
 
-#include "account_files.h"
-#include "file_bytes.h"
-#include "name_index.h"
+#include "accounts/snapshot/account_files.h"
+#include "accounts/snapshot/file_bytes.h"
+#include "accounts/snapshot/name_index.h"
 
 namespace tavo {
 namespace acct {
@@ -106,8 +106,6 @@ class GroupDb {
   // The result may point into this snapshot: keep the snapshot while using it.
   std::shared_ptr<const std::vector<int>> Head(size_t count, const LoginDefs* defs,
                                                size_t* total) const;
-  // Heap bytes held, the file's bytes included.
-  size_t MemoryBytes() const;
 
   // The snapshot of `text`, which is Text() with group `i`'s line replaced by
   // a line of the same name, GID and password (a change of members alone):
@@ -181,7 +179,6 @@ class UserDb {
   };
   // Built once per UID range and kept; any thread.
   std::shared_ptr<const LocalOrder> Local(const LoginDefs& defs) const;
-  size_t MemoryBytes() const;
 
  private:
   struct Rec {
@@ -208,7 +205,6 @@ class ShadowDb {
   ShadowDb& operator=(const ShadowDb&) = delete;
   // The entry of exactly `name`; false when there is none.
   bool Find(std::string_view name, ShadowView* out) const;
-  size_t MemoryBytes() const;
 
  private:
   struct Rec {
@@ -234,7 +230,6 @@ class DescDb {
     return i < 0 ? std::string_view()
                  : std::string_view(text_.data() + texts_[i].off, texts_[i].len);
   }
-  size_t MemoryBytes() const;
 
  private:
   const FileBytes text_;
@@ -271,8 +266,6 @@ struct FileText {
 std::shared_ptr<const FileText> GshadowNow(bool* exists);
 void InstallGshadow(std::string text);
 
-// Built-ins and groups with GID >= GID_MIN; system groups are not.
-bool IsReachable(const GroupLine& g, const LoginDefs& defs);
 // User `i` is expired, or locked with "!" or "*" in its password field.
 bool IsExpired(const UserDb& users, int i, const ShadowDb& shadow);
 

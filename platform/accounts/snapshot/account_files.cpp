@@ -1,5 +1,5 @@
 // Line parsers and formatters of the account files.
-#include "account_files.h"
+#include "accounts/snapshot/account_files.h"
 
 #include <cerrno>
 #include <cstdlib>

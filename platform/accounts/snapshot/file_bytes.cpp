@@ -1,4 +1,4 @@
-#include "file_bytes.h"
+#include "accounts/snapshot/file_bytes.h"
 
 #include <sys/mman.h>
 #include <sys/stat.h>

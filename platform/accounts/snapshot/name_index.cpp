@@ -1,8 +1,8 @@
 // Hash indexes over snapshot names.
-#include "name_index.h"
+#include "accounts/snapshot/name_index.h"
 
-#include "names.h"
-#include "snapshot.h"
+#include "accounts/snapshot/names.h"
+#include "accounts/snapshot/snapshot.h"
 
 namespace tavo {
 namespace acct {
@@ -129,11 +129,6 @@ int NameIndex::Find(std::string_view name) const {
   return exact >= 0 ? exact : first;
 }
 
-size_t NameIndex::MemoryBytes() const {
-  return (names_.capacity() + folded_.capacity()) * sizeof(TextSpan) +
-         hashes_.capacity() * sizeof(uint32_t) + arena_.capacity() + slots_.MemoryBytes();
-}
-
 void ExactIndex::Build(const char* base, std::vector<TextSpan> names, bool last_wins) {
   base_ = base;
   names_ = std::move(names);
@@ -169,11 +164,6 @@ int ExactIndex::Find(std::string_view name) const {
     return false;
   });
   return found;
-}
-
-size_t ExactIndex::MemoryBytes() const {
-  return names_.capacity() * sizeof(TextSpan) +
-         (hashes_.capacity() + winner_.capacity()) * sizeof(uint32_t) + slots_.MemoryBytes();
 }
 
 }  // namespace acct

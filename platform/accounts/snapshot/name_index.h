@@ -44,7 +44,6 @@ class SlotTable {
       if (hashes[e] == hash && !f(e)) return;
     }
   }
-  size_t MemoryBytes() const { return slots_.capacity() * sizeof(int32_t); }
   // Whether `entries` fit at the load Reset gives.
   bool HasRoomFor(size_t entries) const { return slots_.size() >= entries * 2; }
 
@@ -84,7 +83,6 @@ class NameIndex {
       return true;
     });
   }
-  size_t MemoryBytes() const;
 
  private:
   static constexpr uint32_t kInArena = 0x80000000u;  // folded_[i].off: in arena_
@@ -105,7 +103,6 @@ class ExactIndex {
   // `last_wins`: a name listed twice finds its last entry, else its first.
   void Build(const char* base, std::vector<TextSpan> names, bool last_wins);
   int Find(std::string_view name) const;
-  size_t MemoryBytes() const;
 
  private:
   std::string_view View(TextSpan s) const { return std::string_view(base_ + s.off, s.len); }

@@ -1,4 +1,4 @@
-#include "name_rule.h"
+#include "accounts/snapshot/name_rule.h"
 
 #include <unicode/normalizer2.h>
 #include <unicode/uchar.h>
@@ -8,7 +8,7 @@
 
 #include <memory>
 
-#include "names.h"
+#include "accounts/snapshot/names.h"
 
 namespace tavo {
 namespace acct {

@@ -1,12 +1,12 @@
 // Name rules and case folding of the account store.
-#include "names.h"
+#include "accounts/snapshot/names.h"
 
 #include <locale.h>
 #include <wctype.h>
 
-#include "acct_error.h"
-#include "name_rule.h"
-#include "unicode_fold.h"
+#include "accounts/acct_error.h"
+#include "accounts/snapshot/name_rule.h"
+#include "core/unicode_fold.h"
 
 namespace tavo {
 namespace acct {

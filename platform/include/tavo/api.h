@@ -93,11 +93,8 @@ struct ApiTableRow {
 // A module exports `extern "C" ApiTableRow gTable[]` and
 // `extern "C" ApiTableRow* GetAPITable(void)`; this is the latter's type.
 typedef ApiTableRow* (*GetAPITableFn)(void);
-
-// A module may also export `extern "C" const char* GetAPIDescription(void)`:
-// a JSON text describing each method's parameters, answer and error codes,
-// read by the server to build its OpenAPI document (docs/modules.md gives
-// the format). The text must stay valid while the module is loaded.
-typedef const char* (*GetAPIDescriptionFn)(void);
+// Nothing else is exported. What the server's OpenAPI document says of each
+// method (parameters, answer, error codes) is a JSON file installed beside
+// the module, NAME.json for NAME.so (docs/modules.md gives the format).
 
 #endif  // TAVO_API_H_

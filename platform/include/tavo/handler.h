@@ -16,6 +16,11 @@
 // parent folders) when absent and hold no data. Lock descriptors are
 // close-on-exec, so child processes never hold a lock.
 //
+// Every lock taken (ShLock, ExLock, LockFile) ends the calling thread's view
+// of the account files inside a read scope (tavo/read_scope.h): what is read
+// after it shows the files as they are once the lock is held, also when
+// another process changed them while this one waited.
+//
 // Thread-safety: a handler object belongs to one thread. LockFile/UnlockFile
 // may be called from any thread.
 #ifndef TAVO_HANDLER_H_

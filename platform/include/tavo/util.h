@@ -63,6 +63,11 @@ std::string CaseFoldKey(const std::string& text);
 int HoldPidFile(const char* path, int* holder, std::string* error);
 // Removes the pid file held by `fd`, then closes it.
 void ReleasePidFile(const char* path, int fd);
+// `text` without the blanks (space, tab, CR, LF, FF, VT) at either end.
+std::string Trim(const std::string& text);
+// Reads the whole file at the host path `path` (not resolved in the root)
+// into *out. False when it cannot be opened or read (TAVO_ERR_IO, errno set).
+bool ReadWholeFile(const std::string& path, std::string* out);
 
 }  // namespace tavo
 

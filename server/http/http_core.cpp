@@ -1,12 +1,14 @@
-// Routing: where a parsed request is turned into a response, whichever thread
-// runs it, and the static files of the admin page.
+// The HTTP core's own part of serving: its construction, where a parsed
+// request is turned into a response whichever thread runs it, the headers
+// every answer carries, and the static files of the admin page.
 #include <strings.h>
 
 #include <functional>
 
-#include "compress.h"
-#include "http_impl.h"
-#include "random.h"
+#include "auth/random.h"
+#include "http/compress.h"
+#include "http/http_impl.h"
+#include "tavo/util.h"
 
 namespace tavo_server {
 namespace {
@@ -28,12 +30,9 @@ bool EtagMatches(const std::string& if_none_match, const std::string& etag) {
   while (pos < if_none_match.size()) {
     size_t end = if_none_match.find(',', pos);
     if (end == std::string::npos) end = if_none_match.size();
-    std::string tag = if_none_match.substr(pos, end - pos);
+    std::string tag = tavo::Trim(if_none_match.substr(pos, end - pos));
     pos = end + 1;
-    size_t b = tag.find_first_not_of(" \t");
-    size_t e = tag.find_last_not_of(" \t");
-    if (b == std::string::npos) continue;
-    tag = tag.substr(b, e - b + 1);
+    if (tag.empty()) continue;
     if (tag.compare(0, 2, "W/") == 0) tag = tag.substr(2);
     if (tag == "*" || tag == etag) return true;
   }
@@ -91,25 +90,18 @@ HttpServer::Impl::Impl(const ServeOptions& o, AccountOps& a)
       logins(LoginLimits(o), RandomHex(32), std::chrono::hours(24 * 30)),
       files(o.web_dir),
       site(o.server_names, o.tls()) {
+  // The routes of logins and sessions, and of the API, register themselves
+  // (http_auth.cpp, http_api.cpp); the core's own answer health, the API's
+  // description and the counters.
+  AddAuthRoutes();
+  AddApiRoutes();
   using Req = const HttpRequest&;
   using Res = HttpResponse&;
-  // Password checks and module calls may wait on locks, fsync or crypt, and a
-  // logout tells the account side: they run on the workers. The session check
-  // only looks in memory.
-  routes = {
-      {"POST", "/api/auth/login", Lane::kWorker, [this](Req q, Res r) { Login(q, r); }},
-      {"POST", "/api/auth/logout", Lane::kWorker, [this](Req q, Res r) { Logout(q, r); }},
-      {"GET", "/api/auth/session", Lane::kEvent, [this](Req q, Res r) { SessionInfo(q, r); }},
-      {"GET", "/api/info", Lane::kWorker, [this](Req q, Res r) { ApiInfo(q, r); }},
-      {"POST", "/api", Lane::kWorker, [this](Req q, Res r) { ApiPost(q, r); }},
-      {"GET", "/api", Lane::kWorker, [this](Req q, Res r) { ApiGet(q, r); }},
-      // Operations: health for load balancers, the API's description, and
-      // counters for administrators (the account side's figures are asked
-      // for, so a worker answers).
-      {"GET", "/healthz", Lane::kEvent, [this](Req q, Res r) { Health(q, r); }},
-      {"GET", "/api/openapi.json", Lane::kEvent, [this](Req q, Res r) { OpenApi(q, r); }},
-      {"GET", "/metrics", Lane::kWorker, [this](Req q, Res r) { MetricsText(q, r); }},
-  };
+  routes.push_back({"GET", "/healthz", Lane::kEvent, [this](Req q, Res r) { Health(q, r); }});
+  routes.push_back(
+      {"GET", "/api/openapi.json", Lane::kEvent, [this](Req q, Res r) { OpenApi(q, r); }});
+  // The account side's figures are asked for, so a worker answers.
+  routes.push_back({"GET", "/metrics", Lane::kWorker, [this](Req q, Res r) { MetricsText(q, r); }});
   openapi_etag = "\"" + std::to_string(std::hash<std::string>()(options.openapi_json)) + "\"";
 }
 

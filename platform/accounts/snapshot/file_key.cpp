@@ -1,22 +1,21 @@
 // File keys and whole-file reads for the snapshot caches.
-#include "snapshot.h"
+#include "accounts/snapshot/file_key.h"
 
 #include <fcntl.h>
-#include <signal.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
 #include <ctime>
-#include <vector>
+#include <map>
+#include <mutex>
 
-#include "acct_error.h"
+#include "accounts/acct_error.h"
+#include "accounts/snapshot/pin.h"
 #include "tavo/one_shot.h"
-#include "tavo/read_scope.h"
 
 namespace tavo {
 namespace acct {
@@ -43,167 +42,7 @@ void FillKey(const struct stat& st, FileKey* key) {
 // stamps file times, plus the lag of that clock behind the real time.
 constexpr long long kRecentNs = 50LL * 1000 * 1000;
 
-// What the pins of this thread hold.
-struct PinState {
-  int depth = 0;
-  struct Entry {
-    const void* cache;
-    std::string path;
-    std::shared_ptr<const void> value;
-    const char* abs;          // the platform path asked for, when a constant
-    unsigned long long root;  // the root generation it was resolved under
-    internal::Refetch refetch;
-    std::weak_ptr<const void> origin;  // the snapshot itself (value is a copy of its own)
-  };
-  std::vector<Entry> entries;  // a handful: one per file the call reads
-  bool events_read = false;    // the folders' change events were read in this pin
-  bool reusable = false;       // TavoAnswerReusable was called in this pin
-  bool wrote = false;          // a file was written in this pin
-};
-thread_local PinState t_pins;
-
 }  // namespace
-
-// A new outermost pin starts with no marks.
-static void EnterPin() {
-  if (t_pins.depth++ == 0) {
-    t_pins.reusable = false;
-    t_pins.wrote = false;
-  }
-}
-
-SnapshotPin::SnapshotPin() { EnterPin(); }
-
-namespace {
-std::atomic<bool> g_one_shot{false};
-}  // namespace
-
-}  // namespace acct
-
-namespace {
-// A mapped account file was cut short in place (by a tool that ignores the
-// account locks) while this process read it. Nothing of a change is in place
-// before its reads are done, so the call just stops.
-void OnBusError(int) {
-  static const char kText[] =
-      "tavo: an account file was cut short while the call read it; the call stopped "
-      "(`tavo check` shows the files as they are)\n";
-  ssize_t ignored = write(STDERR_FILENO, kText, sizeof kText - 1);
-  (void)ignored;
-  _exit(1);
-}
-}  // namespace
-
-void SetOneShotProcess() {
-  acct::g_one_shot.store(true, std::memory_order_relaxed);
-  internal::ForgoFolderWatch();  // each file is looked at with stat(2) instead
-  struct sigaction now = {};
-  if (sigaction(SIGBUS, nullptr, &now) == 0 && now.sa_handler == SIG_DFL) {
-    struct sigaction on_bus = {};
-    on_bus.sa_handler = OnBusError;
-    sigemptyset(&on_bus.sa_mask);
-    sigaction(SIGBUS, &on_bus, nullptr);
-  }
-}
-bool IsOneShotProcess() { return acct::g_one_shot.load(std::memory_order_relaxed); }
-
-// A scope is a pin by another name, for callers outside the platform.
-ReadScope::ReadScope() { acct::EnterPin(); }
-ReadScope::~ReadScope() { acct::SnapshotPin::Release(); }
-
-struct ReadSet::Impl {
-  struct File {
-    const void* cache;
-    std::string path;
-    acct::internal::Refetch refetch;
-    std::weak_ptr<const void> origin;
-  };
-  std::vector<File> files;
-  unsigned long long root = 0;
-};
-
-ReadSet::ReadSet(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
-ReadSet::~ReadSet() = default;
-size_t ReadSet::size() const { return impl_->files.size(); }
-
-bool ReadSet::Current() const {
-  if (TavoRootGeneration() != impl_->root) return false;
-  for (const Impl::File& f : impl_->files) {
-    // A snapshot no longer held anywhere has been replaced; one still held
-    // is current only when the cache hands out that very snapshot now.
-    std::shared_ptr<const void> then = f.origin.lock();
-    if (!then) return false;
-    std::shared_ptr<const void> now = f.refetch(f.cache, f.path);
-    if (now.get() != then.get()) return false;
-  }
-  return true;
-}
-
-std::shared_ptr<const ReadSet> ReadScope::Reads() const {
-  const acct::PinState& pins = acct::t_pins;
-  if (pins.depth != 1 || !pins.reusable || pins.wrote) return nullptr;
-  auto impl = std::make_unique<ReadSet::Impl>();
-  impl->root = TavoRootGeneration();
-  for (const acct::PinState::Entry& e : pins.entries) {
-    if (e.root != 0 && e.root != impl->root) return nullptr;  // the root moved during the call
-    impl->files.push_back(ReadSet::Impl::File{e.cache, e.path, e.refetch, e.origin});
-  }
-  return std::make_shared<const ReadSet>(std::move(impl));
-}
-
-namespace acct {
-
-SnapshotPin::~SnapshotPin() { Release(); }
-
-void SnapshotPin::Release() {
-  if (--t_pins.depth == 0) {
-    t_pins.entries.clear();
-    t_pins.events_read = false;
-    t_pins.reusable = false;
-    t_pins.wrote = false;
-  }
-}
-
-namespace internal {
-
-std::shared_ptr<const void> PinnedValue(const void* cache, const std::string& path) {
-  if (t_pins.depth == 0) return nullptr;
-  for (const PinState::Entry& e : t_pins.entries)
-    if (e.cache == cache && e.path == path) return e.value;
-  return nullptr;
-}
-
-bool ReadEventsNow() {
-  if (t_pins.depth == 0) return true;
-  if (t_pins.events_read) return false;
-  t_pins.events_read = true;
-  return true;
-}
-
-std::shared_ptr<const void> PinnedAt(const void* cache, const char* abs, unsigned long long root) {
-  if (t_pins.depth == 0) return nullptr;
-  for (const PinState::Entry& e : t_pins.entries)
-    if (e.cache == cache && e.abs == abs && e.root == root) return e.value;
-  return nullptr;
-}
-
-void PinValue(const void* cache, const std::string& path, std::shared_ptr<const void> value,
-              Refetch refetch, const char* abs, unsigned long long root) {
-  if (t_pins.depth == 0) return;
-  std::weak_ptr<const void> origin = value;
-  // The pinned copy shares a count of its own with this thread's later
-  // copies, not the snapshot's count, which every thread's copies share: a
-  // page of fifty groups copies its snapshots a few hundred times, and
-  // threads on other cores incrementing one count made those copies cost
-  // about a twentieth of a server's time.
-  const void* raw = value.get();
-  auto own = std::make_shared<std::shared_ptr<const void>>(std::move(value));
-  t_pins.entries.push_back(PinState::Entry{cache, path,
-                                           std::shared_ptr<const void>(std::move(own), raw), abs,
-                                           root, refetch, std::move(origin)});
-}
-
-}  // namespace internal
 
 void PrefaultHeap(void* p, size_t bytes) {
   // Worth it only where the allocator maps whole pages of its own.
@@ -244,9 +83,7 @@ unsigned long long SnapshotGeneration(const std::string& path) {
 }
 
 void InvalidateSnapshot(const std::string& path) {
-  t_pins.entries.clear();
-  t_pins.events_read = false;
-  if (t_pins.depth > 0) t_pins.wrote = true;
+  internal::AfterWrite();
   std::lock_guard<std::mutex> lock(g_gen_mu);
   if (!g_generations) g_generations = new std::map<std::string, unsigned long long>();
   if (g_generations->size() > 256) {  // roots change between tests
@@ -386,7 +223,3 @@ bool ReportMissing(const std::string&) {
 
 }  // namespace acct
 }  // namespace tavo
-
-extern "C" void TavoAnswerReusable(void) {
-  if (tavo::acct::t_pins.depth > 0) tavo::acct::t_pins.reusable = true;
-}
