@@ -5,6 +5,7 @@
 #include <pthread.h>
 #include <pwd.h>
 #include <sys/prctl.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -38,9 +39,9 @@ bool DropTo(uid_t uid, gid_t gid, pid_t parent) {
   return true;
 }
 
-// In the front: turns each byte of the account process's `ctl` pipe into a
+// In the front: turns each byte from the account process's `ctl` socket into a
 // signal to this process, taken by its signal thread as if sent from
-// outside: 'h' a reload (SIGHUP), anything else or the end of the pipe a stop
+// outside: 'h' a reload (SIGHUP), anything else or the end of the stream a stop
 // (SIGTERM). The account process cannot signal the front itself: without
 // CAP_KILL, which the service does not keep, root may not signal another
 // user's process.
@@ -81,7 +82,9 @@ int ServeSplit(const std::string& user, LocalAccountOps& local, const sigset_t& 
   }
   int go[2], ctl[2];
   if (pipe(go) != 0) return kExitFailure;
-  if (pipe2(ctl, O_CLOEXEC) != 0) {
+  // A socket pair rather than a pipe: each side's end is a descriptor of its
+  // own, not a second handle on one pipe the other side holds too.
+  if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ctl) != 0) {
     close(go[0]);
     close(go[1]);
     return kExitFailure;
@@ -140,7 +143,7 @@ int ServeSplit(const std::string& user, LocalAccountOps& local, const sigset_t& 
       if (child_gone.load()) return;
       // 'h': the front reloads its certificate; 't': it stops.
       const char byte = sig == SIGHUP ? 'h' : 't';
-      while (write(ctl_out, &byte, 1) < 0 && errno == EINTR) {
+      while (send(ctl_out, &byte, 1, MSG_NOSIGNAL) < 0 && errno == EINTR) {
       }
       if (sig != SIGHUP) return;
     }
