@@ -41,6 +41,25 @@ std::string EventLogMessage(unsigned int event, const std::string& a1, const std
 // missing database is an empty log.
 bool EventLogList(int offset, int limit, Json::Value* out);
 
+// Which entries EventLogList gives; an empty text, or a time of 0, leaves
+// that filter out. Names are compared ignoring the case of ASCII letters.
+//   group    entries about that group: created, deleted, described, members
+//            added or removed, and renamed from or to that name
+//   user     members added to or removed from a group: that user
+//   account  made by that account
+//   since    made at or after this time (seconds since the epoch, UTC)
+//   until    made before this time
+struct EventLogFilter {
+  std::string group;
+  std::string user;
+  std::string account;
+  long long since = 0;
+  long long until = 0;
+};
+
+// As above, with only the entries that pass `filter`; "total" counts those.
+bool EventLogList(int offset, int limit, const EventLogFilter& filter, Json::Value* out);
+
 }  // namespace tavo
 
 #endif  // TAVO_EVENTLOG_H_
