@@ -67,6 +67,9 @@ export function renderImport(main) {
     h('thead', {}, h('tr', {}, th('Line', { class: 'num' }), th('Group'), valueHead, th('What happens'), resultHead)),
     body);
   const more = h('p', { class: 'hint' });
+  const limitNote = h('p', { class: 'hint' },
+    'The appliance allows only so many groups (its "maxgroups" setting, which this page cannot read). '
+    + 'A creation beyond that limit is refused when it is applied, and its row says so.');
   const applyButton = h('button', { type: 'button', class: 'primary' }, 'Apply');
   const cancelButton = h('button', { type: 'button', class: 'secondary' }, 'Cancel import');
   const downloadButton = h('button', { type: 'button', class: 'secondary' }, 'Download result');
@@ -76,7 +79,7 @@ export function renderImport(main) {
   const progressBox = h('div', { class: 'import-progress' },
     h('label', { for: progressId, id: `${progressId}-label` }, 'Import progress'), progress, progressText, cancelButton);
   const previewSection = h('section', { class: 'import-preview', 'aria-labelledby': `${fileId}-preview` },
-    h('h2', { id: `${fileId}-preview` }, 'Preview'), summary,
+    h('h2', { id: `${fileId}-preview` }, 'Preview'), summary, limitNote,
     h('div', { class: 'toolbar' }, h('div', { class: 'selection' }, applyButton, downloadButton)),
     progressBox, h('div', { class: 'table-wrap' }, table), more);
 
@@ -92,7 +95,6 @@ export function renderImport(main) {
     }
     more.textContent = plan.entries.length > SHOWN_ROWS
       ? `The first ${SHOWN_ROWS} of ${plan.entries.length} rows are shown; "Download result" has them all.` : '';
-    resultHead.hidden = !plan.entries.some((e) => e.result);
   }
 
   async function preview() {
@@ -122,6 +124,7 @@ export function renderImport(main) {
       return;
     }
     summary.textContent = countsText(plan);
+    limitNote.hidden = plan.kind !== 'groups';
     const work = plan.counts.create + plan.counts.add;
     applyButton.disabled = work === 0;
     downloadButton.hidden = true;
@@ -155,8 +158,10 @@ export function renderImport(main) {
     if (outcome.expired) return;
     const done = plan.entries.filter((e) => e.result === 'done').length;
     const failed = plan.entries.filter((e) => e.result === 'failed').length;
-    const lines = [`${outcome.cancelled ? 'Import cancelled' : 'Import finished'}: ${done} rows done, ${failed} failed`
-      + `${outcome.cancelled ? `, ${plan.entries.filter((e) => e.result === 'not applied').length} not applied` : ''}.`];
+    const rowsText = (n) => `${n} ${n === 1 ? 'row' : 'rows'}`;
+    const left = plan.entries.filter((e) => e.result === 'not applied').length;
+    const lines = [`${outcome.cancelled ? 'Import cancelled' : 'Import finished'}: ${rowsText(done)} done, ${failed} failed`
+      + `${outcome.cancelled ? `, ${left} not applied` : ''}.`];
     if (failed > 0) showError(lines);
     else showNotice(lines);
     summary.textContent = `${countsText(plan)} ${lines[0]}`;

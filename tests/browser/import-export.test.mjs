@@ -1,16 +1,17 @@
 // CSV export and import of groups and memberships: the preview of a mixed
-// file with its refusals, applying it and its per-row result, the account
+// file with its refusals, applying it and its per-row result (also creations
+// refused past the configured number of groups), the account
 // files afterwards (grpck), a cancelled import of 5,000 rows that leaves whole
 // batches only and then completes, and export followed by import of the
 // export, which changes nothing.
 
 import assert from 'node:assert/strict';
 import { spawnSync } from 'node:child_process';
-import { readFileSync } from 'node:fs';
+import { readFileSync, writeFileSync } from 'node:fs';
 import path from 'node:path';
 import { before, describe, test } from 'node:test';
 import {
-  addUsers, eventually, login, screenshot, setGroup, tavoCall, waitForText, withAppliance,
+  addUsers, artifactsDir, eventually, login, screenshot, setGroup, tavoCall, waitForText, withAppliance,
 } from './harness.mjs';
 
 const bulkUsers = Array.from({ length: 500 }, (_, i) => `bulk${String(i + 1).padStart(3, '0')}`);
@@ -130,6 +131,22 @@ describe('CSV export and import', () => {
     assert.deepEqual(got.map((g) => [g.name, g.description]),
       [['night-shift', 'Ops, the "night" shift'], ['day-shift', '=1+1']]);
     grpckClean(env.root);
+
+    // Past the configured number of groups, each refused creation says why.
+    const conf = path.join(env.root, 'etc/tavo/tavo.conf');
+    const total = tavoCall(env.root, 'TAVO.Core.Group', 'list', { limit: 0 }).data.total;
+    writeFileSync(conf, `maxgroups = ${total + 1}\n`);
+    try {
+      await chooseCsv('group,description\nextra-1,\nextra-2,\nextra-3,\n');
+      await waitForText(summaryLine(), '3 rows: 3 groups to create, 0 left alone, 0 refused.');
+      assert.match(await page.locator('.import-preview').textContent(), /"maxgroups" setting/);
+      await page.getByRole('button', { name: 'Apply' }).click();
+      await waitForText(page.locator('#alert'), 'Import finished: 1 row done, 2 failed.');
+      assert.match(await rowOf(3).textContent(), /failed — The appliance already has the largest number of groups it allows/);
+      assert.equal(tavoCall(env.root, 'TAVO.Core.Group', 'list', { limit: 0 }).data.total, total + 1);
+    } finally {
+      writeFileSync(conf, 'maxgroups = 128\n');
+    }
   });
 
   test('export, then import of the export, changes nothing; formulas are exported harmless', async () => {
@@ -175,7 +192,7 @@ describe('CSV export and import', () => {
     await page.getByRole('button', { name: 'Apply' }).click();
     const progress = page.getByRole('progressbar', { name: 'Import progress' });
     await eventually(async () => Number(await progress.getAttribute('value')) >= 3, 'three batches');
-    await screenshot(page, 'import-progress');
+    await page.screenshot({ path: path.join(artifactsDir, 'import-progress.png') }); // the window only
     await page.getByRole('button', { name: 'Cancel import' }).click();
     await waitForText(page.locator('#notice'), 'Import cancelled');
     await page.unroute('**/api');
