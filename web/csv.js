@@ -8,7 +8,8 @@
 // toCsv(rows) -> text with CRLF line ends. A cell that a spreadsheet would
 // read as a formula (it starts with =, +, -, @, a tab or a carriage return)
 // gets a leading apostrophe, so opening an export never runs anything;
-// unguard() takes that apostrophe off again when such a file is imported.
+// unguard() takes that apostrophe off again when such a file is imported, so
+// every cell reads back as it was written.
 
 export function parseCsv(text) {
   const src = String(text).replace(/^\uFEFF/, '');
@@ -54,7 +55,9 @@ export function parseCsv(text) {
   return rows;
 }
 
-const FORMULA = /^[=+\-@\t\r]/;
+// A formula sign first, or a guard already there (so that a cell that really
+// starts with "'=" reads back as itself).
+const FORMULA = /^'*[=+\-@\t\r]/;
 
 function cell(value) {
   let text = value === null || value === undefined ? '' : String(value);
@@ -68,7 +71,7 @@ export function toCsv(rows) {
 
 // "'=SUM(A1)" -> "=SUM(A1)": the guard that toCsv adds, removed.
 export function unguard(text) {
-  return /^'[=+\-@\t\r]/.test(text) ? text.slice(1) : text;
+  return /^'+[=+\-@\t\r]/.test(text) ? text.slice(1) : text;
 }
 
 // Offers `text` to the browser as a download named `filename`.

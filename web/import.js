@@ -145,8 +145,9 @@ export function renderImport(main) {
     file.disabled = true;
     cancelButton.disabled = false;
     cancelButton.focus();
+    // Leaving the view stops the import between batches too.
     const outcome = await runBatches(batches, {
-      shouldStop: () => stopping,
+      shouldStop: () => stopping || !main.contains(heading),
       onProgress({ done, total, rows }) {
         progress.value = done;
         progressText.textContent = `${done} of ${total} batches (${rows} rows)`;
@@ -157,6 +158,11 @@ export function renderImport(main) {
     file.disabled = false;
     if (outcome.expired) return;
     const done = plan.entries.filter((e) => e.result === 'done').length;
+    if (!main.contains(heading)) {
+      showError(`The import stopped when its view was left: ${done} of ${batches.reduce((n, b) => n + b.entries.length, 0)}`
+        + ' rows were done. Import the same file again to do the rest.');
+      return;
+    }
     const failed = plan.entries.filter((e) => e.result === 'failed').length;
     const rowsText = (n) => `${n} ${n === 1 ? 'row' : 'rows'}`;
     const left = plan.entries.filter((e) => e.result === 'not applied').length;
