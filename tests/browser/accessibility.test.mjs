@@ -73,9 +73,7 @@ describe('accessibility', () => {
     await waitForText(page.locator('#notice'), 'Added to "keyboard-team": "alice", "bob".');
     await waitForText(page.locator('.member-counts'), '2 members, 0 administrators');
 
-    await page.keyboard.press('Shift+Tab'); // back from the action into the page
-    await page.locator('h1').focus(); // the view's start, as after opening it
-    await tabTo(/^input\|Select bob$/);
+    await tabTo(/^input\|Select bob$/, 150); // on past the end of the page, round to the members
     await page.keyboard.press('Space');
     await tabTo(/^button\|Remove selected/);
     await page.keyboard.press('Enter');
