@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Installs whatever tools/deps.txt lists that this machine is missing.
 #   tools/install-deps.sh          build and test dependencies (Debian packages)
-#   tools/install-deps.sh --browser  also the browser-test packages (chromium, playwright-core)
+#   tools/install-deps.sh --browser  also the browser-test packages (chromium, playwright-core, axe-core)
 #                                    and the npm packages of the e2e tests (the OpenAPI validator)
 #   tools/install-deps.sh --bench    also what only the benchmarks use (nginx, wrk)
 # Safe to run again: it installs only what is missing.

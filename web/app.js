@@ -5,6 +5,7 @@
 //   #/groups          the groups list (also the default)
 //   #/members/NAME    the members of one group
 //   #/events          recent changes
+//   #/import          import from a CSV file
 // A reload keeps the person logged in as long as the server's session lives
 // (restoreSession); any call that finds the session gone shows the login
 // form with a sentence that says so.
@@ -14,9 +15,11 @@ import { whileDisabled } from './busy.js';
 import { h, replaceChildren, uid } from './dom.js';
 import { renderEvents } from './events.js';
 import { renderGroups } from './groups.js';
+import { renderImport } from './import.js';
 import { renderMembers } from './members.js';
 import { SESSION_EXPIRED, describeError } from './messages.js';
 import { clearMessages } from './status.js';
+import { installShortcuts, openShortcutHelp } from './shortcuts.js';
 
 const main = document.getElementById('main');
 let loginShown = false;
@@ -104,11 +107,14 @@ function route() {
   } else if (hash === '#/events') {
     renderEvents(main);
     view = 'events';
+  } else if (hash === '#/import') {
+    renderImport(main);
+    view = 'import';
   } else {
     renderGroups(main);
   }
   for (const link of document.querySelectorAll('#nav a')) {
-    const current = link.dataset.view === view || (view === 'members' && link.dataset.view === 'groups');
+    const current = link.dataset.view === view || (['members', 'import'].includes(view) && link.dataset.view === 'groups');
     if (current) link.setAttribute('aria-current', 'page');
     else link.removeAttribute('aria-current');
   }
@@ -135,6 +141,9 @@ document.getElementById('logout').addEventListener('click', async (event) => {
   await whileDisabled([event.currentTarget], () => api.logout());
   showLogin({ note: 'You have logged out.' });
 });
+
+document.getElementById('shortcuts').addEventListener('click', openShortcutHelp);
+installShortcuts(() => api.isLoggedIn() && !loginShown);
 
 async function start() {
   try {

@@ -8,15 +8,16 @@
 //
 // onSubmit(form) resolves to true to close the dialog, or to a sentence (or
 // array of sentences) to show in the dialog's own alert region and keep it
-// open. It must not reject.
+// open. It must not reject. `cancelLabel` null leaves the Cancel button out
+// (a dialog that only informs).
 
 import { h, uid } from './dom.js';
 
-export function openDialog({ title, content = [], submitLabel = 'OK', danger = false, onSubmit }) {
+export function openDialog({ title, content = [], submitLabel = 'OK', danger = false, onSubmit, cancelLabel = 'Cancel' }) {
   const opener = document.activeElement;
   const titleId = uid('dialog-title');
   const errorBox = h('div', { class: 'dialog-error', role: 'alert' });
-  const cancel = h('button', { type: 'button', class: 'secondary' }, 'Cancel');
+  const cancel = cancelLabel ? h('button', { type: 'button', class: 'secondary' }, cancelLabel) : null;
   const submit = h('button', { type: 'submit', class: danger ? 'danger' : 'primary' }, submitLabel);
   const form = h('form', { method: 'dialog', novalidate: true },
     h('h2', { id: titleId }, title),
@@ -33,10 +34,27 @@ export function openDialog({ title, content = [], submitLabel = 'OK', danger = f
     dialog.remove();
     if (opener && opener.isConnected && typeof opener.focus === 'function') opener.focus();
   });
+  // A modal dialog keeps other controls of the page out of reach, but Tab
+  // could still leave it for the browser's own controls: wrap it around.
+  dialog.addEventListener('keydown', (event) => {
+    if (event.key !== 'Tab') return;
+    const focusable = Array.from(form.querySelectorAll('input, textarea, select, button, a[href]'))
+      .filter((el) => !el.disabled && el.getClientRects().length > 0);
+    if (focusable.length === 0) return;
+    const first = focusable[0];
+    const last = focusable[focusable.length - 1];
+    if (event.shiftKey && document.activeElement === first) {
+      event.preventDefault();
+      last.focus();
+    } else if (!event.shiftKey && document.activeElement === last) {
+      event.preventDefault();
+      first.focus();
+    }
+  });
   dialog.addEventListener('cancel', (event) => {
     if (running) event.preventDefault();
   });
-  cancel.addEventListener('click', close);
+  cancel?.addEventListener('click', close);
   form.addEventListener('submit', async (event) => {
     event.preventDefault();
     if (running) return;

@@ -7,12 +7,15 @@
 // shows the same list.
 
 import { call } from './api.js';
+import { whileDisabled } from './busy.js';
 import { adminBadge, h, replaceChildren, searchBox, td, th, uid } from './dom.js';
 import { describeCode } from './messages.js';
 import { createPager } from './pager.js';
 import { report } from './status.js';
 import { openCreateDialog, openDeleteDialog, openEditDialog } from './group-dialogs.js';
 import { createDirectoryPanel } from './directory-status.js';
+import { createSorter } from './sort.js';
+import { exportGroups } from './export.js';
 
 const KINDS = [
   { type: 'local', label: 'Local groups' },
@@ -32,10 +35,14 @@ export function membersHref(name) {
 export function renderGroups(main) {
   const selected = new Set();
   let items = [];
+  let admins = new Set();
   let seq = 0;
+  const sorter = createSorter(() => showRows());
 
   const heading = h('h1', { tabindex: '-1' }, 'Groups');
   const createButton = h('button', { type: 'button', class: 'primary' }, 'New group');
+  const exportButton = h('button', { type: 'button', class: 'secondary' }, 'Export');
+  const importLink = h('a', { href: '#/import', class: 'button secondary' }, 'Import');
   const deleteButton = h('button', { type: 'button', class: 'danger' }, 'Delete selected');
   const clearButton = h('button', { type: 'button', class: 'secondary' }, 'Clear selection');
   const selectionText = h('span', { class: 'selection-count', 'aria-live': 'polite' });
@@ -47,7 +54,8 @@ export function renderGroups(main) {
   const table = h('table', { class: 'data groups' }, caption,
     h('thead', {}, h('tr', {},
       h('th', { scope: 'col', class: 'pick' }, selectAll),
-      th('Name'), th('Description'), th('GID', { class: 'num' }), th('Actions', { class: 'actions' }))),
+      sorter.header('name', 'Name'), sorter.header('description', 'Description'),
+      sorter.header('gid', 'GID', 'number', { class: 'num' }), th('Actions', { class: 'actions' }))),
     body);
   const tableWrap = h('div', { class: 'table-wrap' }, table);
   const pager = createPager({
@@ -124,9 +132,9 @@ export function renderGroups(main) {
     return h('tr', {}, cells);
   }
 
-  function showRows(groups, admins) {
-    replaceChildren(body, groups.map((g) => row(g, admins.has(String(g.name)))));
-    if (groups.length === 0) {
+  function showRows() {
+    replaceChildren(body, sorter.sort(items).map((g) => row(g, admins.has(String(g.name)))));
+    if (items.length === 0) {
       const text = remembered.substr ? `No group name contains "${remembered.substr}".` : 'There are no groups of this kind.';
       body.appendChild(h('tr', {}, h('td', { colspan: 5, class: 'empty' }, text)));
     }
@@ -141,6 +149,8 @@ export function renderGroups(main) {
       : 'Directory groups are managed by the Windows domain or the LDAP directory: they are listed here for reference, but they cannot be changed and their members are not shown.';
     note.hidden = isLocal();
     createButton.hidden = !isLocal();
+    exportButton.hidden = !isLocal();
+    importLink.hidden = !isLocal();
     deleteButton.hidden = !isLocal();
     clearButton.hidden = !isLocal();
     selectionText.hidden = !isLocal();
@@ -167,12 +177,12 @@ export function renderGroups(main) {
         load();
         return;
       }
-      items = Array.isArray(data.groups) ? data.groups : [];
-      const admins = new Set();
-      if (items.length > 0) {
+      const groups = Array.isArray(data.groups) ? data.groups : [];
+      const adminSet = new Set();
+      if (groups.length > 0) {
         try {
-          const check = await call('TAVO.Core.Group', 'admin_check', { name: items.map((g) => String(g.name)) });
-          for (const entry of check.groups ?? []) if (entry.is_admin === true) admins.add(String(entry.name));
+          const check = await call('TAVO.Core.Group', 'admin_check', { name: groups.map((g) => String(g.name)) });
+          for (const entry of check.groups ?? []) if (entry.is_admin === true) adminSet.add(String(entry.name));
         } catch (err) {
           report(err, 'groups');
         }
@@ -181,7 +191,9 @@ export function renderGroups(main) {
       unavailable.hidden = true;
       tableWrap.hidden = false;
       pager.element.hidden = false;
-      showRows(items, admins);
+      items = groups;
+      admins = adminSet;
+      showRows();
       pager.update(data.total, pager.offset);
     } catch (err) {
       if (my !== seq) return;
@@ -217,6 +229,7 @@ export function renderGroups(main) {
     updateSelection();
   });
   createButton.addEventListener('click', () => openCreateDialog(load));
+  exportButton.addEventListener('click', () => whileDisabled([exportButton], exportGroups));
   deleteButton.addEventListener('click', () => {
     openDeleteDialog(Array.from(selected), async (deleted = []) => {
       for (const n of deleted) selected.delete(n);
@@ -226,7 +239,7 @@ export function renderGroups(main) {
 
   unavailable.hidden = true;
   replaceChildren(main, h('section', { class: 'view', 'aria-label': 'Groups' },
-    h('div', { class: 'view-head' }, heading, createButton),
+    h('div', { class: 'view-head' }, heading, exportButton, importLink, createButton),
     h('fieldset', { class: 'kinds' }, h('legend', {}, 'Kind of groups'), kindButtons),
     directory.element,
     note,

@@ -12,6 +12,8 @@ import { describeCode, describeError } from './messages.js';
 import { showError, showNotice } from './status.js';
 import { whileDisabled } from './busy.js';
 import { createUserPanel } from './user-panel.js';
+import { exportMembers } from './export.js';
+import { createMemberCounts } from './member-counts.js';
 
 // Accounts that are always kept in "administrators".
 const ALWAYS_ADMIN = ['admin', 'tavocms'];
@@ -28,7 +30,11 @@ export function renderMembers(main, group) {
 
   const heading = h('h1', { tabindex: '-1' }, 'Members of ', h('span', { class: 'group-name' }, group));
   const back = h('a', { href: '#/groups', class: 'button secondary' }, '‹ All groups');
-  const parts = [h('div', { class: 'view-head' }, back, heading)];
+  const exportButton = h('button', { type: 'button', class: 'secondary' }, 'Export');
+  exportButton.addEventListener('click', () => whileDisabled([exportButton], () => exportMembers(group)));
+  const parts = [h('div', { class: 'view-head' }, back, heading, isDirectory || isUsers ? null : exportButton)];
+  const counts = isDirectory ? null : createMemberCounts(group);
+  if (counts) parts.push(counts.element);
   const section = h('section', { class: 'view', 'aria-label': `Members of ${group}` }, parts);
   replaceChildren(main, section);
 
@@ -43,6 +49,7 @@ export function renderMembers(main, group) {
     const all = createUserPanel({ group, ingroup: true, title: 'All local users' });
     section.appendChild(h('div', { class: 'panels single' }, all.element));
     all.load();
+    counts.refresh();
     heading.focus();
     return;
   }
@@ -52,7 +59,7 @@ export function renderMembers(main, group) {
   const reloadBoth = async () => {
     members.clearSelection();
     others.clearSelection();
-    await Promise.all([members.load(), others.load()]);
+    await Promise.all([members.load(), others.load(), counts.refresh()]);
   };
 
   async function change(method, names, button) {
@@ -104,5 +111,6 @@ export function renderMembers(main, group) {
   section.appendChild(h('div', { class: 'panels' }, members.element, others.element));
   members.load();
   others.load();
+  counts.refresh();
   heading.focus();
 }

@@ -9,15 +9,18 @@
 // `actionLabel` the panel is read-only.
 
 import { call } from './api.js';
-import { adminBadge, h, replaceChildren, searchBox, td, th, uid } from './dom.js';
+import { adminBadge, h, replaceChildren, searchBox, td, uid } from './dom.js';
 import { createPager } from './pager.js';
 import { report } from './status.js';
+import { createSorter } from './sort.js';
 
 export function createUserPanel({ group, ingroup, title, actionLabel, onAction, protectedNames = [], protectedHint = '' }) {
   const selected = new Set();
   const readOnly = !actionLabel;
   let items = [];
+  let admins = new Set();
   let seq = 0;
+  const sorter = createSorter(() => showRows());
   let loaded = false; // a page has been shown since the panel was made
 
   const headingId = uid('panel');
@@ -28,7 +31,8 @@ export function createUserPanel({ group, ingroup, title, actionLabel, onAction, 
     h('caption', { class: 'visually-hidden' }, title),
     h('thead', {}, h('tr', {},
       readOnly ? null : h('th', { scope: 'col', class: 'pick' }, selectAll),
-      th('User'), th('UID', { class: 'num' }), th('Description'))),
+      sorter.header('name', 'User'), sorter.header('uid', 'UID', 'number', { class: 'num' }),
+      sorter.header('description', 'Description'))),
     body);
   const pager = createPager({ label: ingroup ? 'members' : 'users', onChange: () => load() });
   const search = searchBox({
@@ -75,6 +79,16 @@ export function createUserPanel({ group, ingroup, title, actionLabel, onAction, 
     return h('tr', {}, cells);
   }
 
+  function showRows() {
+    replaceChildren(body, sorter.sort(items).map((u) => row(u, admins.has(String(u.name)))));
+    if (items.length === 0) {
+      const empty = search.input.value.trim() ? 'No user name matches the search.'
+        : (ingroup ? 'This group has no members.' : 'Every local user is already a member.');
+      body.appendChild(h('tr', {}, h('td', { colspan: readOnly ? 3 : 4, class: 'empty' }, empty)));
+    }
+    updateSelection();
+  }
+
   async function load() {
     const my = ++seq;
     table.setAttribute('aria-busy', 'true');
@@ -87,23 +101,20 @@ export function createUserPanel({ group, ingroup, title, actionLabel, onAction, 
         load();
         return;
       }
-      items = Array.isArray(data.users) ? data.users : [];
-      const admins = new Set();
-      if (items.length > 0) {
+      const users = Array.isArray(data.users) ? data.users : [];
+      const adminSet = new Set();
+      if (users.length > 0) {
         try {
-          const check = await call('TAVO.Core.Group.Member', 'admin_check', { name: items.map((u) => String(u.name)) });
-          for (const entry of check.users ?? []) if (entry.is_admin === true) admins.add(String(entry.name));
+          const check = await call('TAVO.Core.Group.Member', 'admin_check', { name: users.map((u) => String(u.name)) });
+          for (const entry of check.users ?? []) if (entry.is_admin === true) adminSet.add(String(entry.name));
         } catch (err) {
           report(err, 'members');
         }
         if (my !== seq) return;
       }
-      replaceChildren(body, items.map((u) => row(u, admins.has(String(u.name)))));
-      if (items.length === 0) {
-        const empty = search.input.value.trim() ? 'No user name matches the search.'
-          : (ingroup ? 'This group has no members.' : 'Every local user is already a member.');
-        body.appendChild(h('tr', {}, h('td', { colspan: readOnly ? 3 : 4, class: 'empty' }, empty)));
-      }
+      items = users;
+      admins = adminSet;
+      showRows();
       pager.update(data.total, pager.offset);
       loaded = true;
       updateSelection();

@@ -15,6 +15,7 @@
 
 #include <cstdio>
 #include <mutex>
+#include <vector>
 
 #include "accounts/snapshot/pin.h"
 #include "core/os_util.h"
@@ -189,7 +190,58 @@ std::string Column(sqlite3_stmt* st, int i) {
   return text ? reinterpret_cast<const char*>(text) : "";
 }
 
-bool ReadEntries(sqlite3* db, int offset, int limit, Json::Value* out) {
+// The WHERE clause of a filter, and its texts and times to bind in order.
+struct Where {
+  std::string sql;
+  std::vector<std::string> texts;
+  std::vector<long long> times;
+};
+
+// Group events are 0x118006xx (created, deleted, renamed, described) and
+// 0x118008xx (members added, removed); a rename (0x11800602) names the new
+// group in its second argument, a membership the user in its second.
+Where MakeWhere(const tavo::EventLogFilter& f) {
+  Where w;
+  auto add = [&w](const char* clause) {
+    w.sql += w.sql.empty() ? " WHERE " : " AND ";
+    w.sql += clause;
+  };
+  if (!f.group.empty()) {
+    add("((event >> 8) IN (0x118006, 0x118008) AND (arg1 = ? COLLATE NOCASE"
+        " OR (event = 0x11800602 AND arg2 = ? COLLATE NOCASE)))");
+    w.texts.push_back(f.group);
+    w.texts.push_back(f.group);
+  }
+  if (!f.user.empty()) {
+    add("((event >> 8) = 0x118008 AND arg2 = ? COLLATE NOCASE)");
+    w.texts.push_back(f.user);
+  }
+  if (!f.account.empty()) {
+    add("account = ? COLLATE NOCASE");
+    w.texts.push_back(f.account);
+  }
+  // The times are bound after every text.
+  if (f.since != 0) {
+    add("time >= ?");
+    w.times.push_back(f.since);
+  }
+  if (f.until != 0) {
+    add("time < ?");
+    w.times.push_back(f.until);
+  }
+  return w;
+}
+
+// Binds the filter's values from parameter 1 on; returns the next index.
+int BindWhere(sqlite3_stmt* st, const Where& w) {
+  int i = 1;
+  for (const std::string& t : w.texts) Sq().bind_text(st, i++, t.c_str(), -1, SQLITE_TRANSIENT);
+  for (long long t : w.times) Sq().bind_int64(st, i++, static_cast<sqlite3_int64>(t));
+  return i;
+}
+
+bool ReadEntries(sqlite3* db, int offset, int limit, const tavo::EventLogFilter& filter,
+                 Json::Value* out) {
   Stmt exists;
   if (Sq().prepare_v2(db, "SELECT 1 FROM sqlite_master WHERE type='table' AND name='events'", -1,
                       exists.out(), nullptr) != SQLITE_OK) {
@@ -199,22 +251,27 @@ bool ReadEntries(sqlite3* db, int offset, int limit, Json::Value* out) {
   if (rc == SQLITE_DONE) return true;  // no entry was ever written
   if (rc != SQLITE_ROW) return Fail(db, "reading the schema");
 
+  const Where where = MakeWhere(filter);
   Stmt count;
-  if (Sq().prepare_v2(db, "SELECT COUNT(*) FROM events", -1, count.out(), nullptr) != SQLITE_OK ||
-      Sq().step(count.get()) != SQLITE_ROW) {
+  const std::string count_sql = "SELECT COUNT(*) FROM events" + where.sql;
+  if (Sq().prepare_v2(db, count_sql.c_str(), -1, count.out(), nullptr) != SQLITE_OK) {
     return Fail(db, "counting entries");
   }
+  BindWhere(count.get(), where);
+  if (Sq().step(count.get()) != SQLITE_ROW) return Fail(db, "counting entries");
   (*out)["total"] = static_cast<Json::Int64>(Sq().column_int64(count.get(), 0));
 
   Stmt list;
-  if (Sq().prepare_v2(db,
-                      "SELECT id, time, event, category, level, arg1, arg2, arg3, arg4,"
-                      " account, message FROM events ORDER BY id DESC LIMIT ? OFFSET ?",
-                      -1, list.out(), nullptr) != SQLITE_OK) {
+  const std::string list_sql =
+      "SELECT id, time, event, category, level, arg1, arg2, arg3, arg4,"
+      " account, message FROM events" +
+      where.sql + " ORDER BY id DESC LIMIT ? OFFSET ?";
+  if (Sq().prepare_v2(db, list_sql.c_str(), -1, list.out(), nullptr) != SQLITE_OK) {
     return Fail(db, "listing entries");
   }
-  Sq().bind_int(list.get(), 1, limit < 0 ? -1 : limit);
-  Sq().bind_int(list.get(), 2, offset < 0 ? 0 : offset);
+  const int next = BindWhere(list.get(), where);
+  Sq().bind_int(list.get(), next, limit < 0 ? -1 : limit);
+  Sq().bind_int(list.get(), next + 1, offset < 0 ? 0 : offset);
   while ((rc = Sq().step(list.get())) == SQLITE_ROW) {
     sqlite3_stmt* st = list.get();
     Json::Value entry(Json::objectValue);
@@ -282,6 +339,10 @@ namespace tavo {
 void EventLogRestrict() { Tighten(TavoRootPath(kDbPath), false); }
 
 bool EventLogList(int offset, int limit, Json::Value* out) {
+  return EventLogList(offset, limit, EventLogFilter(), out);
+}
+
+bool EventLogList(int offset, int limit, const EventLogFilter& filter, Json::Value* out) {
   acct::internal::MarkNotReusable();  // the log is no account file
   if (!out) {
     TAVO_ERR_SET(TAVO_ERR_ARGUMENT);
@@ -300,7 +361,7 @@ bool EventLogList(int offset, int limit, Json::Value* out) {
   if (!db) return false;
   // One read transaction, so that the total and the page agree.
   if (!Exec(db, "BEGIN")) return Fail(db, "starting a read");
-  bool ok = ReadEntries(db, offset, limit, &result);
+  bool ok = ReadEntries(db, offset, limit, filter, &result);
   if (!Exec(db, "COMMIT") && ok) ok = Fail(db, "ending a read");
   if (!ok) {
     Drop();

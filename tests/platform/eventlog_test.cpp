@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <cstdint>
@@ -166,6 +167,56 @@ TEST(EventLogTest, PagesCountAllEntries) {
   ASSERT_TRUE(tavo::EventLogList(10, 2, &out));
   EXPECT_EQ(out["total"].asInt(), 5);
   EXPECT_EQ(out["entries"].size(), 0u);
+}
+
+// The filters pick entries by group (also a rename to it), member, account
+// and time; the total counts what they pick, and paging works within it.
+TEST(EventLogTest, FiltersPickEntriesAndCountThem) {
+  tavo_test::TempRoot root;
+  {
+    tavo::ScopedRequestAccount account("admin");
+    ASSERT_EQ(TAVOLogSet1(2, 1, 0x11800601, "Staff", "", "", ""), 0);
+    ASSERT_EQ(TAVOLogSet1(2, 1, 0x11800800, "staff", "anna", "", ""), 0);
+    ASSERT_EQ(TAVOLogSet1(2, 1, 0x11800602, "old", "STAFF", "", ""), 0);
+  }
+  {
+    tavo::ScopedRequestAccount account("ops");
+    ASSERT_EQ(TAVOLogSet1(2, 1, 0x11800801, "hr", "Anna", "", ""), 0);
+    ASSERT_EQ(TAVOLogSet1(2, 1, 0x11800601, "anna", "", "", ""), 0);  // a group named like her
+    ASSERT_EQ(TAVOLogSet1(2, 1, 0x11800900, "staff", "ldap://x", "", ""), 0);  // not a group event
+  }
+  auto messages = [](const tavo::EventLogFilter& f, int offset = 0, int limit = -1) {
+    Json::Value out;
+    EXPECT_TRUE(tavo::EventLogList(offset, limit, f, &out));
+    std::vector<std::string> m;
+    for (const Json::Value& e : out["entries"]) m.push_back(e["message"].asString());
+    m.push_back("total " + out["total"].asString());
+    return m;
+  };
+  tavo::EventLogFilter group;
+  group.group = "STAFF";
+  EXPECT_EQ(messages(group), (std::vector<std::string>{"Group 'old' was renamed to 'STAFF'.",
+                                                       "User 'anna' was added to group 'staff'.",
+                                                       "Group 'Staff' was created.", "total 3"}));
+  EXPECT_EQ(messages(group, 1, 1),
+            (std::vector<std::string>{"User 'anna' was added to group 'staff'.", "total 3"}));
+  tavo::EventLogFilter user;
+  user.user = "anna";
+  EXPECT_EQ(messages(user),
+            (std::vector<std::string>{"User 'Anna' was removed from group 'hr'.",
+                                      "User 'anna' was added to group 'staff'.", "total 2"}));
+  user.account = "OPS";
+  EXPECT_EQ(messages(user),
+            (std::vector<std::string>{"User 'Anna' was removed from group 'hr'.", "total 1"}));
+  tavo::EventLogFilter later;
+  later.since = time(nullptr) + 3600;
+  EXPECT_EQ(messages(later), (std::vector<std::string>{"total 0"}));
+  tavo::EventLogFilter window;
+  window.since = time(nullptr) - 3600;
+  window.until = time(nullptr) + 3600;
+  EXPECT_EQ(messages(window).back(), "total 6");
+  window.until = window.since;
+  EXPECT_EQ(messages(window).back(), "total 0");
 }
 
 }  // namespace

@@ -46,6 +46,25 @@ bool EventLogList(int offset, int limit, Json::Value* out);
 // process that opens the log does this too). For a server at start.
 void EventLogRestrict();
 
+// Which entries EventLogList gives; an empty text, or a time of 0, leaves
+// that filter out. Names are compared ignoring the case of ASCII letters.
+//   group    entries about that group: created, deleted, described, members
+//            added or removed, and renamed from or to that name
+//   user     members added to or removed from a group: that user
+//   account  made by that account
+//   since    made at or after this time (seconds since the epoch, UTC)
+//   until    made before this time
+struct EventLogFilter {
+  std::string group;
+  std::string user;
+  std::string account;
+  long long since = 0;
+  long long until = 0;
+};
+
+// EventLogList with only the entries that pass `filter`; "total" counts those.
+bool EventLogList(int offset, int limit, const EventLogFilter& filter, Json::Value* out);
+
 }  // namespace tavo
 
 #endif  // TAVO_EVENTLOG_H_
