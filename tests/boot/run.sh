@@ -28,6 +28,7 @@ command -v debootstrap >/dev/null || cannot "debootstrap is missing"
 
 started=$(date +%s)
 tree=$("$top/tests/boot/tree.sh" "$deb")
+booting=$(date +%s)
 work=$(mktemp -d "${TMPDIR:-/tmp}/tavo-boot.XXXXXX")
 nspawn_pid=
 cleanup() {
@@ -77,7 +78,7 @@ case "$state" in running | degraded) ;; *)
   cannot "the container's systemd did not finish booting (state '$state')" ;;
 esac
 [ "$state" = running ] || inside systemctl --failed --no-legend >&2 || true
-echo "boot suite: booted in $(($(date +%s) - started)) s (tree $tree)"
+echo "boot suite: booted in $(($(date +%s) - booting)) s (tree $tree)"
 
 if [ -n "${TAVO_BOOT_HOLD:-}" ]; then
   # For a developer: keep the booted system until the file named by
