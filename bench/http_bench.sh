@@ -8,8 +8,9 @@
 # and 2,000 idle connections are held, and the HTTP cost of a membership change
 # beside the same change made in process. The page is measured twice: as
 # served (the answer reused while its files stand) and made afresh by the
-# module every time (a second server with --answer-cache 0). Takes about a
-# minute.
+# module every time (a second server with --answer-cache 0), and, as root,
+# both again in the shipped mode (--privsep-user nobody). Takes about two
+# minutes.
 set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
 dir=${1:-build}
@@ -90,19 +91,39 @@ t=$(rate -H "Authorization: Bearer $token" "http://127.0.0.1:$port$page")
 n=$(rate "http://127.0.0.1:$nport$page")
 compare() { python3 -c "print(f'$1: tavo {float(\"$2\"):.0f} req/s, nginx {float(\"$3\"):.0f} req/s: tavo at {100*float(\"$2\")/float(\"$3\"):.1f}% of nginx')"; }
 compare "page of 50 (module call; the answer reused while the files stand)" "$t" "$n"
-# The same page made afresh by the module every time: a second server on the
-# same root that keeps no answers.
-port0=$(free_port)
-"$tavo" serve --root "$work/root" --listen "127.0.0.1:$port0" --web "$work/www" --per-address 256 \
-  --keepalive-max 100000 --answer-cache 0 >"$work/tavo0.out" 2>"$work/tavo0.err" &
-pid0=$!
-for _ in $(seq 100); do grep -q listening "$work/tavo0.out" 2>/dev/null && break; sleep 0.1; done
-token0=$(curl -s -H 'Content-Type: application/json' \
-  -d '{"account":"admin","password":"bench-Admin-pw-1"}' "http://127.0.0.1:$port0/api/auth/login" |
-  python3 -c 'import json,sys; print(json.load(sys.stdin)["data"]["token"])')
-t0=$(rate -H "Authorization: Bearer $token0" "http://127.0.0.1:$port0$page")
-kill "$pid0"; wait "$pid0" 2>/dev/null || true
+# Another server on the same root, with extra options; sets xport, xpid, xtoken.
+start_extra() {
+  local name=$1
+  shift
+  xport=$(free_port)
+  "$tavo" serve --config none --root "$work/root" --listen "127.0.0.1:$xport" --web "$work/www" \
+    --per-address 256 --keepalive-max 100000 "$@" >"$work/$name.out" 2>"$work/$name.err" &
+  xpid=$!
+  for _ in $(seq 100); do grep -q listening "$work/$name.out" 2>/dev/null && break; sleep 0.1; done
+  xtoken=$(curl -s -H 'Content-Type: application/json' \
+    -d '{"account":"admin","password":"bench-Admin-pw-1"}' "http://127.0.0.1:$xport/api/auth/login" |
+    python3 -c 'import json,sys; print(json.load(sys.stdin)["data"]["token"])')
+}
+stop_extra() { kill "$xpid"; wait "$xpid" 2>/dev/null || true; }
+# The same page made afresh by the module every time: a server that keeps no
+# answers.
+start_extra tavo0 --answer-cache 0
+t0=$(rate -H "Authorization: Bearer $xtoken" "http://127.0.0.1:$xport$page")
+stop_extra
 compare "page of 50 (module call, made afresh: --answer-cache 0)" "$t0" "$n"
+# As the Debian package runs it: the network side as an unprivileged user,
+# the module calls in the root process behind the privileged channel.
+if [ "$(id -u)" = 0 ]; then
+  start_extra split --privsep-user nobody
+  ts=$(rate -H "Authorization: Bearer $xtoken" "http://127.0.0.1:$xport$page")
+  echo "shipped mode (--privsep-user nobody), page reused: $(python3 -c "print(f'{float(\"$ts\"):.0f} req/s, {100*float(\"$ts\")/float(\"$n\"):.1f}% of nginx, {float(\"$ts\")/float(\"$t\"):.2f}x one process')")"
+  echo "shipped mode, latency: $(python3 "$top/bench/http_clients.py" latency "$xport" "$page" "$xtoken" 1000)"
+  stop_extra
+  start_extra split0 --privsep-user nobody --answer-cache 0
+  ts0=$(rate -H "Authorization: Bearer $xtoken" "http://127.0.0.1:$xport$page")
+  stop_extra
+  echo "shipped mode (--privsep-user nobody), page made afresh: $(python3 -c "print(f'{float(\"$ts0\"):.0f} req/s, {100*float(\"$ts0\")/float(\"$n\"):.1f}% of nginx, {float(\"$ts0\")/float(\"$t0\"):.2f}x one process')")"
+fi
 s=$(rate "http://127.0.0.1:$port/page.json")
 compare "the same bytes as a static file" "$s" "$n"
 
