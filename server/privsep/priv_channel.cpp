@@ -3,8 +3,9 @@
 #include <errno.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/uio.h>
 
-#include <cstdint>
+#include <algorithm>
 
 #include "api/json_util.h"
 
@@ -12,51 +13,122 @@ namespace tavo_server {
 
 namespace {
 
-bool WriteAll(int fd, const char* data, size_t size) {
-  while (size > 0) {
-    ssize_t n = send(fd, data, size, MSG_NOSIGNAL);
+// Sends the pieces whole, in as few system calls as the socket allows.
+bool SendAll(int fd, struct iovec* iov, int count) {
+  while (count > 0) {
+    struct msghdr msg {};
+    msg.msg_iov = iov;
+    msg.msg_iovlen = static_cast<size_t>(count);
+    ssize_t n = sendmsg(fd, &msg, MSG_NOSIGNAL);
     if (n < 0 && errno == EINTR) continue;
     if (n <= 0) return false;
-    data += n;
-    size -= static_cast<size_t>(n);
+    size_t sent = static_cast<size_t>(n);
+    while (count > 0 && sent >= iov->iov_len) {
+      sent -= iov->iov_len;
+      ++iov;
+      --count;
+    }
+    if (count > 0) {
+      iov->iov_base = static_cast<char*>(iov->iov_base) + sent;
+      iov->iov_len -= sent;
+    }
   }
   return true;
 }
 
-bool ReadAll(int fd, char* data, size_t size, int timeout_ms) {
-  while (size > 0) {
-    struct pollfd p = {fd, POLLIN, 0};
-    int r = poll(&p, 1, timeout_ms);
+// Waits until `fd` is readable: false on time-out, error, or `stop_fd`
+// readable first.
+bool WaitReadable(int fd, int timeout_ms, int stop_fd) {
+  for (;;) {
+    struct pollfd p[2] = {{fd, POLLIN, 0}, {stop_fd, POLLIN, 0}};
+    int r = poll(p, stop_fd >= 0 ? 2 : 1, timeout_ms);
     if (r < 0 && errno == EINTR) continue;
     if (r <= 0) return false;
-    ssize_t n = recv(fd, data, size, 0);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return false;
-    data += n;
-    size -= static_cast<size_t>(n);
+    if (stop_fd >= 0 && (p[1].revents & POLLIN)) return false;
+    return true;
   }
-  return true;
+}
+
+void PutBigEndian(uint32_t v, unsigned char* out) {
+  out[0] = static_cast<unsigned char>(v >> 24);
+  out[1] = static_cast<unsigned char>(v >> 16);
+  out[2] = static_cast<unsigned char>(v >> 8);
+  out[3] = static_cast<unsigned char>(v);
+}
+
+uint32_t GetBigEndian(const unsigned char* in) {
+  return (uint32_t{in[0]} << 24) | (uint32_t{in[1]} << 16) | (uint32_t{in[2]} << 8) | in[3];
 }
 
 }  // namespace
 
-bool SendMessage(int fd, const Json::Value& message, size_t max) {
-  const std::string text = ToCompactJson(message);
-  if (text.size() > max) return false;
-  const uint32_t n = static_cast<uint32_t>(text.size());
-  const char head[4] = {static_cast<char>(n >> 24), static_cast<char>(n >> 16),
-                        static_cast<char>(n >> 8), static_cast<char>(n)};
-  return WriteAll(fd, head, 4) && WriteAll(fd, text.data(), text.size());
+bool SendFrame(int fd, uint32_t id, std::string_view head, std::string_view tail, size_t max) {
+  const size_t body = head.size() + (tail.empty() ? 0 : 1 + tail.size());
+  if (body > max) return false;
+  unsigned char prefix[8];
+  PutBigEndian(static_cast<uint32_t>(4 + body), prefix);
+  PutBigEndian(id, prefix + 4);
+  char newline = '\n';
+  struct iovec iov[4] = {{prefix, sizeof prefix},
+                         {const_cast<char*>(head.data()), head.size()},
+                         {&newline, 1},
+                         {const_cast<char*>(tail.data()), tail.size()}};
+  return SendAll(fd, iov, tail.empty() ? 2 : 4);
 }
 
-bool ReceiveMessage(int fd, int timeout_ms, size_t max, Json::Value* message) {
-  unsigned char head[4];
-  if (!ReadAll(fd, reinterpret_cast<char*>(head), 4, timeout_ms)) return false;
-  const size_t n =
-      (size_t{head[0]} << 24) | (size_t{head[1]} << 16) | (size_t{head[2]} << 8) | head[3];
-  if (n == 0 || n > max) return false;
-  std::string text(n, '\0');
-  return ReadAll(fd, &text[0], n, timeout_ms) && ParseJson(text, message);
+bool FrameReader::Receive(int fd, int first_timeout_ms, int timeout_ms, size_t max, uint32_t* id,
+                          std::string* body, int stop_fd) {
+  bool first = pending_.empty();
+  size_t need = 8;  // the length and the id, then the whole frame
+  for (;;) {
+    if (pending_.size() >= 8) {
+      const size_t n = GetBigEndian(reinterpret_cast<const unsigned char*>(pending_.data()));
+      if (n <= 4 || n - 4 > max) return false;  // refused on its length, unread
+      need = 4 + n;
+      if (pending_.size() >= need) {
+        *id = GetBigEndian(reinterpret_cast<const unsigned char*>(pending_.data()) + 4);
+        body->assign(pending_, 8, need - 8);
+        pending_.erase(0, need);
+        return true;
+      }
+    }
+    // A frame comes in one read as a rule: wait, then take what is there, at
+    // least the rest of this frame (a later frame's bytes that come with it
+    // are kept).
+    if (!WaitReadable(fd, first ? first_timeout_ms : timeout_ms, first ? stop_fd : -1))
+      return false;
+    first = false;
+    const size_t old = pending_.size();
+    ssize_t got;
+    if (need - old > kReadChunk) {
+      // A large frame: read straight into its place.
+      pending_.resize(need);
+      got = recv(fd, &pending_[old], need - old, MSG_DONTWAIT);
+      pending_.resize(old + (got > 0 ? static_cast<size_t>(got) : 0));
+    } else {
+      char chunk[kReadChunk];
+      got = recv(fd, chunk, sizeof chunk, MSG_DONTWAIT);
+      if (got > 0) pending_.append(chunk, static_cast<size_t>(got));
+    }
+    if (got == 0) return false;
+    if (got < 0 && errno != EINTR && errno != EAGAIN && errno != EWOULDBLOCK) return false;
+  }
+}
+
+bool ReceiveFrame(int fd, int first_timeout_ms, int timeout_ms, size_t max, uint32_t* id,
+                  std::string* body, int stop_fd) {
+  FrameReader reader;
+  return reader.Receive(fd, first_timeout_ms, timeout_ms, max, id, body, stop_fd);
+}
+
+bool SplitBody(const std::string& body, Json::Value* head, std::string_view* tail) {
+  const size_t newline = body.find('\n');
+  if (newline == std::string::npos) {
+    *tail = std::string_view();
+    return ParseJson(body, head) && head->isObject();
+  }
+  *tail = std::string_view(body).substr(newline + 1);
+  return ParseJson(body.substr(0, newline), head) && head->isObject();
 }
 
 bool HasExactKeys(const Json::Value& v, std::initializer_list<const char*> keys) {

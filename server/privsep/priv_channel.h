@@ -1,10 +1,18 @@
 // The channel between the network front and the privileged account process.
 //
 // The privileged side listens on a UNIX socket in the abstract namespace (no
-// file to plant or to reach through folders), type SOCK_STREAM. Each request
-// opens a connection and sends one message: a 4-byte big-endian length, then
-// that many bytes of compact JSON, at most kMaxRequest; the answer is one
-// message back, at most kMaxAnswer, then both close. The request cap bounds
+// file to plant or to reach through folders), type SOCK_STREAM. The front
+// keeps up to kChannelConnections connections open and uses each for one
+// request at a time; the privileged side serves each connection on a thread
+// of its own, so as many calls are in flight as the front has connections
+// busy.
+//
+// A frame is a 4-byte big-endian length N, then N bytes: a 4-byte big-endian
+// request id and the body. A request's body is compact JSON of at most
+// kMaxRequest bytes; the answer carries the request's id, and its body is a
+// compact JSON head, then, for a call, a newline and the answer's envelope as
+// JSON text, passed through as it is (a compact JSON head holds no raw
+// newline). An answer is at most kMaxAnswer bytes. The request cap bounds
 // what a front that has been taken over can make the privileged side hold.
 //
 // Requests ("who" is {"name", "stamp", "grant"} of a login, all strings):
@@ -12,11 +20,15 @@
 //       -> {"result": "ok"|"denied"|"unavailable", "who": {...} on ok}
 //   {"op": "recheck", "who": {...}}        -> {"result": ...}
 //   {"op": "call", "who": {...}, "call": {"api", "version", "method", "params"}}
-//       -> {"result": "ok"|"denied", "lookup": N, "code": N, "envelope": ...}
+//       -> {"result": "ok"|"denied", "lookup": N, "code": N, "module_us": F}
+//          and, on "ok", the envelope's text after the newline
 //   {"op": "logout", "who": {...}}       -> {"result": "ok"}
 //   {"op": "info"}                         -> {"result": "ok", "info": ...}
-// Anything else, or extra or missing keys, is malformed and answered by
-// closing the connection.
+//   {"op": "stats"}                        -> {"result": "ok", "stats": ...}
+//   {"op": "tls"}                          -> {"result": "ok", "cert", "key"}
+// Anything else, or extra or missing keys, is malformed: the privileged side
+// logs it and closes the connection. An answer whose id is not the one of the
+// request in flight on its connection is logged and the connection closed.
 //
 // Thread-safety: the functions are reentrant.
 #ifndef TAVO_SERVER_PRIVSEP_PRIV_CHANNEL_H_
@@ -25,23 +37,53 @@
 #include <json/value.h>
 
 #include <cstddef>
+#include <cstdint>
+#include <initializer_list>
 #include <string>
+#include <string_view>
 
-#include "api/dispatch.h"
 #include "auth/login.h"
 
 namespace tavo_server {
 
 constexpr size_t kMaxRequest = 1 << 20;
 constexpr size_t kMaxAnswer = 16 << 20;
+// Connections the front keeps at most, and the privileged side serves at once.
+constexpr int kChannelConnections = 32;
 
-// Sends one message of at most `max` bytes; false when it is larger or could
-// not be sent whole.
-bool SendMessage(int fd, const Json::Value& message, size_t max);
-// Receives one message of at most `max` bytes, each wait for more bytes
-// bounded by `timeout_ms`; false on time-out, a closed peer, an oversize
-// (refused on its length, before any of it is read) or a non-JSON message.
-bool ReceiveMessage(int fd, int timeout_ms, size_t max, Json::Value* message);
+// Sends one frame: `id`, then `head` and, when `tail` is not empty, a newline
+// and `tail`. False when the body would pass `max` or could not be sent whole.
+bool SendFrame(int fd, uint32_t id, std::string_view head, std::string_view tail, size_t max);
+
+// Reads the frames of one connection. A read takes what the socket holds, up
+// to the rest of the frame or kReadChunk bytes, so that a frame usually costs
+// one read; bytes of the next frame that came with it are kept for the next
+// Receive. Thread-safety: one thread at a time per reader.
+class FrameReader {
+ public:
+  static constexpr size_t kReadChunk = 16 << 10;
+  // As ReceiveFrame below. A reader that failed must not be used again.
+  bool Receive(int fd, int first_timeout_ms, int timeout_ms, size_t max, uint32_t* id,
+               std::string* body, int stop_fd = -1);
+  // True when no bytes of a further frame are kept.
+  bool empty() const { return pending_.empty(); }
+
+ private:
+  std::string pending_;
+};
+
+// Receives one frame of at most `max` bytes. The first byte may take up to
+// `first_timeout_ms` (-1: no limit), each later wait `timeout_ms`; with
+// `stop_fd` >= 0, a readable `stop_fd` ends the first wait. False on time-out,
+// stop, a closed peer, or an oversize (refused on its length, before any of
+// it is read).
+// With a reader of its own: only for a connection that carries one frame.
+bool ReceiveFrame(int fd, int first_timeout_ms, int timeout_ms, size_t max, uint32_t* id,
+                  std::string* body, int stop_fd = -1);
+
+// Splits a body into its JSON head and what follows the first newline.
+// False when the head is not a JSON object.
+bool SplitBody(const std::string& body, Json::Value* head, std::string_view* tail);
 
 Json::Value WhoToJson(const LoginIdentity& who);
 // False unless `v` is exactly {"name", "stamp", "grant"} of strings.

@@ -2,11 +2,14 @@
 
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <syslog.h>
 #include <unistd.h>
 
 #include <cstddef>
 #include <cstring>
+#include <memory>
 
+#include "api/json_util.h"
 #include "privsep/priv_channel.h"
 
 namespace tavo_server {
@@ -21,23 +24,90 @@ LoginResult ResultOf(const Json::Value& answer) {
 
 }  // namespace
 
-bool PrivClient::Ask(const Json::Value& request, Json::Value* answer) {
+PrivClient::~PrivClient() {
+  for (int fd : idle_) close(fd);
+}
+
+int PrivClient::Connect() const {
   int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (fd < 0) return false;
+  if (fd < 0) return -1;
   struct sockaddr_un addr {};
   addr.sun_family = AF_UNIX;
-  if (address_.size() + 1 > sizeof(addr.sun_path)) {
-    close(fd);
-    return false;
-  }
-  memcpy(addr.sun_path + 1, address_.data(), address_.size());
   const socklen_t len =
       static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + address_.size());
-  bool ok = connect(fd, reinterpret_cast<sockaddr*>(&addr), len) == 0 &&
-            SendMessage(fd, request, kMaxRequest) &&
-            ReceiveMessage(fd, timeout_ms_, kMaxAnswer, answer) && answer->isObject();
-  close(fd);
+  if (address_.size() + 1 > sizeof(addr.sun_path)) {
+    close(fd);
+    return -1;
+  }
+  memcpy(addr.sun_path + 1, address_.data(), address_.size());  // abstract: leading NUL
+  if (connect(fd, reinterpret_cast<sockaddr*>(&addr), len) != 0) {
+    close(fd);
+    return -1;
+  }
+  return fd;
+}
+
+int PrivClient::Checkout() {
+  std::unique_lock<std::mutex> lock(mu_);
+  free_.wait(lock, [this] { return !idle_.empty() || open_ < kChannelConnections; });
+  if (!idle_.empty()) {
+    const int fd = idle_.back();
+    idle_.pop_back();
+    return fd;
+  }
+  ++open_;
+  lock.unlock();
+  const int fd = Connect();
+  if (fd < 0) Checkin(-1, false);
+  return fd;
+}
+
+void PrivClient::Checkin(int fd, bool healthy) {
+  std::lock_guard<std::mutex> lock(mu_);
+  if (healthy) {
+    idle_.push_back(fd);
+  } else {
+    if (fd >= 0) close(fd);
+    --open_;
+  }
+  free_.notify_one();
+}
+
+int PrivClient::OpenConnections() {
+  std::lock_guard<std::mutex> lock(mu_);
+  return open_;
+}
+
+bool PrivClient::Ask(const Json::Value& request, Json::Value* answer, std::string* tail) {
+  const int fd = Checkout();
+  if (fd < 0) return false;
+  const uint32_t id = next_id_.fetch_add(1);
+  uint32_t got = 0;
+  std::string body;
+  FrameReader reader;
+  bool ok = SendFrame(fd, id, ToCompactJson(request), {}, kMaxRequest) &&
+            reader.Receive(fd, timeout_ms_, timeout_ms_, kMaxAnswer, &got, &body);
+  if (ok && !reader.empty()) {
+    syslog(LOG_WARNING, "front: refused an answer that came with more than one frame");
+    ok = false;
+  }
+  if (ok && got != id) {
+    syslog(LOG_WARNING, "front: refused an answer for request %u while %u was asked", got, id);
+    ok = false;
+  }
+  std::string_view rest;
+  if (ok && !SplitBody(body, answer, &rest)) {
+    syslog(LOG_WARNING, "front: refused a malformed answer from the account process");
+    ok = false;
+  }
+  // A connection whose exchange went wrong may hold a late answer: never reused.
+  Checkin(fd, ok);
+  if (ok && tail != nullptr) tail->assign(rest.data(), rest.size());
   return ok;
+}
+
+bool PrivClient::Ask(const Json::Value& request, Json::Value* answer) {
+  return Ask(request, answer, nullptr);
 }
 
 LoginResult PrivClient::CheckLogin(const std::string& account, const std::string& password,
@@ -63,22 +133,30 @@ AccountOps::Answer PrivClient::Call(const ApiCall& call, const LoginIdentity& wh
   Json::Value req(Json::objectValue), answer;
   req["op"] = "call";
   req["who"] = WhoToJson(who);
-  Json::Value c(Json::objectValue);
+  Json::Value& c = req["call"];
   c["api"] = call.api;
   c["version"] = call.version;
   c["method"] = call.method;
   c["params"] = call.params;
-  req["call"] = c;
   Answer a;
-  const LoginResult r = Ask(req, &answer) ? ResultOf(answer) : LoginResult::kUnavailable;
+  auto text = std::make_shared<std::string>();
+  const LoginResult r =
+      Ask(req, &answer, text.get()) ? ResultOf(answer) : LoginResult::kUnavailable;
   a.denied = r == LoginResult::kDenied;
   a.unavailable = r == LoginResult::kUnavailable || !answer["lookup"].isInt();
   if (r != LoginResult::kOk || a.unavailable) return a;
   const int lookup = answer["lookup"].asInt();
   a.result.lookup = static_cast<ModuleSet::Lookup>(lookup >= 0 && lookup <= 3 ? lookup : 1);
   a.result.code = answer["code"].isInt() ? answer["code"].asInt() : 0;
-  a.result.envelope = answer["envelope"];
   a.result.module_us = answer["module_us"].isNumeric() ? answer["module_us"].asDouble() : 0;
+  // The envelope travels as its text and is sent on as it is.
+  if (a.result.lookup == ModuleSet::Lookup::kFound) {
+    if (text->empty()) {
+      a.unavailable = true;
+    } else {
+      a.result.text = std::move(text);
+    }
+  }
   return a;
 }
 

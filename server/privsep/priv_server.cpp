@@ -3,6 +3,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
+#include <pthread.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <syslog.h>
@@ -99,6 +100,7 @@ void PrivServer::Run() {
     ++busy_;
     lock.unlock();
     std::thread([this, fd] {
+      pthread_setname_np(pthread_self(), "tavo-account");
       Serve(fd);
       close(fd);
       std::lock_guard<std::mutex> done(mu_);
@@ -109,17 +111,24 @@ void PrivServer::Run() {
 }
 
 void PrivServer::Serve(int fd) {
-  Json::Value request;
-  if (!ReceiveMessage(fd, read_timeout_ms_, kMaxRequest, &request)) return;
-  Json::Value answer = Answer(request);
-  if (answer.isNull()) {
-    syslog(LOG_WARNING, "account process: refused a malformed request from the front");
-    return;
+  uint32_t id = 0;
+  std::string body, tail;
+  FrameReader reader;
+  // Between requests the connection waits for as long as the front keeps it.
+  while (reader.Receive(fd, -1, read_timeout_ms_, kMaxRequest, &id, &body, stop_pipe_[0])) {
+    Json::Value request;
+    Json::Value answer;
+    tail.clear();
+    if (ParseJson(body, &request)) answer = Answer(request, &tail);
+    if (answer.isNull()) {
+      syslog(LOG_WARNING, "account process: refused a malformed request from the front");
+      return;
+    }
+    if (!SendFrame(fd, id, ToCompactJson(answer), tail, kMaxAnswer)) return;
   }
-  SendMessage(fd, answer, kMaxAnswer);
 }
 
-Json::Value PrivServer::Answer(const Json::Value& req) {
+Json::Value PrivServer::Answer(const Json::Value& req, std::string* tail) {
   if (!req.isObject() || !req["op"].isString()) return Json::Value();
   const std::string op = req["op"].asString();
   Json::Value out(Json::objectValue);
@@ -145,12 +154,9 @@ Json::Value PrivServer::Answer(const Json::Value& req) {
     out["lookup"] = static_cast<int>(a.result.lookup);
     out["code"] = a.result.code;
     out["module_us"] = a.result.module_us;
-    // A reused answer comes as its text alone.
-    if (a.result.envelope.isNull() && a.result.text) {
-      ParseJson(*a.result.text, &out["envelope"]);
-    } else {
-      out["envelope"] = std::move(a.result.envelope);
-    }
+    // The envelope goes as its text; a reused answer's text as it is.
+    if (a.result.lookup == ModuleSet::Lookup::kFound && !a.denied && !a.unavailable)
+      *tail = a.result.text ? *a.result.text : ToCompactJson(a.result.envelope);
   } else if (op == "logout") {
     if (!HasExactKeys(req, {"op", "who"}) || !WhoFromJson(req["who"], &who)) return Json::Value();
     ops_.Logout(who);

@@ -4,13 +4,16 @@
 //
 // A connection is served only when its peer, as the kernel reports it
 // (SO_PEERCRED), is the allowed front process: same process id and user id.
-// Any other peer, a malformed request or one that takes longer than the read
-// time to arrive is refused by closing the connection, and a refused peer is
-// logged to syslog (LOG_WARNING) with its process and user id.
+// Any other peer, a malformed request or a frame that, once begun, takes
+// longer than the read time to arrive is refused by closing the connection,
+// and logged to syslog (LOG_WARNING), a refused peer with its process and
+// user id.
 //
 // Ownership: `ops` must outlive the server. Thread-safety: Run on one thread,
-// Stop from any; each connection is served on a thread of its own, at most
-// `max_busy` at once (further connections wait in the listen backlog).
+// Stop from any. Each connection is served on a thread of its own, request
+// after request until the front closes it or Stop: these threads are the
+// pool that runs the front's calls, at most `max_busy` connections at once
+// (further connections wait in the listen backlog).
 #ifndef TAVO_SERVER_PRIVSEP_PRIV_SERVER_H_
 #define TAVO_SERVER_PRIVSEP_PRIV_SERVER_H_
 
@@ -24,12 +27,13 @@
 
 #include "api/status.h"
 #include "privsep/account_ops.h"
+#include "privsep/priv_channel.h"
 
 namespace tavo_server {
 
 class PrivServer {
  public:
-  PrivServer(AccountOps& ops, int max_busy = 32, int read_timeout_ms = 10000);
+  PrivServer(AccountOps& ops, int max_busy = kChannelConnections, int read_timeout_ms = 10000);
   ~PrivServer();  // stops, then waits for the connections under way
   PrivServer(const PrivServer&) = delete;
   PrivServer& operator=(const PrivServer&) = delete;
@@ -50,8 +54,9 @@ class PrivServer {
   // can neither accept connections meant for the server nor stop it.
   void CloseInChild();
 
-  // The answer to one request from an allowed peer; null for a malformed one.
-  Json::Value Answer(const Json::Value& request);
+  // The answer to one request from an allowed peer: its head, and in *tail
+  // what follows it (a call's envelope text). Null for a malformed request.
+  Json::Value Answer(const Json::Value& request, std::string* tail);
 
  private:
   void Serve(int fd);

@@ -7,10 +7,12 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstddef>
 #include <cstring>
 #include <memory>
 #include <thread>
+#include <vector>
 
 #include "api/eventlog_api.h"
 #include "api/json_util.h"
@@ -78,7 +80,9 @@ TEST_F(PrivsepTest, ServesItsFrontAndRefusesForgedRequestsAndOtherPeers) {
   call.method = "list";
   AccountOps::Answer a = front.Call(call, who);
   ASSERT_FALSE(a.denied || a.unavailable);
-  EXPECT_EQ(true, a.result.envelope["success"].asBool());
+  Json::Value envelope;
+  ASSERT_TRUE(a.result.text && ParseJson(*a.result.text, &envelope));
+  EXPECT_EQ(true, envelope["success"].asBool());
   EXPECT_TRUE(front.Info().isMember("apis"));
 
   // A call for an account that never logged in here, or with another stamp:
@@ -133,35 +137,147 @@ TEST(GrantBookTest, GrantsEndWithTheirLifetimeOrForRoom) {
   EXPECT_TRUE(book.KeyForTesting().empty());
 }
 
-// Whether the server answers one raw frame that declares `declared` bytes
-// and carries `body`.
-bool AnswersFrame(const std::string& address, uint32_t declared, const std::string& body) {
+int ConnectTo(const std::string& address) {
   int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
   struct sockaddr_un addr {};
   addr.sun_family = AF_UNIX;
   memcpy(addr.sun_path + 1, address.data(), address.size());
   const socklen_t len =
       static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + address.size());
-  if (fd < 0 || connect(fd, reinterpret_cast<sockaddr*>(&addr), len) != 0) return false;
-  const char head[4] = {static_cast<char>(declared >> 24), static_cast<char>(declared >> 16),
-                        static_cast<char>(declared >> 8), static_cast<char>(declared)};
-  std::string frame = std::string(head, 4) + body;
-  // The server may close before taking it all.
-  (void)!send(fd, frame.data(), frame.size(), MSG_NOSIGNAL);
-  Json::Value answer;
-  const bool answered = ReceiveMessage(fd, 5000, kMaxAnswer, &answer);
-  close(fd);
-  return answered;
+  if (fd >= 0 && connect(fd, reinterpret_cast<sockaddr*>(&addr), len) != 0) {
+    close(fd);
+    return -1;
+  }
+  return fd;
 }
 
-TEST_F(PrivsepTest, FramesOverTheCapAreRefusedUnread) {
+// Whether the server answers one raw frame that declares `declared` bytes
+// after its length and carries `body` after the id.
+bool AnswersFrame(const std::string& address, uint32_t declared, const std::string& body) {
+  const int fd = ConnectTo(address);
+  if (fd < 0) return false;
+  const unsigned char head[8] = {static_cast<unsigned char>(declared >> 24),
+                                 static_cast<unsigned char>(declared >> 16),
+                                 static_cast<unsigned char>(declared >> 8),
+                                 static_cast<unsigned char>(declared),
+                                 0,
+                                 0,
+                                 0,
+                                 7};
+  std::string frame = std::string(reinterpret_cast<const char*>(head), 8) + body;
+  // The server may close before taking it all.
+  (void)!send(fd, frame.data(), frame.size(), MSG_NOSIGNAL);
+  uint32_t id = 0;
+  std::string answer;
+  const bool answered = ReceiveFrame(fd, 5000, 5000, kMaxAnswer, &id, &answer);
+  close(fd);
+  return answered && id == 7;
+}
+
+TEST_F(PrivsepTest, FramesOverTheCapOrNotJsonAreRefused) {
   const std::string info = R"({"op":"info"})";
-  EXPECT_TRUE(AnswersFrame(server_.address(), info.size(), info));
+  EXPECT_TRUE(AnswersFrame(server_.address(), 4 + info.size(), info));
   // Padding keeps the request well-formed: only its size is wrong.
   const std::string big = R"({"op":"info")" + std::string(1536 * 1024, ' ') + "}";
-  EXPECT_FALSE(AnswersFrame(server_.address(), big.size(), big));
-  EXPECT_FALSE(AnswersFrame(server_.address(), 16u << 20, ""));  // the declared length alone
-  EXPECT_TRUE(AnswersFrame(server_.address(), info.size(), info));
+  EXPECT_FALSE(AnswersFrame(server_.address(), 4 + big.size(), big));
+  EXPECT_FALSE(AnswersFrame(server_.address(), 16u << 20, ""));     // the declared length alone
+  EXPECT_FALSE(AnswersFrame(server_.address(), 4 + 5, "{\"op\""));  // not JSON
+  EXPECT_FALSE(AnswersFrame(server_.address(), 2, "ab"));           // shorter than its id
+  EXPECT_TRUE(AnswersFrame(server_.address(), 4 + info.size(), info));
+}
+
+// An AccountOps that answers each call with its own parameters, after a
+// pause of `params.sleep_us`, so that answers finish out of order.
+class EchoOps : public AccountOps {
+ public:
+  LoginResult CheckLogin(const std::string&, const std::string&, LoginIdentity*) override {
+    return LoginResult::kDenied;
+  }
+  LoginResult Recheck(const LoginIdentity&) override { return LoginResult::kOk; }
+  Answer Call(const ApiCall& call, const LoginIdentity&) override {
+    std::this_thread::sleep_for(std::chrono::microseconds(call.params["sleep_us"].asInt()));
+    Answer a;
+    a.result.envelope = call.params;
+    a.result.code = call.params["n"].asInt();
+    return a;
+  }
+  void Logout(const LoginIdentity&) override {}
+  Json::Value Info() override { return Json::Value(Json::arrayValue); }
+  Json::Value Stats() override { return Json::Value(Json::objectValue); }
+};
+
+TEST(PrivChannelTest, ManyCallsInFlightEachGetTheirOwnAnswer) {
+  EchoOps ops;
+  PrivServer server(ops, kChannelConnections, 2000);
+  ASSERT_TRUE(server.Listen().ok());
+  server.AllowPeer(getpid(), getuid());
+  std::thread runner([&server] { server.Run(); });
+  PrivClient front(server.address(), 5000);
+  std::atomic<int> wrong{0}, done{0};
+  std::vector<std::thread> callers;
+  for (int t = 0; t < 12; ++t) {
+    callers.emplace_back([&, t] {
+      for (int i = 0; i < 40; ++i) {
+        ApiCall call;
+        call.api = "A";
+        call.method = "m";
+        call.params["n"] = t * 1000 + i;
+        call.params["sleep_us"] = (t * 7 + i * 13) % 500;
+        call.params["text"] = "line\nbreak " + std::to_string(t);
+        AccountOps::Answer a = front.Call(call, LoginIdentity{"x", "s", "g"});
+        Json::Value echoed;
+        if (a.unavailable || !a.result.text || !ParseJson(*a.result.text, &echoed) ||
+            echoed != call.params || a.result.code != t * 1000 + i)
+          ++wrong;
+        ++done;
+      }
+    });
+  }
+  for (auto& c : callers) c.join();
+  EXPECT_EQ(480, done.load());
+  EXPECT_EQ(0, wrong.load());
+  // The connections were kept and shared, not one per call.
+  EXPECT_GE(front.OpenConnections(), 2);
+  EXPECT_LE(front.OpenConnections(), 12);
+  server.Stop();
+  runner.join();
+}
+
+// A stand-in for the account process that answers each request with the id
+// `shift` away from the one asked.
+TEST(PrivChannelTest, AnAnswerForAnotherRequestIsRefusedAndItsConnectionDropped) {
+  const std::string address = "tavo-test-" + std::to_string(getpid());
+  int listener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  struct sockaddr_un addr {};
+  addr.sun_family = AF_UNIX;
+  memcpy(addr.sun_path + 1, address.data(), address.size());
+  ASSERT_EQ(0, bind(listener, reinterpret_cast<sockaddr*>(&addr),
+                    static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + address.size())));
+  ASSERT_EQ(0, listen(listener, 4));
+  std::atomic<uint32_t> shift{1};
+  std::thread fake([&] {
+    for (int served = 0; served < 2; ++served) {
+      const int fd = accept(listener, nullptr, nullptr);
+      uint32_t id;
+      std::string body;
+      while (ReceiveFrame(fd, 5000, 5000, kMaxRequest, &id, &body))
+        SendFrame(fd, id + shift.load(), R"({"result":"ok","info":[]})", {}, kMaxAnswer);
+      close(fd);
+    }
+  });
+  {
+    PrivClient front(address, 2000);
+    Json::Value req(Json::objectValue), answer;
+    req["op"] = "info";
+    EXPECT_FALSE(front.Ask(req, &answer));
+    EXPECT_EQ(0, front.OpenConnections());
+    shift = 0;  // the next connection answers in order
+    EXPECT_TRUE(front.Ask(req, &answer));
+    EXPECT_TRUE(front.Ask(req, &answer));
+    EXPECT_EQ(1, front.OpenConnections());
+  }  // closes the kept connection: the stand-in ends
+  fake.join();
+  close(listener);
 }
 
 // What a taken-over front could try with the channel: grants it kept, forged
