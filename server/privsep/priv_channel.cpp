@@ -1,8 +1,8 @@
 #include "privsep/priv_channel.h"
 
 #include <errno.h>
-#include <poll.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/uio.h>
 
 #include <algorithm>
@@ -36,19 +36,6 @@ bool SendAll(int fd, struct iovec* iov, int count) {
   return true;
 }
 
-// Waits until `fd` is readable: false on time-out, error, or `stop_fd`
-// readable first.
-bool WaitReadable(int fd, int timeout_ms, int stop_fd) {
-  for (;;) {
-    struct pollfd p[2] = {{fd, POLLIN, 0}, {stop_fd, POLLIN, 0}};
-    int r = poll(p, stop_fd >= 0 ? 2 : 1, timeout_ms);
-    if (r < 0 && errno == EINTR) continue;
-    if (r <= 0) return false;
-    if (stop_fd >= 0 && (p[1].revents & POLLIN)) return false;
-    return true;
-  }
-}
-
 void PutBigEndian(uint32_t v, unsigned char* out) {
   out[0] = static_cast<unsigned char>(v >> 24);
   out[1] = static_cast<unsigned char>(v >> 16);
@@ -76,9 +63,16 @@ bool SendFrame(int fd, uint32_t id, std::string_view head, std::string_view tail
   return SendAll(fd, iov, tail.empty() ? 2 : 4);
 }
 
-bool FrameReader::Receive(int fd, int first_timeout_ms, int timeout_ms, size_t max, uint32_t* id,
-                          std::string* body, int stop_fd) {
-  bool first = pending_.empty();
+bool SetReceiveTimeout(int fd, int timeout_ms) {
+  struct timeval tv {};
+  tv.tv_sec = timeout_ms / 1000;
+  tv.tv_usec = (timeout_ms % 1000) * 1000;
+  return setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv) == 0;
+}
+
+bool FrameReader::Receive(int fd, size_t max, uint32_t* id, std::string* body,
+                          const std::atomic<bool>* stop) {
+  bool idle = pending_.empty();
   size_t need = 8;  // the length and the id, then the whole frame
   for (;;) {
     if (pending_.size() >= 8) {
@@ -92,33 +86,37 @@ bool FrameReader::Receive(int fd, int first_timeout_ms, int timeout_ms, size_t m
         return true;
       }
     }
-    // A frame comes in one read as a rule: wait, then take what is there, at
-    // least the rest of this frame (a later frame's bytes that come with it
-    // are kept).
-    if (!WaitReadable(fd, first ? first_timeout_ms : timeout_ms, first ? stop_fd : -1))
-      return false;
-    first = false;
+    // A frame comes in one read as a rule: a blocking read (bounded by the
+    // socket's receive time-out) takes what is there, at least the rest of
+    // this frame; a later frame's bytes that come with it are kept.
     const size_t old = pending_.size();
     ssize_t got;
     if (need - old > kReadChunk) {
       // A large frame: read straight into its place.
       pending_.resize(need);
-      got = recv(fd, &pending_[old], need - old, MSG_DONTWAIT);
+      got = recv(fd, &pending_[old], need - old, 0);
       pending_.resize(old + (got > 0 ? static_cast<size_t>(got) : 0));
     } else {
       char chunk[kReadChunk];
-      got = recv(fd, chunk, sizeof chunk, MSG_DONTWAIT);
+      got = recv(fd, chunk, sizeof chunk, 0);
       if (got > 0) pending_.append(chunk, static_cast<size_t>(got));
     }
+    if (got > 0) {
+      idle = false;
+      continue;
+    }
     if (got == 0) return false;
-    if (got < 0 && errno != EINTR && errno != EAGAIN && errno != EWOULDBLOCK) return false;
+    if (errno == EINTR) continue;
+    // The time-out: waiting for a frame to begin goes on until `stop`.
+    if ((errno == EAGAIN || errno == EWOULDBLOCK) && idle && stop != nullptr && !stop->load())
+      continue;
+    return false;
   }
 }
 
-bool ReceiveFrame(int fd, int first_timeout_ms, int timeout_ms, size_t max, uint32_t* id,
-                  std::string* body, int stop_fd) {
+bool ReceiveFrame(int fd, int timeout_ms, size_t max, uint32_t* id, std::string* body) {
   FrameReader reader;
-  return reader.Receive(fd, first_timeout_ms, timeout_ms, max, id, body, stop_fd);
+  return SetReceiveTimeout(fd, timeout_ms) && reader.Receive(fd, max, id, body);
 }
 
 bool SplitBody(const std::string& body, Json::Value* head, std::string_view* tail) {

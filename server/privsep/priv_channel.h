@@ -20,7 +20,7 @@
 //       -> {"result": "ok"|"denied"|"unavailable", "who": {...} on ok}
 //   {"op": "recheck", "who": {...}}        -> {"result": ...}
 //   {"op": "call", "who": {...}, "call": {"api", "version", "method", "params"}}
-//       -> {"result": "ok"|"denied", "lookup": N, "code": N, "module_us": F}
+//       -> {"result": "ok"|"denied", "lookup": N, "code": N, "module_ns": N}
 //          and, on "ok", the envelope's text after the newline
 //   {"op": "logout", "who": {...}}       -> {"result": "ok"}
 //   {"op": "info"}                         -> {"result": "ok", "info": ...}
@@ -36,6 +36,7 @@
 
 #include <json/value.h>
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <initializer_list>
@@ -55,16 +56,24 @@ constexpr int kChannelConnections = 32;
 // and `tail`. False when the body would pass `max` or could not be sent whole.
 bool SendFrame(int fd, uint32_t id, std::string_view head, std::string_view tail, size_t max);
 
-// Reads the frames of one connection. A read takes what the socket holds, up
-// to the rest of the frame or kReadChunk bytes, so that a frame usually costs
-// one read; bytes of the next frame that came with it are kept for the next
-// Receive. Thread-safety: one thread at a time per reader.
+// Sets how long one read of `fd` may wait (SO_RCVTIMEO); false on failure.
+bool SetReceiveTimeout(int fd, int timeout_ms);
+
+// Reads the frames of one connection, whose receive time-out bounds each
+// wait for more bytes. A read takes what the socket holds, at least the rest
+// of the frame, so that a frame usually costs one read; bytes of the next
+// frame that came with it are kept for the next Receive.
+// Thread-safety: one thread at a time per reader.
 class FrameReader {
  public:
   static constexpr size_t kReadChunk = 16 << 10;
-  // As ReceiveFrame below. A reader that failed must not be used again.
-  bool Receive(int fd, int first_timeout_ms, int timeout_ms, size_t max, uint32_t* id,
-               std::string* body, int stop_fd = -1);
+  // Receives one frame of at most `max` bytes. With `stop`, the wait for a
+  // frame to begin lasts until `*stop` is true, time-out after time-out.
+  // False on time-out, a closed or shut-down socket, or an oversize (refused
+  // on its length, before any of it is read). A reader that failed must not
+  // be used again.
+  bool Receive(int fd, size_t max, uint32_t* id, std::string* body,
+               const std::atomic<bool>* stop = nullptr);
   // True when no bytes of a further frame are kept.
   bool empty() const { return pending_.empty(); }
 
@@ -72,14 +81,9 @@ class FrameReader {
   std::string pending_;
 };
 
-// Receives one frame of at most `max` bytes. The first byte may take up to
-// `first_timeout_ms` (-1: no limit), each later wait `timeout_ms`; with
-// `stop_fd` >= 0, a readable `stop_fd` ends the first wait. False on time-out,
-// stop, a closed peer, or an oversize (refused on its length, before any of
-// it is read).
-// With a reader of its own: only for a connection that carries one frame.
-bool ReceiveFrame(int fd, int first_timeout_ms, int timeout_ms, size_t max, uint32_t* id,
-                  std::string* body, int stop_fd = -1);
+// Sets the receive time-out of `fd` and receives one frame with a reader of
+// its own: only for a connection that carries one frame at a time.
+bool ReceiveFrame(int fd, int timeout_ms, size_t max, uint32_t* id, std::string* body);
 
 // Splits a body into its JSON head and what follows the first newline.
 // False when the head is not a JSON object.

@@ -40,7 +40,8 @@ int PrivClient::Connect() const {
     return -1;
   }
   memcpy(addr.sun_path + 1, address_.data(), address_.size());  // abstract: leading NUL
-  if (connect(fd, reinterpret_cast<sockaddr*>(&addr), len) != 0) {
+  if (connect(fd, reinterpret_cast<sockaddr*>(&addr), len) != 0 ||
+      !SetReceiveTimeout(fd, timeout_ms_)) {
     close(fd);
     return -1;
   }
@@ -86,7 +87,7 @@ bool PrivClient::Ask(const Json::Value& request, Json::Value* answer, std::strin
   std::string body;
   FrameReader reader;
   bool ok = SendFrame(fd, id, ToCompactJson(request), {}, kMaxRequest) &&
-            reader.Receive(fd, timeout_ms_, timeout_ms_, kMaxAnswer, &got, &body);
+            reader.Receive(fd, kMaxAnswer, &got, &body);
   if (ok && !reader.empty()) {
     syslog(LOG_WARNING, "front: refused an answer that came with more than one frame");
     ok = false;
@@ -148,7 +149,8 @@ AccountOps::Answer PrivClient::Call(const ApiCall& call, const LoginIdentity& wh
   const int lookup = answer["lookup"].asInt();
   a.result.lookup = static_cast<ModuleSet::Lookup>(lookup >= 0 && lookup <= 3 ? lookup : 1);
   a.result.code = answer["code"].isInt() ? answer["code"].asInt() : 0;
-  a.result.module_us = answer["module_us"].isNumeric() ? answer["module_us"].asDouble() : 0;
+  a.result.module_us =
+      answer["module_ns"].isIntegral() ? answer["module_ns"].asInt64() / 1000.0 : 0;
   // The envelope travels as its text and is sent on as it is.
   if (a.result.lookup == ModuleSet::Lookup::kFound) {
     if (text->empty()) {

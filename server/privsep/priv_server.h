@@ -24,6 +24,7 @@
 #include <functional>
 #include <mutex>
 #include <string>
+#include <unordered_set>
 
 #include "api/status.h"
 #include "privsep/account_ops.h"
@@ -70,9 +71,11 @@ class PrivServer {
   int stop_pipe_[2] = {-1, -1};
   std::atomic<pid_t> peer_pid_{-1};
   std::atomic<uid_t> peer_uid_{static_cast<uid_t>(-1)};
+  std::atomic<bool> stopping_{false};
   std::mutex mu_;
   std::condition_variable idle_;
   int busy_ = 0;
+  std::unordered_set<int> open_;  // the connections served, for Stop
 };
 
 }  // namespace tavo_server

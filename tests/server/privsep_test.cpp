@@ -169,7 +169,7 @@ bool AnswersFrame(const std::string& address, uint32_t declared, const std::stri
   (void)!send(fd, frame.data(), frame.size(), MSG_NOSIGNAL);
   uint32_t id = 0;
   std::string answer;
-  const bool answered = ReceiveFrame(fd, 5000, 5000, kMaxAnswer, &id, &answer);
+  const bool answered = ReceiveFrame(fd, 5000, kMaxAnswer, &id, &answer);
   close(fd);
   return answered && id == 7;
 }
@@ -260,7 +260,7 @@ TEST(PrivChannelTest, AnAnswerForAnotherRequestIsRefusedAndItsConnectionDropped)
       const int fd = accept(listener, nullptr, nullptr);
       uint32_t id;
       std::string body;
-      while (ReceiveFrame(fd, 5000, 5000, kMaxRequest, &id, &body))
+      while (ReceiveFrame(fd, 5000, kMaxRequest, &id, &body))
         SendFrame(fd, id + shift.load(), R"({"result":"ok","info":[]})", {}, kMaxAnswer);
       close(fd);
     }
