@@ -19,11 +19,13 @@
 #include <mutex>
 #include <thread>
 
+#include "api/api_routes.h"
 #include "api/directory_api.h"
 #include "api/eventlog_api.h"
 #include "api/json_util.h"
 #include "api/module_loader.h"
 #include "api/openapi.h"
+#include "auth/auth_routes.h"
 #include "cli/cli.h"
 #include "cli/options.h"
 #include "cli/serve_conf.h"
@@ -96,7 +98,12 @@ void ReloadTls(const ServeOptions& options, HttpServer& server, const TlsReader&
 int RunFront(const ServeOptions& options, AccountOps& ops, const sigset_t& signals,
              const std::function<bool()>& after_bind, bool sync_here, const TlsReader& read_tls) {
   Status s;
-  HttpServer server(options, ops);
+  HttpServer server(options);
+  // Logins and sessions, then the module calls that need them.
+  AuthRoutes auth(options, ops, server.metrics());
+  auth.Register(server);
+  ApiRoutes api(ops, auth, server.metrics());
+  api.Register(server);
   int port = 0;
   s = server.Bind(&port);
   if (!s.ok()) {

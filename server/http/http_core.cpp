@@ -1,11 +1,11 @@
 // The HTTP core's own part of serving: its construction, where a parsed
 // request is turned into a response whichever thread runs it, the headers
-// every answer carries, and the static files of the admin page.
+// every answer carries, health, the API's description and the static files
+// of the admin page.
 #include <strings.h>
 
 #include <functional>
 
-#include "auth/random.h"
 #include "http/compress.h"
 #include "http/http_impl.h"
 #include "tavo/util.h"
@@ -41,14 +41,6 @@ bool EtagMatches(const std::string& if_none_match, const std::string& etag) {
 
 }  // namespace
 
-ThrottleLimits LoginLimits(const ServeOptions& o) {
-  ThrottleLimits l;
-  l.per_pair = l.per_device = l.free_per_account = o.login_max_failures;
-  l.per_address = 4 * o.login_max_failures;
-  l.window = std::chrono::seconds(o.login_window);
-  return l;
-}
-
 const char* Reason(int status) {
   switch (status) {
     case 400:
@@ -82,26 +74,15 @@ const char* Reason(int status) {
   }
 }
 
-HttpServer::Impl::Impl(const ServeOptions& o, AccountOps& a)
-    : options(o),
-      ops(a),
-      sessions(std::chrono::seconds(o.session_idle), std::chrono::seconds(o.session_lifetime),
-               static_cast<size_t>(o.max_sessions)),
-      logins(LoginLimits(o), RandomHex(32), std::chrono::hours(24 * 30)),
-      files(o.web_dir),
-      site(o.server_names, o.tls()) {
-  // The routes of logins and sessions, and of the API, register themselves
-  // (http_auth.cpp, http_api.cpp); the core's own answer health, the API's
-  // description and the counters.
-  AddAuthRoutes();
-  AddApiRoutes();
+HttpServer::Impl::Impl(const ServeOptions& o)
+    : options(o), files(o.web_dir), site(o.server_names, o.tls()) {
+  // The core's own routes: health and the API's description. The others
+  // register themselves (auth/auth_routes.h, api/api_routes.h).
   using Req = const HttpRequest&;
   using Res = HttpResponse&;
   routes.push_back({"GET", "/healthz", Lane::kEvent, [this](Req q, Res r) { Health(q, r); }});
   routes.push_back(
       {"GET", "/api/openapi.json", Lane::kEvent, [this](Req q, Res r) { OpenApi(q, r); }});
-  // The account side's figures are asked for, so a worker answers.
-  routes.push_back({"GET", "/metrics", Lane::kWorker, [this](Req q, Res r) { MetricsText(q, r); }});
   openapi_etag = "\"" + std::to_string(std::hash<std::string>()(options.openapi_json)) + "\"";
 }
 
@@ -126,15 +107,6 @@ void HttpServer::Impl::OpenApi(const HttpRequest& req, HttpResponse& res) {
   res.status = 200;
   res.content_type = "application/json";
   res.body = options.openapi_json;
-}
-
-void HttpServer::Impl::MetricsText(const HttpRequest& req, HttpResponse& res) {
-  SessionStore::Session s;
-  if (!Authorize(req, res, &s)) return;
-  res.status = 200;
-  res.SetHeader("Cache-Control", "no-store");
-  res.content_type = "text/plain; version=0.0.4; charset=utf-8";
-  res.body = metrics.Render(sessions.Size(), ops.Stats());
 }
 
 const HttpServer::Impl::Route* HttpServer::Impl::Find(const HttpRequest& req) const {

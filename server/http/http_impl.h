@@ -2,8 +2,8 @@
 // glue share, and the helpers they use. Not part of the server's interface.
 //
 // Thread-safety: handlers run on event and worker threads at once;
-// SessionStore, LoginGate, StaticCache and AccessLog lock themselves; the
-// routes and options are read-only while serving.
+// StaticCache, Metrics and AccessLog lock themselves; the routes and options
+// are read-only while serving.
 #ifndef TAVO_SERVER_HTTP_IMPL_H_
 #define TAVO_SERVER_HTTP_IMPL_H_
 
@@ -14,8 +14,6 @@
 #include <string>
 #include <vector>
 
-#include "auth/login_gate.h"
-#include "auth/sessions.h"
 #include "auth/site_check.h"
 #include "http/access_log.h"
 #include "http/conn_deadlines.h"
@@ -29,11 +27,8 @@ struct MHD_Daemon;
 
 namespace tavo_server {
 
-constexpr const char kSessionCookie[] = "tavo_session";
-constexpr const char kDeviceCookie[] = "tavo_device";
-
 struct HttpServer::Impl {
-  Impl(const ServeOptions& o, AccountOps& a);
+  explicit Impl(const ServeOptions& o);
   ~Impl();
 
   struct Route {
@@ -44,9 +39,6 @@ struct HttpServer::Impl {
   };
 
   const ServeOptions& options;
-  AccountOps& ops;  // logins, re-checks and module calls
-  SessionStore sessions;
-  LoginGate logins;
   StaticFiles files;
   StaticCache cache;
   Metrics metrics;
@@ -85,50 +77,13 @@ struct HttpServer::Impl {
   // The pool that runs a request of a worker route.
   Executor* PoolFor(const Route& route, const HttpRequest& req) const;
 
-  // The routes that register themselves (auth/http_auth.cpp, api/http_api.cpp).
-  void AddAuthRoutes();
-  void AddApiRoutes();
-  // Route handlers (auth/http_auth.cpp, api/http_api.cpp, http_core.cpp).
-  void Login(const HttpRequest& req, HttpResponse& res);
-  void Logout(const HttpRequest& req, HttpResponse& res);
-  void SessionInfo(const HttpRequest& req, HttpResponse& res);
-  void ApiInfo(const HttpRequest& req, HttpResponse& res);
-  void ApiPost(const HttpRequest& req, HttpResponse& res);
-  void ApiGet(const HttpRequest& req, HttpResponse& res);
-  // Whether the call a POST or GET /api names takes no lock (the server's
-  // own reads: the event log, the directories' status).
-  static bool CallTakesNoLock(const HttpRequest& req);
   void StaticFile(const HttpRequest& req, HttpResponse& res);
   void Health(const HttpRequest& req, HttpResponse& res);
   void OpenApi(const HttpRequest& req, HttpResponse& res);
-  void MetricsText(const HttpRequest& req, HttpResponse& res);
-
-  // Tells the account side of the sessions that ended without a logout, so
-  // that their grants end too (a call on the channel: workers only).
-  void EndGrants();
-  // Finds the session of the request's token (X-Tavo-Token or Authorization:
-  // Bearer) and, unless `recheck` is false, checks that its account is still
-  // a valid administrator. On failure answers 401 or 500 and returns false.
-  // Ends the grants of ended sessions first (EndGrants).
-  bool Authorize(const HttpRequest& req, HttpResponse& res, SessionStore::Session* s,
-                 bool recheck = true);
-  // Answers a session whose account the recheck refused or could not check
-  // (401 ending the session, or 500). False when `r` is kOk.
-  bool Refuse(const HttpRequest& req, HttpResponse& res, const SessionStore::Session& s,
-              LoginResult r);
-  // Checks the envelope {"api", "version", "method", "params"} (400 when it
-  // is not one) and runs the call for the session's account; the call itself
-  // rechecks the account (once per request).
-  void Serve(const HttpRequest& req, HttpResponse& res, const SessionStore::Session& s,
-             const Json::Value& envelope);
 };
 
 // A short plain reason for an HTTP status, e.g. "request body too large".
 const char* Reason(int status);
-// The value of cookie `name` in the request's Cookie headers, or "".
-std::string CookieValue(const HttpRequest& req, const std::string& name);
-// The token of X-Tavo-Token, else of "Authorization: Bearer TOKEN", or "".
-std::string RequestToken(const HttpRequest& req);
 
 }  // namespace tavo_server
 

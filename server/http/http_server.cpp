@@ -306,8 +306,9 @@ HttpServer::Impl::~Impl() {
   if (listen_fd >= 0) close(listen_fd);
 }
 
-HttpServer::HttpServer(const ServeOptions& options, AccountOps& ops)
-    : impl_(new Impl(options, ops)) {}
+HttpServer::HttpServer(const ServeOptions& options) : impl_(new Impl(options)) {}
+
+Metrics& HttpServer::metrics() { return impl_->metrics; }
 
 HttpServer::~HttpServer() = default;
 

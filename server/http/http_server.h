@@ -1,18 +1,16 @@
-// HttpServer: the HTTP front of `tavo serve`, an event-driven core on
-// libmicrohttpd (epoll, one event thread per core by default).
+// HttpServer: the HTTP core of `tavo serve`, transport only: an event-driven
+// core on libmicrohttpd (epoll, one event thread per core by default), its
+// pools, limits, TLS, static files and counters.
 //
-// Routes:
-//   POST /api/auth/login    {"account", "password"} -> session cookie + token
-//   POST /api/auth/logout   ends the session (token header or cookie)
-//   GET  /api/auth/session  with the cookie: is the session alive, and its token
-//   GET  /api/info          the loaded APIs and methods            (token)
-//   POST /api               {"api", "version", "method", "params"} (token)
-//   GET  /api?api=..&version=..&method=..&NAME=VALUE..             (token)
+// Its own routes:
+//   GET  /healthz           {"status": "ok"}
+//   GET  /api/openapi.json  the API's description made at start
 //   GET  anything else      a file of the admin page folder
-// "(token)": the request must carry the session token in X-Tavo-Token or in
-// Authorization: Bearer; a session cookie alone is refused. API answers are
-// envelopes with HTTP 200; transport problems are HTTP errors whose body is
-// {"error": "plain message"}. HEAD is answered as GET without the body.
+// The routes of logins and sessions (auth/auth_routes.h) and of the module
+// calls (api/api_routes.h) register themselves with AddRoute. Transport
+// problems are HTTP errors whose body is {"error": "plain message"}. HEAD is
+// answered as GET without the body. A request naming another host than the
+// server's is 421, and a POST from another origin 403, before any route.
 //
 // Threads: the event threads read, parse and write every connection and
 // answer what cannot block (static files, the session check, refusals).
@@ -33,7 +31,7 @@
 // security headers, Cache-Control: no-store under /api, gzip when it pays,
 // and writes the access log line. kEvent handlers must never block.
 //
-// Ownership: borrows the options and the module set, which must outlive it.
+// Ownership: borrows the options, which must outlive it.
 // Thread-safety: AddRoute and Bind before Run; Run blocks until Stop (which
 // may be called from any thread, e.g. a signal thread) has drained the
 // requests in flight.
@@ -44,12 +42,10 @@
 #include <memory>
 #include <string>
 
-#include "api/module_loader.h"
 #include "api/status.h"
-#include "auth/login_throttle.h"
 #include "cli/options.h"
 #include "http/http_message.h"
-#include "privsep/account_ops.h"
+#include "http/metrics.h"
 
 namespace tavo_server {
 
@@ -64,9 +60,7 @@ class HttpServer {
   // Threads of the pool for everything but the module calls.
   static constexpr int kQuickWorkers = 2;
 
-  // Account work (logins, re-checks, module calls) goes through `ops`, in this
-  // process or in a privileged one (privsep/); it must outlive the server.
-  HttpServer(const ServeOptions& options, AccountOps& ops);
+  explicit HttpServer(const ServeOptions& options);
   ~HttpServer();
   HttpServer(const HttpServer&) = delete;
   HttpServer& operator=(const HttpServer&) = delete;
@@ -95,16 +89,15 @@ class HttpServer {
   // its being taken up by an event thread over TLS. False before Run serves
   // and after it stopped. Any thread; one probe at a time.
   bool ProbeEventLoop(int timeout_ms);
+  // The counters of the answers, which /metrics renders. Lives as long as
+  // the server.
+  Metrics& metrics();
 
   struct Impl;
 
  private:
   std::unique_ptr<Impl> impl_;
 };
-
-// The login limits that `o` sets: the front's throttle, and the account
-// side's own count (privsep/login_limit.h).
-ThrottleLimits LoginLimits(const ServeOptions& o);
 
 }  // namespace tavo_server
 

@@ -16,11 +16,9 @@
 #include <thread>
 #include <vector>
 
-#include "api/module_loader.h"
 #include "cli/options.h"
 #include "common/temp_root.h"
 #include "http/http_server.h"
-#include "privsep/account_ops.h"
 
 namespace tavo_server {
 namespace {
@@ -50,11 +48,9 @@ ServeOptions Loopback(const tavo_test::TempRoot& root) {
 
 TEST(EventProbeTest, AnsweredWhileServingEvenWithClientsAtTheirLimitAndNotAfterStop) {
   tavo_test::TempRoot root;
-  ModuleSet modules;
-  LocalAccountOps ops(modules);
   ServeOptions options = Loopback(root);
   options.per_address = 4;
-  HttpServer server(options, ops);
+  HttpServer server(options);
   int port = 0;
   ASSERT_TRUE(server.Bind(&port).ok());
   EXPECT_FALSE(server.ProbeEventLoop(100));  // not serving yet
@@ -122,11 +118,9 @@ std::string Get(int fd, const std::string& path) {
 // lost when the worker finishes just as the event thread gives up waiting.
 TEST(EventProbeTest, EveryWorkerAnswerArrivesWhetherItCameQuicklyOrLate) {
   tavo_test::TempRoot root;
-  ModuleSet modules;
-  LocalAccountOps ops(modules);
   ServeOptions options = Loopback(root);
   options.keepalive_max = 1000;
-  auto owned = std::make_unique<HttpServer>(options, ops);
+  auto owned = std::make_unique<HttpServer>(options);
   HttpServer& server = *owned;
   std::atomic<int> calls{0};
   server.AddRoute("GET", "/work", HttpServer::Lane::kWorker,

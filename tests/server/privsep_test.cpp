@@ -206,7 +206,7 @@ class EchoOps : public AccountOps {
   Json::Value Stats() override { return Json::Value(Json::objectValue); }
 };
 
-TEST(PrivChannelTest, ManyCallsInFlightEachGetTheirOwnAnswer) {
+TEST(PrivChannelTest, ConcurrentCallsInFlightEachGetTheirOwnAnswer) {
   EchoOps ops;
   PrivServer server(ops, kChannelConnections, 2000);
   ASSERT_TRUE(server.Listen().ok());

@@ -1,11 +1,11 @@
-// The API routes of the HTTP server: POST /api, GET /api and GET /api/info.
+#include "api/api_routes.h"
+
 #include <cstdio>
 
 #include "api/directory_api.h"
 #include "api/dispatch.h"
 #include "api/eventlog_api.h"
 #include "api/json_util.h"
-#include "http/http_impl.h"
 
 namespace tavo_server {
 
@@ -14,19 +14,32 @@ namespace {
 constexpr size_t kPeekBytes = 4096;
 }  // namespace
 
-void HttpServer::Impl::AddApiRoutes() {
+void ApiRoutes::Register(HttpServer& server) {
+  using Lane = HttpServer::Lane;
   using Req = const HttpRequest&;
   using Res = HttpResponse&;
   // Module calls may wait for a module's lock: they run on a pool of their
-  // own, unless they take no lock. /api/info reads the account files.
-  const LockFree lock_free = &CallTakesNoLock;
-  routes.push_back({"GET", "/api/info", Lane::kWorker, [this](Req q, Res r) { ApiInfo(q, r); }});
-  routes.push_back(
-      {"POST", "/api", Lane::kCall, [this](Req q, Res r) { ApiPost(q, r); }, lock_free});
-  routes.push_back({"GET", "/api", Lane::kCall, [this](Req q, Res r) { ApiGet(q, r); }, lock_free});
+  // own, unless they take no lock. /api/info reads the account files, and
+  // /metrics asks the account side for its figures.
+  const HttpServer::LockFree lock_free = &CallTakesNoLock;
+  server.AddRoute("GET", "/api/info", Lane::kWorker, [this](Req q, Res r) { Info(q, r); });
+  server.AddRoute(
+      "POST", "/api", Lane::kCall, [this](Req q, Res r) { Post(q, r); }, lock_free);
+  server.AddRoute(
+      "GET", "/api", Lane::kCall, [this](Req q, Res r) { Get(q, r); }, lock_free);
+  server.AddRoute("GET", "/metrics", Lane::kWorker, [this](Req q, Res r) { MetricsText(q, r); });
 }
 
-bool HttpServer::Impl::CallTakesNoLock(const HttpRequest& req) {
+void ApiRoutes::MetricsText(const HttpRequest& req, HttpResponse& res) {
+  SessionStore::Session s;
+  if (!auth_.Authorize(req, res, &s)) return;
+  res.status = 200;
+  res.SetHeader("Cache-Control", "no-store");
+  res.content_type = "text/plain; version=0.0.4; charset=utf-8";
+  res.body = metrics_.Render(auth_.SessionCount(), ops_.Stats());
+}
+
+bool ApiRoutes::CallTakesNoLock(const HttpRequest& req) {
   std::string api, method;
   if (req.method == "POST") {
     Json::Value body;
@@ -44,22 +57,22 @@ bool HttpServer::Impl::CallTakesNoLock(const HttpRequest& req) {
   return (api == kEventLogApi && method == "list") || (api == kDirectoryApi && method == "status");
 }
 
-void HttpServer::Impl::Serve(const HttpRequest& req, HttpResponse& res,
-                             const SessionStore::Session& s, const Json::Value& envelope) {
+void ApiRoutes::Serve(const HttpRequest& req, HttpResponse& res, const SessionStore::Session& s,
+                      const Json::Value& envelope) {
   const LoginIdentity who{s.account, s.stamp, s.grant};
   ApiCall call;
   std::string error;
   if (!CallFromJson(envelope, &call, &error)) {
     // A session whose account was withdrawn hears that first.
-    if (!Refuse(req, res, s, ops.Recheck(who))) SendError(res, 400, error);
+    if (!auth_.Refuse(req, res, s, ops_.Recheck(who))) SendError(res, 400, error);
     return;
   }
   res.log.api = call.api;
   res.log.version = call.version;
   res.log.method = call.method;
-  AccountOps::Answer answer = ops.Call(call, who);
+  AccountOps::Answer answer = ops_.Call(call, who);
   if (answer.denied) {
-    Refuse(req, res, s, LoginResult::kDenied);
+    auth_.Refuse(req, res, s, LoginResult::kDenied);
     return;
   }
   if (answer.unavailable) {
@@ -87,30 +100,30 @@ void HttpServer::Impl::Serve(const HttpRequest& req, HttpResponse& res,
   }
 }
 
-void HttpServer::Impl::ApiInfo(const HttpRequest& req, HttpResponse& res) {
+void ApiRoutes::Info(const HttpRequest& req, HttpResponse& res) {
   SessionStore::Session s;
-  if (!Authorize(req, res, &s)) return;
+  if (!auth_.Authorize(req, res, &s)) return;
   Json::Value out(Json::objectValue);
   out["success"] = true;
-  out["data"] = ops.Info();
+  out["data"] = ops_.Info();
   SendJson(res, out);
 }
 
-void HttpServer::Impl::ApiPost(const HttpRequest& req, HttpResponse& res) {
+void ApiRoutes::Post(const HttpRequest& req, HttpResponse& res) {
   SessionStore::Session s;
-  if (!Authorize(req, res, &s, /*recheck=*/false)) return;
+  if (!auth_.Authorize(req, res, &s, /*recheck=*/false)) return;
   Json::Value body;
   if (!ParseJson(req.body, &body)) {
-    if (!Refuse(req, res, s, ops.Recheck(LoginIdentity{s.account, s.stamp, s.grant})))
+    if (!auth_.Refuse(req, res, s, ops_.Recheck(LoginIdentity{s.account, s.stamp, s.grant})))
       SendError(res, 400, "the request body is not JSON");
     return;
   }
   Serve(req, res, s, body);
 }
 
-void HttpServer::Impl::ApiGet(const HttpRequest& req, HttpResponse& res) {
+void ApiRoutes::Get(const HttpRequest& req, HttpResponse& res) {
   SessionStore::Session s;
-  if (!Authorize(req, res, &s, /*recheck=*/false)) return;
+  if (!auth_.Authorize(req, res, &s, /*recheck=*/false)) return;
   // api, version and method name the call; every other query parameter is a
   // parameter of the method, read as JSON when it parses as JSON.
   Json::Value body(Json::objectValue);

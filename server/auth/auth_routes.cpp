@@ -1,9 +1,10 @@
-// Login, logout and session handling of the HTTP server.
+#include "auth/auth_routes.h"
+
 #include <json/value.h>
 #include <strings.h>
 
 #include "api/json_util.h"
-#include "http/http_impl.h"
+#include "auth/random.h"
 #include "tavo/user.h"
 
 namespace tavo_server {
@@ -66,26 +67,43 @@ std::string RequestToken(const HttpRequest& req) {
   return "";
 }
 
-void HttpServer::Impl::EndGrants() {
-  for (const SessionStore::Session& s : sessions.TakeEnded())
-    ops.Logout(LoginIdentity{s.account, s.stamp, s.grant});
+void AuthRoutes::EndGrants() {
+  for (const SessionStore::Session& s : sessions_.TakeEnded())
+    ops_.Logout(LoginIdentity{s.account, s.stamp, s.grant});
 }
 
-void HttpServer::Impl::AddAuthRoutes() {
+ThrottleLimits LoginLimits(const ServeOptions& o) {
+  ThrottleLimits l;
+  l.per_pair = l.per_device = l.free_per_account = o.login_max_failures;
+  l.per_address = 4 * o.login_max_failures;
+  l.window = std::chrono::seconds(o.login_window);
+  return l;
+}
+
+AuthRoutes::AuthRoutes(const ServeOptions& options, AccountOps& ops, Metrics& metrics)
+    : options_(options),
+      ops_(ops),
+      metrics_(metrics),
+      sessions_(std::chrono::seconds(options.session_idle),
+                std::chrono::seconds(options.session_lifetime),
+                static_cast<size_t>(options.max_sessions)),
+      logins_(LoginLimits(options), RandomHex(32), std::chrono::hours(24 * 30)) {}
+
+void AuthRoutes::Register(HttpServer& server) {
+  using Lane = HttpServer::Lane;
   using Req = const HttpRequest&;
   using Res = HttpResponse&;
   // A login hashes a password, and a logout tells the account side: a worker
   // answers. The session check only looks in memory.
-  routes.push_back(
-      {"POST", "/api/auth/login", Lane::kWorker, [this](Req q, Res r) { Login(q, r); }});
-  routes.push_back(
-      {"POST", "/api/auth/logout", Lane::kWorker, [this](Req q, Res r) { Logout(q, r); }});
-  routes.push_back(
-      {"GET", "/api/auth/session", Lane::kEvent, [this](Req q, Res r) { SessionInfo(q, r); }});
+  server.AddRoute("POST", "/api/auth/login", Lane::kWorker, [this](Req q, Res r) { Login(q, r); });
+  server.AddRoute("POST", "/api/auth/logout", Lane::kWorker,
+                  [this](Req q, Res r) { Logout(q, r); });
+  server.AddRoute("GET", "/api/auth/session", Lane::kEvent,
+                  [this](Req q, Res r) { SessionInfo(q, r); });
 }
 
-bool HttpServer::Impl::Authorize(const HttpRequest& req, HttpResponse& res,
-                                 SessionStore::Session* s, bool recheck) {
+bool AuthRoutes::Authorize(const HttpRequest& req, HttpResponse& res, SessionStore::Session* s,
+                           bool recheck) {
   EndGrants();
   const std::string token = RequestToken(req);
   if (token.empty()) {
@@ -94,18 +112,18 @@ bool HttpServer::Impl::Authorize(const HttpRequest& req, HttpResponse& res,
               "or Authorization: Bearer");
     return false;
   }
-  if (!sessions.FindByToken(token, s)) {
+  if (!sessions_.FindByToken(token, s)) {
     SendError(res, 401, "not logged in: the session has ended; log in again");
     return false;
   }
   res.log.account = s->account;
   // Membership may have been withdrawn, or the password changed, since the login.
   return !recheck ||
-         !Refuse(req, res, *s, ops.Recheck(LoginIdentity{s->account, s->stamp, s->grant}));
+         !Refuse(req, res, *s, ops_.Recheck(LoginIdentity{s->account, s->stamp, s->grant}));
 }
 
-bool HttpServer::Impl::Refuse(const HttpRequest& req, HttpResponse& res,
-                              const SessionStore::Session& s, LoginResult r) {
+bool AuthRoutes::Refuse(const HttpRequest& req, HttpResponse& res, const SessionStore::Session& s,
+                        LoginResult r) {
   switch (r) {
     case LoginResult::kOk:
       return false;
@@ -116,15 +134,15 @@ bool HttpServer::Impl::Refuse(const HttpRequest& req, HttpResponse& res,
       break;
   }
   SessionStore::Session ended;
-  if (sessions.Remove(RequestToken(req), &ended))
-    ops.Logout(LoginIdentity{ended.account, ended.stamp, ended.grant});
+  if (sessions_.Remove(RequestToken(req), &ended))
+    ops_.Logout(LoginIdentity{ended.account, ended.stamp, ended.grant});
   SendError(res, 401,
             "the session has ended: the account " + s.account +
                 " is no longer a valid administrator or its password changed");
   return true;
 }
 
-void HttpServer::Impl::Login(const HttpRequest& req, HttpResponse& res) {
+void AuthRoutes::Login(const HttpRequest& req, HttpResponse& res) {
   Json::Value body;
   if (!IsJsonBody(req)) {
     SendError(res, 400, "send the login with Content-Type: application/json");
@@ -144,56 +162,56 @@ void HttpServer::Impl::Login(const HttpRequest& req, HttpResponse& res) {
   LoginGate::Attempt attempt{body["account"].asString(), body["password"].asString(),
                              req.remote_addr, CookieValue(req, kDeviceCookie)};
   res.log.account = attempt.account;
-  LoginGate::Outcome outcome = logins.Try(attempt, ops);
+  LoginGate::Outcome outcome = logins_.Try(attempt, ops_);
   if (outcome.status != 200) {
-    metrics.FailedLogin();
+    metrics_.FailedLogin();
     if (outcome.retry_after > 0) res.SetHeader("Retry-After", std::to_string(outcome.retry_after));
     SendError(res, outcome.status, outcome.error);
     return;
   }
   res.log.account = outcome.who.name;
   SessionStore::Session s;
-  const bool created = sessions.Create(outcome.who.name, outcome.who.stamp, &s, outcome.who.grant);
+  const bool created = sessions_.Create(outcome.who.name, outcome.who.stamp, &s, outcome.who.grant);
   EndGrants();  // of sessions dropped to make room, among others
   if (!created) {
     SendError(res, 500, "no session could be started");
     return;
   }
-  res.AddHeader("Set-Cookie", SessionCookie(s.id, -1, options.tls()));
+  res.AddHeader("Set-Cookie", SessionCookie(s.id, -1, options_.tls()));
   if (!outcome.device_cookie.empty()) {
     res.AddHeader("Set-Cookie", std::string(kDeviceCookie) + "=" + outcome.device_cookie +
                                     "; Path=/api/auth; HttpOnly; SameSite=Strict; Max-Age=" +
-                                    std::to_string(logins.devices().lifetime().count()) +
-                                    (options.tls() ? "; Secure" : ""));
+                                    std::to_string(logins_.devices().lifetime().count()) +
+                                    (options_.tls() ? "; Secure" : ""));
   }
-  SendJson(res, SessionData(s, options.session_idle));
+  SendJson(res, SessionData(s, options_.session_idle));
 }
 
-void HttpServer::Impl::Logout(const HttpRequest& req, HttpResponse& res) {
+void AuthRoutes::Logout(const HttpRequest& req, HttpResponse& res) {
   std::string key = RequestToken(req);
   if (key.empty()) key = CookieValue(req, kSessionCookie);
   SessionStore::Session ended;
   // The account process ends the session's grant too.
-  if (!key.empty() && sessions.Remove(key, &ended))
-    ops.Logout(LoginIdentity{ended.account, ended.stamp, ended.grant});
-  res.AddHeader("Set-Cookie", SessionCookie("", 0, options.tls()));
+  if (!key.empty() && sessions_.Remove(key, &ended))
+    ops_.Logout(LoginIdentity{ended.account, ended.stamp, ended.grant});
+  res.AddHeader("Set-Cookie", SessionCookie("", 0, options_.tls()));
   Json::Value out(Json::objectValue);
   out["success"] = true;
   out["data"] = Json::Value(Json::objectValue);
   SendJson(res, out);
 }
 
-void HttpServer::Impl::SessionInfo(const HttpRequest& req, HttpResponse& res) {
+void AuthRoutes::SessionInfo(const HttpRequest& req, HttpResponse& res) {
   SessionStore::Session s;
   const std::string token = RequestToken(req);
-  bool found = token.empty() ? sessions.FindById(CookieValue(req, kSessionCookie), &s)
-                             : sessions.FindByToken(token, &s);
+  bool found = token.empty() ? sessions_.FindById(CookieValue(req, kSessionCookie), &s)
+                             : sessions_.FindByToken(token, &s);
   if (!found) {
     SendError(res, 401, "not logged in");
     return;
   }
   res.log.account = s.account;
-  SendJson(res, SessionData(s, options.session_idle));
+  SendJson(res, SessionData(s, options_.session_idle));
 }
 
 }  // namespace tavo_server
