@@ -12,6 +12,7 @@
 
 #include "accounts/group_internal.h"
 #include "accounts/snapshot/names.h"
+#include "core/szlist_internal.h"
 #include "tavo/group.h"
 #include "tavo/testing.h"
 #include "tavo/user.h"
@@ -95,10 +96,12 @@ int EnumNames(TLIBC_SZLIST** list, int type, const char* substr, int match_flag)
       auto users = Passwd();
       auto defs = Defs();
       if (!users || !defs) return -1;
-      std::string name;
-      for (int u : users->Local(*defs)->order) {
-        name.assign(users->Name(u));
-        if (TLIBCSzListAdd(list, name.c_str()) != 0) return -1;
+      const auto local = users->Local(*defs);
+      if (::tavo::internal::SzListReserve(
+              *list, (*list)->count + static_cast<int>(local->order.size())) != 0)
+        return -1;
+      for (int u : local->order) {
+        if (::tavo::internal::SzListAdd(*list, users->Name(u)) != 0) return -1;
         ++added;
       }
       return added;

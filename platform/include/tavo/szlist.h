@@ -1,5 +1,10 @@
 // A growable list of owned C strings.
 //
+// The strings are copied into blocks the list owns, and a large list's
+// blocks and item array are mapped from the system apart from the heap, so a
+// list of every user costs one copy of the names and gives its memory back
+// when freed.
+//
 // Thread-safety: a list belongs to one thread at a time.
 #ifndef TAVO_SZLIST_H_
 #define TAVO_SZLIST_H_
@@ -7,7 +12,8 @@
 struct TLIBC_SZLIST {
   int count;     // items in use
   int capacity;  // items allocated
-  char** items;  // each item malloc'ed and owned by the list
+  char** items;  // each item a string owned by the list
+  void* blocks;  // where the items' bytes live (the list's own business)
 };
 
 extern "C" {
