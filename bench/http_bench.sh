@@ -117,7 +117,8 @@ if [ "$(id -u)" = 0 ]; then
   start_extra split --privsep-user nobody
   ts=$(rate -H "Authorization: Bearer $xtoken" "http://127.0.0.1:$xport$page")
   echo "shipped mode (--privsep-user nobody), page reused: $(python3 -c "print(f'{float(\"$ts\"):.0f} req/s, {100*float(\"$ts\")/float(\"$n\"):.1f}% of nginx, {float(\"$ts\")/float(\"$t\"):.2f}x one process')")"
-  echo "shipped mode, latency: $(python3 "$top/bench/http_clients.py" latency "$xport" "$page" "$xtoken" 1000)"
+  lat_shipped=$(python3 "$top/bench/http_clients.py" latency "$xport" "$page" "$xtoken" 1000)
+  echo "shipped mode, latency: $lat_shipped"
   stop_extra
   start_extra split0 --privsep-user nobody --answer-cache 0
   ts0=$(rate -H "Authorization: Bearer $xtoken" "http://127.0.0.1:$xport$page")
@@ -128,7 +129,8 @@ s=$(rate "http://127.0.0.1:$port/page.json")
 compare "the same bytes as a static file" "$s" "$n"
 
 echo "== latency: one keep-alive client, 1,000 sequential requests"
-echo "tavo:  $(python3 "$top/bench/http_clients.py" latency "$port" "$page" "$token" 1000)"
+lat_one=$(python3 "$top/bench/http_clients.py" latency "$port" "$page" "$token" 1000)
+echo "tavo:  $lat_one"
 echo "nginx: $(python3 "$top/bench/http_clients.py" latency "$nport" "$page" - 1000)"
 
 echo "== one request after 5 ms of doing nothing (as a change's answer comes), 200 times"
@@ -163,3 +165,20 @@ for _ in 1 2; do
   echo "tavo:                           $("$dir/bin/change_client" "$port" "$token" g00000 u05000 200)"
   echo "one-thread server (the floor):  $("$dir/bin/change_client" "$fport" - g00000 u05000 200)"
 done
+
+if [ -n "${ts:-}" ]; then
+  echo "== summary: the shipped mode first, one process beside it, nginx the baseline"
+  python3 - "$n" "$ts" "$ts0" "$t" "$t0" "$lat_shipped" "$lat_one" <<'PY'
+import re, sys
+n, ts, ts0, t, t0 = map(float, sys.argv[1:6])
+med = lambda text: float(re.search(r"median ([0-9.]+) ms", text).group(1))
+rows = [("shipped mode, page reused", ts, ts / t), ("shipped mode, page made afresh", ts0, ts0 / t0),
+        ("one process, page reused", t, None), ("one process, page made afresh", t0, None),
+        ("nginx, the same bytes (baseline)", n, None)]
+for name, rate, ratio in rows:
+    extra = f"{ratio:.2f}x one process" if ratio is not None else ""
+    print(f"{name:34s} {rate:8.0f} req/s {100 * rate / n:5.1f}% of nginx  {extra}")
+s, o = med(sys.argv[6]), med(sys.argv[7])
+print(f"list latency, median: shipped {s:.3f} ms, one process {o:.3f} ms: the channel adds {s - o:.3f} ms")
+PY
+fi

@@ -74,10 +74,14 @@ std::string ModuleSet::ReadDescription(const std::string& module_path, const std
     }
   }
   if (!in) return "";  // optional
-  std::string text(kMaxDescription + 1, '\0');
-  in.read(&text[0], static_cast<std::streamsize>(text.size()));
+  // Read as it comes, a piece at a time: a buffer of the whole limit would
+  // be one large short-lived allocation, after which the C library keeps
+  // every allocation up to that size in its heap instead of returning it.
+  std::string text;
+  char piece[16 << 10];
+  while (text.size() <= kMaxDescription && in.read(piece, sizeof piece).gcount() > 0)
+    text.append(piece, static_cast<size_t>(in.gcount()));
   if (in.bad()) return path + " cannot be read";
-  text.resize(static_cast<size_t>(in.gcount()));
   if (text.size() > kMaxDescription)
     return path + " is longer than " + std::to_string(kMaxDescription) + " bytes";
   Json::CharReaderBuilder builder;
