@@ -4,6 +4,7 @@
 
 #include "api/json_util.h"
 #include "http/http_impl.h"
+#include "live/notice_hub.h"
 #include "tavo/user.h"
 
 namespace tavo_server {
@@ -173,9 +174,12 @@ void HttpServer::Impl::Logout(const HttpRequest& req, HttpResponse& res) {
   std::string key = RequestToken(req);
   if (key.empty()) key = CookieValue(req, kSessionCookie);
   SessionStore::Session ended;
-  // The account process ends the session's grant too.
-  if (!key.empty() && sessions.Remove(key, &ended))
+  // The account process ends the session's grant too, and its change
+  // streams end now.
+  if (!key.empty() && sessions.Remove(key, &ended)) {
     ops.Logout(LoginIdentity{ended.account, ended.stamp, ended.grant});
+    if (live) live->EndSession(ended.token);
+  }
   res.AddHeader("Set-Cookie", SessionCookie("", 0, options.tls()));
   Json::Value out(Json::objectValue);
   out["success"] = true;

@@ -95,6 +95,7 @@ HttpServer::Impl::Impl(const ServeOptions& o, AccountOps& a)
   // description and the counters.
   AddAuthRoutes();
   AddApiRoutes();
+  AddLiveRoutes();
   using Req = const HttpRequest&;
   using Res = HttpResponse&;
   routes.push_back({"GET", "/healthz", Lane::kEvent, [this](Req q, Res r) { Health(q, r); }});

@@ -24,6 +24,8 @@
 #include "http/static_cache.h"
 #include "http/static_files.h"
 #include "http/worker_pool.h"
+#include "live/change_watch.h"
+#include "live/notice_hub.h"
 
 struct MHD_Daemon;
 
@@ -69,6 +71,10 @@ struct HttpServer::Impl {
   SitePolicy site;                  // Host and Origin
   std::atomic<int> connections{0};  // open connections
   std::atomic<int> in_flight{0};    // requests whose head has arrived, not yet answered
+  std::atomic<int> streams{0};      // of them, change streams being sent
+  // The change streams and their watch (live/), while Run serves.
+  std::unique_ptr<NoticeHub> live;
+  std::unique_ptr<ChangeWatch> watch;
   std::atomic<bool> stopping{false};
   std::mutex stop_mu;
   std::condition_variable stop_cv;
@@ -88,6 +94,11 @@ struct HttpServer::Impl {
   // The routes that register themselves (auth/http_auth.cpp, api/http_api.cpp).
   void AddAuthRoutes();
   void AddApiRoutes();
+  void AddLiveRoutes();
+  // Starts the change watch and the stream hub (live/http_live.cpp) before
+  // the event threads start; StopLive after they stopped.
+  void StartLive();
+  void StopLive();
   // Route handlers (auth/http_auth.cpp, api/http_api.cpp, http_core.cpp).
   void Login(const HttpRequest& req, HttpResponse& res);
   void Logout(const HttpRequest& req, HttpResponse& res);
@@ -102,6 +113,7 @@ struct HttpServer::Impl {
   void Health(const HttpRequest& req, HttpResponse& res);
   void OpenApi(const HttpRequest& req, HttpResponse& res);
   void MetricsText(const HttpRequest& req, HttpResponse& res);
+  void LiveStream(const HttpRequest& req, HttpResponse& res);
 
   // Tells the account side of the sessions that ended without a logout, so
   // that their grants end too (a call on the channel: workers only).

@@ -8,6 +8,8 @@
 //   GET  /api/info          the loaded APIs and methods            (token)
 //   POST /api               {"api", "version", "method", "params"} (token)
 //   GET  /api?api=..&version=..&method=..&NAME=VALUE..             (token)
+//   GET  /api/live          a text/event-stream of change notices  (token,
+//                           same site only; live/http_live.cpp)
 //   GET  anything else      a file of the admin page folder
 // "(token)": the request must carry the session token in X-Tavo-Token or in
 // Authorization: Bearer; a session cookie alone is refused. API answers are
