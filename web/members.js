@@ -14,6 +14,8 @@ import { whileDisabled } from './busy.js';
 import { createUserPanel } from './user-panel.js';
 import { exportMembers } from './export.js';
 import { createMemberCounts } from './member-counts.js';
+import { onChange } from './live.js';
+import { membersHref } from './groups.js';
 
 // Accounts that are always kept in "administrators".
 const ALWAYS_ADMIN = ['admin', 'tavocms'];
@@ -108,9 +110,59 @@ export function renderMembers(main, group) {
     section.appendChild(h('p', { class: 'note' },
       'Members of "administrators" may manage this appliance. The built-in account "admin" is never removed from it, and the last valid administrator cannot be removed.'));
   }
+  const conflict = h('div', { class: 'conflict', role: 'alert' });
+  section.appendChild(conflict);
   section.appendChild(h('div', { class: 'panels' }, members.element, others.element));
   members.load();
   others.load();
   counts.refresh();
   heading.focus();
+  followChanges(main, group, conflict, async () => {
+    await Promise.all([members.load(), others.load(), counts.refresh()]);
+  });
+}
+
+// Changes made elsewhere: the lists are shown again, keeping the searches,
+// pages and selections. When the group itself was renamed or deleted, that
+// is explained instead and the lists are left as they were: the view does
+// not move to another group by itself.
+function followChanges(main, group, conflict, reload) {
+  const view = main.firstElementChild;
+  let gid = null;
+  call('TAVO.Core.Group', 'get', { name: group }).then((data) => {
+    gid = data.groups?.[0]?.gid ?? null;
+  }, () => {});
+  const unfollow = onChange(async (what) => {
+    if (!main.contains(view)) {
+      unfollow();
+      return;
+    }
+    if (!what.groups) return;
+    if (gid !== null) {
+      let current;
+      try {
+        const data = await call('TAVO.Core.Group', 'get', { gid });
+        current = Array.isArray(data.groups) ? data.groups[0] : undefined;
+      } catch (err) {
+        return;
+      }
+      if (!current) {
+        conflict.replaceChildren(h('p', {}, `Someone else deleted the group "${group}". Its members can no longer be changed here.`),
+          h('p', {}, h('a', { href: '#/groups' }, 'Back to all groups')));
+        view.querySelectorAll('.panels button').forEach((b) => { b.disabled = true; });
+        unfollow();
+        return;
+      }
+      if (String(current.name) !== group) {
+        const name = String(current.name);
+        conflict.replaceChildren(h('p', {}, `Someone else renamed the group "${group}" to "${name}". `
+          + 'This page still shows it under its old name; changes made here would no longer reach it.'),
+        h('p', {}, h('a', { href: membersHref(name) }, `Show the members of "${name}"`)));
+        view.querySelectorAll('.panels button').forEach((b) => { b.disabled = true; });
+        unfollow();
+        return;
+      }
+    }
+    await reload();
+  });
 }
