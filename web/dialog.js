@@ -26,7 +26,6 @@ export function openDialog({
   const submit = h('button', { type: 'submit', class: danger ? 'danger' : 'primary' }, submitLabel);
   const form = h('form', { method: 'dialog', novalidate: true },
     h('h2', { id: titleId }, title),
-    conflictBox,
     h('div', { class: 'dialog-body' }, content),
     errorBox,
     h('div', { class: 'dialog-actions' }, cancel, submit));
@@ -98,9 +97,12 @@ export function openDialog({
   dialog.showModal();
   const first = form.querySelector('input, textarea, select');
   (first || submit).focus();
+  // The region is put in only when there is something to say, so that the
+  // dialog has one alert region until then.
   const explain = (lines) => {
     const list = Array.isArray(lines) ? lines : [lines];
     conflictBox.replaceChildren(...list.map((line) => h('p', {}, line)));
+    if (!conflictBox.isConnected) form.insertBefore(conflictBox, form.querySelector('.dialog-body'));
   };
   return { dialog, form, close, submit, explain };
 }

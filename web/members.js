@@ -110,14 +110,12 @@ export function renderMembers(main, group) {
     section.appendChild(h('p', { class: 'note' },
       'Members of "administrators" may manage this appliance. The built-in account "admin" is never removed from it, and the last valid administrator cannot be removed.'));
   }
-  const conflict = h('div', { class: 'conflict', role: 'alert' });
-  section.appendChild(conflict);
   section.appendChild(h('div', { class: 'panels' }, members.element, others.element));
   members.load();
   others.load();
   counts.refresh();
   heading.focus();
-  followChanges(main, group, conflict, async () => {
+  followChanges(main, group, async () => {
     await Promise.all([members.load(), others.load(), counts.refresh()]);
   });
 }
@@ -126,8 +124,16 @@ export function renderMembers(main, group) {
 // pages and selections. When the group itself was renamed or deleted, that
 // is explained instead and the lists are left as they were: the view does
 // not move to another group by itself.
-function followChanges(main, group, conflict, reload) {
+function followChanges(main, group, reload) {
   const view = main.firstElementChild;
+  const conflict = h('div', { class: 'conflict', role: 'alert' });
+  // Explains, in place of the lists' actions, and stops following.
+  const explain = (...lines) => {
+    conflict.replaceChildren(...lines.map((line) => h('p', {}, line)));
+    view.insertBefore(conflict, view.querySelector('.panels'));
+    view.querySelectorAll('.panels button').forEach((b) => { b.disabled = true; });
+    unfollow();
+  };
   let gid = null;
   call('TAVO.Core.Group', 'get', { name: group }).then((data) => {
     gid = data.groups?.[0]?.gid ?? null;
@@ -147,19 +153,15 @@ function followChanges(main, group, conflict, reload) {
         return;
       }
       if (!current) {
-        conflict.replaceChildren(h('p', {}, `Someone else deleted the group "${group}". Its members can no longer be changed here.`),
-          h('p', {}, h('a', { href: '#/groups' }, 'Back to all groups')));
-        view.querySelectorAll('.panels button').forEach((b) => { b.disabled = true; });
-        unfollow();
+        explain(`Someone else deleted the group "${group}". Its members can no longer be changed here.`,
+          h('a', { href: '#/groups' }, 'Back to all groups'));
         return;
       }
       if (String(current.name) !== group) {
         const name = String(current.name);
-        conflict.replaceChildren(h('p', {}, `Someone else renamed the group "${group}" to "${name}". `
-          + 'This page still shows it under its old name; changes made here would no longer reach it.'),
-        h('p', {}, h('a', { href: membersHref(name) }, `Show the members of "${name}"`)));
-        view.querySelectorAll('.panels button').forEach((b) => { b.disabled = true; });
-        unfollow();
+        explain(`Someone else renamed the group "${group}" to "${name}". `
+          + 'This page still shows it under its old name; changes made here would no longer reach it.',
+        h('a', { href: membersHref(name) }, `Show the members of "${name}"`));
         return;
       }
     }

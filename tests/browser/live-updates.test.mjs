@@ -56,13 +56,19 @@ describe('live updates', () => {
     if (asRoot) {
       tool('groupadd', ['-P', env.root, 'live-tool']);
       await row(b, 'live-tool').waitFor({ timeout: SOON });
-      // A looks at the members of live-one while the console adds one.
-      await a.getByRole('link', { name: 'Members of live-one' }).click();
-      await waitForText(region(a, 'Members'), 'This group has no members.');
+    }
+    // A looks at the members of live-one while the console adds one, then
+    // renames the group: the view says so rather than follow it.
+    await a.getByRole('link', { name: 'Members of live-one' }).click();
+    await waitForText(region(a, 'Members'), 'This group has no members.');
+    if (asRoot) {
       tool('gpasswd', ['-Q', env.root, '-a', 'alice', 'live-one']);
       await region(a, 'Members').getByLabel('Select alice').waitFor({ timeout: SOON });
-      await a.getByRole('link', { name: '‹ All groups' }).click();
     }
+    tavoCall(env.root, 'TAVO.Core.Group', 'set', { name: 'live-one', new_name: 'live-first' });
+    await waitForText(a.locator('.conflict'), 'Someone else renamed the group "live-one" to "live-first"', SOON);
+    await a.getByRole('link', { name: 'Show the members of "live-first"' }).click();
+    await a.getByRole('heading', { name: 'Members of live-first' }).waitFor();
     await screenshot(b, 'live-updated');
   });
 
@@ -82,13 +88,13 @@ describe('live updates', () => {
     const saved = tavoCall(env.root, 'TAVO.Core.Group', 'get', { name: 'live-renamed' }).data.groups[0];
     assert.equal(saved.description, 'typed by ops');
 
-    await b.getByRole('button', { name: 'Edit group live-one' }).click();
-    tavoCall(env.root, 'TAVO.Core.Group', 'delete', { name: ['live-one'] });
-    await waitForText(dialog, 'Someone else deleted the group "live-one"', SOON);
+    await b.getByRole('button', { name: 'Edit group live-first' }).click();
+    tavoCall(env.root, 'TAVO.Core.Group', 'delete', { name: ['live-first'] });
+    await waitForText(dialog, 'Someone else deleted the group "live-first"', SOON);
     assert.equal(await dialog.getByRole('button', { name: 'Save changes' }).isDisabled(), true);
     await b.keyboard.press('Escape');
     await dialog.waitFor({ state: 'detached' });
-    await row(b, 'live-one').waitFor({ state: 'detached', timeout: SOON });
+    await row(b, 'live-first').waitFor({ state: 'detached', timeout: SOON });
   });
 
   test('the stream refuses a logged-in browser\'s cookie alone, and requests from another site', async () => {
