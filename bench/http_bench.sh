@@ -141,8 +141,10 @@ echo "tavo, a module call (group get):    $(idle "$port" "/api?api=TAVO.Core.Gro
 echo "== slow clients"
 python3 "$top/bench/http_clients.py" slow "$port" "$token" "$tavo_pid" 2000 2000
 
-echo "== 1,000 open change streams"
-python3 "$top/bench/http_clients.py" streams "$port" bench-Admin-pw-1 "$tavo_pid" 1000
+echo "== 1,000 open change streams, on a server started afresh (so that its RSS grows with them)"
+start_extra streams
+python3 "$top/bench/http_clients.py" streams "$xport" bench-Admin-pw-1 "$xpid" 1000
+stop_extra
 
 echo "== a membership change over keep-alive, beside the same change in process"
 # Each change over HTTP is followed at once by the same change made in

@@ -288,30 +288,38 @@ def streams(port, password, pid, n):
     rss0, _ = proc_status(pid)
     sel = selectors.DefaultSelector()
     held = []
-    for i in range(n):
+
+    def open_stream(i):
         s = socket.socket()
         s.bind((f'127.0.1.{1 + i % 200}', 0))
         s.connect(('127.0.0.1', port))
         s.sendall(f'GET /api/live HTTP/1.1\r\nHost: 127.0.0.1\r\n'
                   f'X-Tavo-Token: {tokens[i // 8]}\r\n\r\n'.encode())
-        held.append(s)
-    for s in held:  # each stream's head and its "ready"
-        s.settimeout(10)
-        got = b''
-        while b'event: ready' not in got:
-            chunk = s.recv(65536)
-            if not chunk:
-                raise SystemExit(f'a stream closed: {got[:200]!r}')
-            got += chunk
-        s.setblocking(False)
-        sel.register(s, selectors.EVENT_READ)
+        return s
+
+    # Opened 100 at a time, as pages come: a burst larger than the workers'
+    # queue (each opening rechecks its session's account) would get 503.
+    for first in range(0, n, 100):
+        batch = [open_stream(i) for i in range(first, min(n, first + 100))]
+        for s in batch:  # each stream's head and its "ready"
+            s.settimeout(10)
+            got = b''
+            while b'event: ready' not in got:
+                chunk = s.recv(65536)
+                if not chunk or got.startswith(b'HTTP/1.1 5'):
+                    raise SystemExit(f'a stream was refused or closed: {got[:200]!r}')
+                got += chunk
+            s.setblocking(False)
+            sel.register(s, selectors.EVENT_READ)
+        held += batch
     rss, threads = proc_status(pid)
     times = timed_gets(port, '/api/info', {'Authorization': f'Bearer {tokens[0]}'}, 200)
     # One change, told to every stream.
     t = time.perf_counter()
     conn = http.client.HTTPConnection('127.0.0.1', port)
     conn.request('POST', '/api', body=json.dumps({'api': 'TAVO.Core.Group', 'version': 1,
-                                                  'method': 'create', 'params': {'name': 'streamed'}}),
+                                                  'method': 'create',
+                                                  'params': {'name': f'streamed{time.time_ns() % 10**9}'}}),
                  headers={'Content-Type': 'application/json', 'X-Tavo-Token': tokens[0]})
     conn.getresponse().read()
     waiting = set(held)
