@@ -128,6 +128,23 @@ describe('live updates', () => {
     assert.equal(await b.locator('body').getAttribute('data-live'), 'on');
   });
 
+  test('a stream that cannot be opened is tried again, less and less often, until it opens', async () => {
+    const page = await (await env.browser.newContext()).newPage();
+    const tries = [];
+    await page.route('**/api/live', (route) => {
+      tries.push(Date.now());
+      return route.abort('connectionreset');
+    });
+    await page.goto(`${env.url}/`);
+    await login(page, 'ops', ADMIN_PASSWORD);
+    while (tries.length < 3) await new Promise((r) => setTimeout(r, 50));
+    await page.unrouteAll();
+    await page.locator('body[data-live="on"]').waitFor({ timeout: 10000 });
+    const gaps = [tries[1] - tries[0], tries[2] - tries[1]];
+    assert.ok(gaps[0] >= 900 && gaps[1] >= 1.5 * gaps[0], `gaps between tries: ${gaps} ms`);
+    await page.context().close();
+  });
+
   test('a logout ends the stream', async () => {
     await a.getByRole('button', { name: 'Log out' }).click();
     await a.locator('body[data-live="off"]').waitFor();
