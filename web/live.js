@@ -58,9 +58,16 @@ async function dispatch(what) {
     pending = { groups: Boolean(pending?.groups || what.groups), events: Boolean(pending?.events || what.events) };
     return;
   }
+  // A refreshed table replaces its rows: focus on a control of a row moves to
+  // the new control of the same name, so that a keyboard user keeps the place.
+  const focused = document.activeElement;
+  const label = focused?.getAttribute?.('aria-label');
   running = Promise.allSettled(Array.from(listeners, (fn) => fn(what)));
   await running;
   running = null;
+  if (label && !focused.isConnected && document.activeElement === document.body) {
+    document.querySelector(`#main [aria-label="${CSS.escape(label)}"]`)?.focus();
+  }
   if (controller) showCue();
   if (pending) {
     const next = pending;

@@ -49,9 +49,16 @@ describe('live updates', () => {
     assert.equal(await b.getByLabel('Search groups').inputValue(), 'live');
     assert.equal(await row(b, 'staff').count(), 0, 'the search still filters');
 
+    // B has selected live-one with the keyboard: the refresh keeps the
+    // selection and the focus.
+    await b.getByLabel('Select group live-one').focus();
+    await b.keyboard.press('Space');
     tavoCall(env.root, 'TAVO.Core.Group', 'create', { name: 'live-cli', description: 'from the console' });
     await row(a, 'live-cli').waitFor({ timeout: SOON });
     await row(b, 'live-cli').waitFor({ timeout: SOON });
+    assert.equal(await b.getByLabel('Select group live-one').isChecked(), true);
+    await waitForText(b.locator('.selection-count'), '1 selected');
+    assert.equal(await b.evaluate(() => document.activeElement.getAttribute('aria-label')), 'Select group live-one');
 
     if (asRoot) {
       tool('groupadd', ['-P', env.root, 'live-tool']);
