@@ -5,7 +5,8 @@
 # a private nginx on free loopback ports, and prints throughput (wrk -t2 -c64
 # -d10s, keep-alive, a page of 50 groups), sequential latency (1,000 requests
 # on one connection), a logged-in client's latency while 2,000 half-sent heads
-# and 2,000 idle connections are held, and the HTTP cost of a membership change
+# and 2,000 idle connections are held, and while 1,000 change streams are
+# open (their memory, and how long a change takes to reach them all), and the HTTP cost of a membership change
 # beside the same change made in process. The page is measured twice: as
 # served (the answer reused while its files stand) and made afresh by the
 # module every time (a second server with --answer-cache 0), and, as root,
@@ -141,6 +142,11 @@ echo "tavo, a module call (group get):    $(idle "$port" "/api?api=TAVO.Core.Gro
 
 echo "== slow clients"
 python3 "$top/bench/http_clients.py" slow "$port" "$token" "$tavo_pid" 2000 2000
+
+echo "== 1,000 open change streams, on a server started afresh (so that its RSS grows with them)"
+start_extra streams
+python3 "$top/bench/http_clients.py" streams "$xport" bench-Admin-pw-1 "$xpid" 1000
+stop_extra
 
 echo "== a membership change over keep-alive, beside the same change in process"
 # Each change over HTTP is followed at once by the same change made in

@@ -19,10 +19,16 @@
       HEADS connections holding half-sent heads and IDLE kept-alive idle
       connections from 127.0.1.x addresses; meanwhile 200 GET /api/info from
       127.0.0.1: p99 in ms, and the server's RSS and threads while held
+  http_clients.py streams PORT PASSWORD PID N
+      N change streams (GET /api/live) held open from 127.0.1.x addresses,
+      by N/8 sessions of admin (a session may hold 8); meanwhile 200 GET
+      /api/info from 127.0.0.1: p99 in ms, the server's RSS per stream, and
+      how long one change takes to reach every stream
 """
 import http.client
 import json
 import resource
+import selectors
 import socket
 import sys
 import time
@@ -266,6 +272,71 @@ def slow(port, token, pid, heads, idle):
         s.close()
 
 
+def log_in(port, password):
+    conn = http.client.HTTPConnection('127.0.0.1', port)
+    conn.request('POST', '/api/auth/login', body=json.dumps({'account': 'admin', 'password': password}),
+                 headers={'Content-Type': 'application/json'})
+    token = json.loads(conn.getresponse().read())['data']['token']
+    conn.close()
+    return token
+
+
+def streams(port, password, pid, n):
+    soft, hard = resource.getrlimit(resource.RLIMIT_NOFILE)
+    resource.setrlimit(resource.RLIMIT_NOFILE, (hard, hard))
+    tokens = [log_in(port, password) for _ in range((n + 7) // 8)]
+    rss0, _ = proc_status(pid)
+    sel = selectors.DefaultSelector()
+    held = []
+
+    def open_stream(i):
+        s = socket.socket()
+        s.bind((f'127.0.1.{1 + i % 200}', 0))
+        s.connect(('127.0.0.1', port))
+        s.sendall(f'GET /api/live HTTP/1.1\r\nHost: 127.0.0.1\r\n'
+                  f'X-Tavo-Token: {tokens[i // 8]}\r\n\r\n'.encode())
+        return s
+
+    # Opened 100 at a time, as pages come: a burst larger than the workers'
+    # queue (each opening rechecks its session's account) would get 503.
+    for first in range(0, n, 100):
+        batch = [open_stream(i) for i in range(first, min(n, first + 100))]
+        for s in batch:  # each stream's head and its "ready"
+            s.settimeout(10)
+            got = b''
+            while b'event: ready' not in got:
+                chunk = s.recv(65536)
+                if not chunk or got.startswith(b'HTTP/1.1 5'):
+                    raise SystemExit(f'a stream was refused or closed: {got[:200]!r}')
+                got += chunk
+            s.setblocking(False)
+            sel.register(s, selectors.EVENT_READ)
+        held += batch
+    rss, threads = proc_status(pid)
+    times = timed_gets(port, '/api/info', {'Authorization': f'Bearer {tokens[0]}'}, 200)
+    # One change, told to every stream.
+    t = time.perf_counter()
+    conn = http.client.HTTPConnection('127.0.0.1', port)
+    conn.request('POST', '/api', body=json.dumps({'api': 'TAVO.Core.Group', 'version': 1,
+                                                  'method': 'create',
+                                                  'params': {'name': f'streamed{time.time_ns() % 10**9}'}}),
+                 headers={'Content-Type': 'application/json', 'X-Tavo-Token': tokens[0]})
+    conn.getresponse().read()
+    waiting = set(held)
+    while waiting and time.perf_counter() - t < 10:
+        for key, _ in sel.select(timeout=1):
+            if key.fileobj in waiting and b'event: change' in key.fileobj.recv(65536):
+                waiting.discard(key.fileobj)
+    fan_out = (time.perf_counter() - t) * 1000
+    to_kib = lambda v: int(v.split()[0])
+    per = (to_kib(rss) - to_kib(rss0)) / n
+    print(f'{n} change streams held: logged-in client median {pct(times, 0.5):.3f} ms '
+          f'p99 {pct(times, 0.99):.3f} ms; server RSS {rss} (before {rss0}: {per:.1f} KiB a stream), '
+          f'threads {threads}; one change reached {n - len(waiting)} of them in {fan_out:.0f} ms')
+    for s in held:
+        s.close()
+
+
 if __name__ == '__main__':
     cmd, args = sys.argv[1], sys.argv[2:]
     if cmd == 'latency':
@@ -276,3 +347,5 @@ if __name__ == '__main__':
         idle_round_trips(int(args[0]), args[1], args[2], int(args[3]), float(args[4]))
     elif cmd == 'slow':
         slow(int(args[0]), args[1], int(args[2]), int(args[3]), int(args[4]))
+    elif cmd == 'streams':
+        streams(int(args[0]), args[1], int(args[2]), int(args[3]))

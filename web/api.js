@@ -147,3 +147,26 @@ export async function call(api, method, params = {}) {
   }
   return dataOf(answer);
 }
+
+// Opens a streamed answer (the change stream) with the session token in its
+// header; resolves with the Response once its head has arrived. `signal`
+// aborts it. A 401 ends the session here as a call's would.
+export async function openStream(path, signal) {
+  if (token === null) throw new ApiError('expired');
+  let response;
+  try {
+    response = await fetch(path, {
+      credentials: 'same-origin', cache: 'no-store', headers: { 'X-Tavo-Token': token }, signal,
+    });
+  } catch (err) {
+    throw new ApiError('network', { detail: String(err && err.message) });
+  }
+  if (response.status === 401) {
+    token = null;
+    account = '';
+    for (const fn of expiredListeners) fn();
+    throw new ApiError('expired');
+  }
+  if (response.status !== 200 || !response.body) throw new ApiError('http', { status: response.status });
+  return response;
+}

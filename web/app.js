@@ -8,7 +8,8 @@
 //   #/import          import from a CSV file
 // A reload keeps the person logged in as long as the server's session lives
 // (restoreSession); any call that finds the session gone shows the login
-// form with a sentence that says so.
+// form with a sentence that says so. While logged in, the views on screen
+// follow changes made elsewhere (live.js).
 
 import * as api from './api.js';
 import { whileDisabled } from './busy.js';
@@ -20,6 +21,7 @@ import { renderMembers } from './members.js';
 import { SESSION_EXPIRED, describeError } from './messages.js';
 import { clearMessages } from './status.js';
 import { installShortcuts, openShortcutHelp } from './shortcuts.js';
+import { startLive, stopLive } from './live.js';
 
 const main = document.getElementById('main');
 let loginShown = false;
@@ -72,6 +74,7 @@ function showLogin({ message = '', note = '' } = {}) {
     });
     if (api.isLoggedIn()) {
       loginShown = false;
+      startLive();
       route();
     } else {
       password.input.value = '';
@@ -121,6 +124,7 @@ function route() {
 }
 
 api.onExpired(() => {
+  stopLive();
   if (loginShown) return;
   showLogin({ message: SESSION_EXPIRED });
 });
@@ -138,6 +142,7 @@ document.querySelector('.skip-link').addEventListener('click', (event) => {
 });
 
 document.getElementById('logout').addEventListener('click', async (event) => {
+  stopLive();
   await whileDisabled([event.currentTarget], () => api.logout());
   showLogin({ note: 'You have logged out.' });
 });
@@ -149,6 +154,7 @@ async function start() {
   try {
     if (await api.restoreSession()) {
       loginShown = false;
+      startLive();
       route();
       return;
     }

@@ -9,14 +9,19 @@
 // onSubmit(form) resolves to true to close the dialog, or to a sentence (or
 // array of sentences) to show in the dialog's own alert region and keep it
 // open. It must not reject. `cancelLabel` null leaves the Cancel button out
-// (a dialog that only informs).
+// (a dialog that only informs). The returned explain(lines) says, in a region
+// of its own that a submit does not clear, that something changed underneath
+// the dialog; `onClose` runs when the dialog closes, however.
 
 import { h, uid } from './dom.js';
 
-export function openDialog({ title, content = [], submitLabel = 'OK', danger = false, onSubmit, cancelLabel = 'Cancel' }) {
+export function openDialog({
+  title, content = [], submitLabel = 'OK', danger = false, onSubmit, cancelLabel = 'Cancel', onClose,
+}) {
   const opener = document.activeElement;
   const titleId = uid('dialog-title');
   const errorBox = h('div', { class: 'dialog-error', role: 'alert' });
+  const conflictBox = h('div', { class: 'conflict', role: 'alert' });
   const cancel = cancelLabel ? h('button', { type: 'button', class: 'secondary' }, cancelLabel) : null;
   const submit = h('button', { type: 'submit', class: danger ? 'danger' : 'primary' }, submitLabel);
   const form = h('form', { method: 'dialog', novalidate: true },
@@ -31,6 +36,7 @@ export function openDialog({ title, content = [], submitLabel = 'OK', danger = f
     if (dialog.open) dialog.close();
   };
   dialog.addEventListener('close', () => {
+    onClose?.();
     dialog.remove();
     if (opener && opener.isConnected && typeof opener.focus === 'function') opener.focus();
   });
@@ -91,7 +97,14 @@ export function openDialog({ title, content = [], submitLabel = 'OK', danger = f
   dialog.showModal();
   const first = form.querySelector('input, textarea, select');
   (first || submit).focus();
-  return { dialog, form, close };
+  // The region is put in only when there is something to say, so that the
+  // dialog has one alert region until then.
+  const explain = (lines) => {
+    const list = Array.isArray(lines) ? lines : [lines];
+    conflictBox.replaceChildren(...list.map((line) => h('p', {}, line)));
+    if (!conflictBox.isConnected) form.insertBefore(conflictBox, form.querySelector('.dialog-body'));
+  };
+  return { dialog, form, close, submit, explain };
 }
 
 // A labelled text field for dialogs.

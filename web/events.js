@@ -9,6 +9,7 @@ import { h, replaceChildren, td, th, uid } from './dom.js';
 import { saveFile, toCsv } from './csv.js';
 import { createPager } from './pager.js';
 import { report } from './status.js';
+import { onChange } from './live.js';
 
 // "2026-11-22T01:40:00Z" -> the viewer's local date and time; anything that
 // does not parse is shown as it came.
@@ -142,4 +143,12 @@ export function renderEvents(main) {
     pager.element));
   load();
   heading.focus();
+  // New entries appear on the page shown, with the same filters.
+  const unfollow = onChange(async (what) => {
+    if (!main.contains(heading)) {
+      unfollow();
+      return;
+    }
+    if (what.events) await load();
+  });
 }

@@ -11,6 +11,7 @@ import { h } from './dom.js';
 import { openDialog, textField } from './dialog.js';
 import { describeCode, describeError } from './messages.js';
 import { showError, showNotice } from './status.js';
+import { onChange } from './live.js';
 
 const NAME_HINT = 'Up to 32 bytes; no spaces or any of : , / \\ @ " \' # ; and not only digits.';
 const DESCRIPTION_MAX = 256;
@@ -49,8 +50,48 @@ export function openCreateDialog(done) {
 // The two built-in groups keep their names; the appliance refuses to rename them.
 const BUILT_IN = ['administrators', 'users'];
 
+// Someone else may rename, describe anew or delete the group while its
+// dialog is open: each notice of a change to the groups looks the group up
+// again by its GID and explains what changed in the dialog. A name field the
+// person has not touched follows a rename, so that saving keeps the other
+// person's name; what the person typed is never replaced.
+function followGroup(group, known, opened) {
+  return async (what) => {
+    // The person's own save is not someone else's change.
+    if (!what.groups || known.saving) return;
+    let current;
+    try {
+      const data = await call('TAVO.Core.Group', 'get', { gid: group.gid });
+      current = Array.isArray(data.groups) ? data.groups[0] : undefined;
+    } catch (err) {
+      return; // looked at again with the next notice
+    }
+    const nameInput = opened.form.elements.name;
+    if (!current) {
+      opened.explain(`Someone else deleted the group "${known.name}" while this dialog was open. There is nothing left to save.`);
+      opened.submit.disabled = true;
+      return;
+    }
+    const lines = [];
+    const name = String(current.name);
+    const description = String(current.description ?? '');
+    if (name !== known.name) {
+      lines.push(`Someone else renamed the group "${known.name}" to "${name}" while this dialog was open.`);
+      if (nameInput.value.trim() === known.name) nameInput.value = name;
+      known.name = name;
+    }
+    if (description !== known.description) {
+      lines.push(`Someone else changed its description to "${description}". Saving replaces it with the description below.`);
+      known.description = description;
+    }
+    if (lines.length > 0) opened.explain(lines);
+  };
+}
+
 export function openEditDialog(group, done) {
   const builtIn = BUILT_IN.includes(String(group.name).toLowerCase());
+  // The group as last seen: the name a save compares the field with.
+  const known = { name: String(group.name), description: String(group.description ?? '') };
   const nameField = textField({
     name: 'name',
     label: 'Group name',
@@ -59,9 +100,11 @@ export function openEditDialog(group, done) {
     hint: builtIn ? 'Built-in groups keep their names; only the description can be changed.' : NAME_HINT,
   });
   if (builtIn) nameField.querySelector('input').readOnly = true;
-  openDialog({
+  let unfollow = null;
+  const opened = openDialog({
     title: `Edit group "${group.name}"`,
     submitLabel: 'Save changes',
+    onClose: () => unfollow?.(),
     content: [
       nameField,
       textField({ name: 'description', label: 'Description', value: group.description ?? '', maxlength: DESCRIPTION_MAX }),
@@ -74,21 +117,27 @@ export function openEditDialog(group, done) {
       // The name is sent only when it changes, so that saving a description
       // never touches the name (nor trips over a reserved one).
       const params = { gid: group.gid, description };
-      if (newName !== group.name) params.new_name = newName;
+      const oldName = known.name;
+      if (newName !== oldName) params.new_name = newName;
       let data;
+      known.saving = true;
       try {
         data = await call('TAVO.Core.Group', 'set', params);
       } catch (err) {
         return refusal(err, 'rename');
+      } finally {
+        known.saving = false;
       }
+      unfollow();
       const finalName = data.name ?? newName;
-      showNotice(finalName !== group.name
-        ? `The group "${group.name}" was renamed to "${finalName}".`
+      showNotice(finalName !== oldName
+        ? `The group "${oldName}" was renamed to "${finalName}".`
         : `The group "${finalName}" was saved.`);
       await done();
       return true;
     },
   });
+  unfollow = onChange(followGroup(group, known, opened));
 }
 
 // Deletes the groups named in `names` after a confirmation. Groups that remain

@@ -16,6 +16,7 @@ import { openCreateDialog, openDeleteDialog, openEditDialog } from './group-dial
 import { createDirectoryPanel } from './directory-status.js';
 import { createSorter } from './sort.js';
 import { exportGroups } from './export.js';
+import { onChange } from './live.js';
 
 const KINDS = [
   { type: 'local', label: 'Local groups' },
@@ -252,4 +253,13 @@ export function renderGroups(main) {
   kindChanged();
   load();
   heading.focus();
+  // A change made elsewhere: the same kind, search, page and selection are
+  // shown again; an open dialog stays open (group-dialogs.js explains).
+  const unfollow = onChange(async (what) => {
+    if (!main.contains(heading)) {
+      unfollow();
+      return;
+    }
+    if (what.groups) await load();
+  });
 }

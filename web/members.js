@@ -14,6 +14,8 @@ import { whileDisabled } from './busy.js';
 import { createUserPanel } from './user-panel.js';
 import { exportMembers } from './export.js';
 import { createMemberCounts } from './member-counts.js';
+import { onChange } from './live.js';
+import { membersHref } from './groups.js';
 
 // Accounts that are always kept in "administrators".
 const ALWAYS_ADMIN = ['admin', 'tavocms'];
@@ -113,4 +115,56 @@ export function renderMembers(main, group) {
   others.load();
   counts.refresh();
   heading.focus();
+  followChanges(main, group, async () => {
+    await Promise.all([members.load(), others.load(), counts.refresh()]);
+  });
+}
+
+// Changes made elsewhere: the lists are shown again, keeping the searches,
+// pages and selections. When the group itself was renamed or deleted, that
+// is explained instead and the lists are left as they were: the view does
+// not move to another group by itself.
+function followChanges(main, group, reload) {
+  const view = main.firstElementChild;
+  const conflict = h('div', { class: 'conflict', role: 'alert' });
+  // Explains, in place of the lists' actions, and stops following.
+  const explain = (...lines) => {
+    conflict.replaceChildren(...lines.map((line) => h('p', {}, line)));
+    view.insertBefore(conflict, view.querySelector('.panels'));
+    view.querySelectorAll('.panels button').forEach((b) => { b.disabled = true; });
+    unfollow();
+  };
+  let gid = null;
+  call('TAVO.Core.Group', 'get', { name: group }).then((data) => {
+    gid = data.groups?.[0]?.gid ?? null;
+  }, () => {});
+  const unfollow = onChange(async (what) => {
+    if (!main.contains(view)) {
+      unfollow();
+      return;
+    }
+    if (!what.groups) return;
+    if (gid !== null) {
+      let current;
+      try {
+        const data = await call('TAVO.Core.Group', 'get', { gid });
+        current = Array.isArray(data.groups) ? data.groups[0] : undefined;
+      } catch (err) {
+        return;
+      }
+      if (!current) {
+        explain(`Someone else deleted the group "${group}". Its members can no longer be changed here.`,
+          h('a', { href: '#/groups' }, 'Back to all groups'));
+        return;
+      }
+      if (String(current.name) !== group) {
+        const name = String(current.name);
+        explain(`Someone else renamed the group "${group}" to "${name}". `
+          + 'This page still shows it under its old name; changes made here would no longer reach it.',
+        h('a', { href: membersHref(name) }, `Show the members of "${name}"`));
+        return;
+      }
+    }
+    await reload();
+  });
 }

@@ -191,9 +191,12 @@ void AuthRoutes::Logout(const HttpRequest& req, HttpResponse& res) {
   std::string key = RequestToken(req);
   if (key.empty()) key = CookieValue(req, kSessionCookie);
   SessionStore::Session ended;
-  // The account process ends the session's grant too.
-  if (!key.empty() && sessions_.Remove(key, &ended))
+  // The account process ends the session's grant too, and the session's
+  // change streams end now.
+  if (!key.empty() && sessions_.Remove(key, &ended)) {
     ops_.Logout(LoginIdentity{ended.account, ended.stamp, ended.grant});
+    for (const auto& ended_hook : on_logout_) ended_hook(ended.token);
+  }
   res.AddHeader("Set-Cookie", SessionCookie("", 0, options_.tls()));
   Json::Value out(Json::objectValue);
   out["success"] = true;

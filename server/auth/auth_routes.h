@@ -14,7 +14,9 @@
 #ifndef TAVO_SERVER_AUTH_AUTH_ROUTES_H_
 #define TAVO_SERVER_AUTH_AUTH_ROUTES_H_
 
+#include <functional>
 #include <string>
+#include <vector>
 
 #include "auth/login_gate.h"
 #include "auth/login_throttle.h"
@@ -49,6 +51,14 @@ class AuthRoutes {
   bool Refuse(const HttpRequest& req, HttpResponse& res, const SessionStore::Session& s,
               LoginResult r);
   size_t SessionCount() { return sessions_.Size(); }
+  // Whether the session of `token` is still alive, without counting this as
+  // a use: for the open change streams, which must not keep an unattended
+  // page's session alive.
+  bool SessionAlive(const std::string& token) { return sessions_.Alive(token); }
+  // Called with a session's token when it ends by a logout. Before serving.
+  void OnLogout(std::function<void(const std::string& token)> ended) {
+    on_logout_.push_back(std::move(ended));
+  }
 
  private:
   void Login(const HttpRequest& req, HttpResponse& res);
@@ -63,6 +73,7 @@ class AuthRoutes {
   Metrics& metrics_;
   SessionStore sessions_;
   LoginGate logins_;
+  std::vector<std::function<void(const std::string&)>> on_logout_;
 };
 
 // The login limits that `o` sets: the front's throttle, and the account

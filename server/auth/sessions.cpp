@@ -78,6 +78,12 @@ bool SessionStore::FindByToken(const std::string& token, Session* out) {
   return Use(LookupToken(token), out);
 }
 
+bool SessionStore::Alive(const std::string& token) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  auto it = LookupToken(token);
+  return it != by_id_.end() && Alive(it->second, Clock::now());
+}
+
 bool SessionStore::FindById(const std::string& id, Session* out) {
   std::lock_guard<std::mutex> lock(mutex_);
   return Use(LookupId(id), out);

@@ -50,6 +50,10 @@ class SessionStore {
               const std::string& grant = "");
   // The live session whose token is `token`; refreshes its idle timer.
   bool FindByToken(const std::string& token, Session* out);
+  // Whether the session of `token` is still alive, without counting this as
+  // a use (its idle timer goes on): for the open change streams, which must
+  // not keep an unattended page's session alive.
+  bool Alive(const std::string& token);
   // The live session whose id is `id`; refreshes its idle timer.
   bool FindById(const std::string& id, Session* out);
   // Ends the session with this id or token (whichever matches); false when

@@ -34,6 +34,7 @@
 #include "directory/periodic_sync.h"
 #include "http/http_server.h"
 #include "http/tls_credentials.h"
+#include "live/live_routes.h"
 #include "privsep/priv_channel.h"
 #include "privsep/split.h"
 #include "tavo/error.h"
@@ -104,6 +105,8 @@ int RunFront(const ServeOptions& options, AccountOps& ops, const sigset_t& signa
   auth.Register(server);
   ApiRoutes api(ops, auth, server.metrics());
   api.Register(server);
+  LiveRoutes live(options, auth);
+  live.Register(server);
   int port = 0;
   s = server.Bind(&port);
   if (!s.ok()) {

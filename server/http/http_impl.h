@@ -57,10 +57,12 @@ struct HttpServer::Impl {
   std::atomic<int> probe_fd{-1};
   std::atomic<bool> probe_seen{false};
   int listen_fd = -1;
-  std::string keep_alive_header;    // "timeout=N"
-  SitePolicy site;                  // Host and Origin
-  std::atomic<int> connections{0};  // open connections
-  std::atomic<int> in_flight{0};    // requests whose head has arrived, not yet answered
+  std::string keep_alive_header;      // "timeout=N"
+  SitePolicy site;                    // Host and Origin
+  std::atomic<int> connections{0};    // open connections
+  std::atomic<int> in_flight{0};      // requests whose head has arrived, not yet answered
+  std::atomic<int> streams{0};        // of them, streamed answers being sent
+  std::vector<Companion> companions;  // AddCompanion
   std::atomic<bool> stopping{false};
   std::mutex stop_mu;
   std::condition_variable stop_cv;
@@ -74,6 +76,8 @@ struct HttpServer::Impl {
   // client accepts it and the body is large enough.
   void Finish(const HttpRequest& req, HttpResponse& res);
 
+  // Stops the companions, the last added first.
+  void StopCompanions();
   // The pool that runs a request of a worker route.
   Executor* PoolFor(const Route& route, const HttpRequest& req) const;
 

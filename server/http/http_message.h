@@ -8,11 +8,14 @@
 
 #include <json/value.h>
 
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
 
 namespace tavo_server {
+
+class StreamBody;
 
 using HeaderList = std::vector<std::pair<std::string, std::string>>;
 
@@ -43,6 +46,9 @@ struct HttpResponse {
   HeaderList headers;  // besides Content-Type and the headers every answer carries
   std::string content_type;
   std::string body;
+  // Set instead of `body` for an answer written as it comes
+  // (http/stream_body.h); the connection is closed when it ends.
+  std::shared_ptr<StreamBody> stream;
   LogFields log;
 
   // Replaces the handler's header `name`, or adds it.

@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "http/http_impl.h"
+#include "http/stream_body.h"
 #include "http/tls_credentials.h"
 
 namespace tavo_server {
@@ -164,14 +165,48 @@ bool RefuseEarly(Impl* s, Exchange* x) {
   return true;
 }
 
+// A streamed answer's body as the library reads it (http/stream_body.h).
+struct StreamReader {
+  std::shared_ptr<StreamBody> body;
+  MHD_Connection* connection;
+};
+
+ssize_t ReadStream(void* cls, uint64_t, char* buf, size_t max) {
+  StreamReader* r = static_cast<StreamReader*>(cls);
+  const long n = r->body->Read(buf, max);
+  if (n > 0) return n;
+  if (n < 0) return MHD_CONTENT_READER_END_OF_STREAM;
+  // Nothing to send: the connection waits suspended, costing no event-thread
+  // time, until the body resumes it.
+  MHD_Connection* connection = r->connection;
+  MHD_suspend_connection(connection);
+  if (!r->body->Park([connection] { MHD_resume_connection(connection); }))
+    MHD_resume_connection(connection);
+  return 0;
+}
+
+void FreeStream(void* cls) { delete static_cast<StreamReader*>(cls); }
+
+MHD_Response* StreamResponse(Impl* s, MHD_Connection* connection, Exchange* x) {
+  MHD_Response* m = MHD_create_response_from_callback(
+      MHD_SIZE_UNKNOWN, 1024, ReadStream, new StreamReader{x->res.stream, connection}, FreeStream);
+  if (m == nullptr) return nullptr;
+  s->streams.fetch_add(1);
+  x->close = true;
+  return m;
+}
+
 MHD_Result Send(Impl* s, MHD_Connection* connection, Exchange* x) {
   const HttpResponse& r = x->res;
   Conn* c = x->conn;
+  if (r.stream) x->close = true;
   const bool close = x->close || s->stopping.load() || s->options.keepalive_timeout == 0 ||
                      (c != nullptr && c->requests >= s->options.keepalive_max);
   // The body stays in the exchange until the request is completed.
-  MHD_Response* m = MHD_create_response_from_buffer(r.body.size(), const_cast<char*>(r.body.data()),
-                                                    MHD_RESPMEM_PERSISTENT);
+  MHD_Response* m =
+      r.stream ? StreamResponse(s, connection, x)
+               : MHD_create_response_from_buffer(r.body.size(), const_cast<char*>(r.body.data()),
+                                                 MHD_RESPMEM_PERSISTENT);
   if (m == nullptr) return MHD_NO;
   if (!r.content_type.empty()) MHD_add_response_header(m, "Content-Type", r.content_type.c_str());
   for (const auto& h : r.headers) MHD_add_response_header(m, h.first.c_str(), h.second.c_str());
@@ -184,7 +219,11 @@ MHD_Result Send(Impl* s, MHD_Connection* connection, Exchange* x) {
   const MHD_Result ret = MHD_queue_response(connection, static_cast<unsigned>(r.status), m);
   MHD_destroy_response(m);
   x->sent = true;
-  if (c != nullptr) ConnDeadlines::Set(&c->slot, Seconds(s->options.write_timeout));
+  // A stream has no end to wait for: its keepalive comments and the
+  // library's inactivity timeout find a client that stopped reading.
+  if (c != nullptr)
+    ConnDeadlines::Set(&c->slot,
+                       r.stream ? std::chrono::milliseconds(0) : Seconds(s->options.write_timeout));
   return ret;
 }
 
@@ -239,7 +278,7 @@ MHD_Result OnRequest(void* cls, MHD_Connection* connection, const char* url, con
   // event thread has nothing else to do and waits awake for the answer for
   // a moment; otherwise, or when the answer takes longer, the connection
   // waits suspended until the worker resumes it.
-  const bool alone = s->in_flight.load() == 1;
+  const bool alone = s->in_flight.load() - s->streams.load() == 1;
   x->state.store(kRunning);
   const bool queued = s->PoolFor(*x->route, x->req)->TrySubmit([s, x, connection] {
     s->Handle(x->route, x->req, x->res);
@@ -278,12 +317,14 @@ void OnCompleted(void* cls, MHD_Connection*, void** con_cls, MHD_RequestTerminat
   if (x == nullptr) return;
   *con_cls = nullptr;
   const double ms = std::chrono::duration<double, std::milli>(Clock::now() - x->start).count();
-  // The watchdog's own probes (no client address) are neither logged nor counted.
+  // The watchdog's own probes (no client address) are neither logged nor
+  // counted; nor is a stream's length counted as a request's time.
   if (!x->req.remote_addr.empty()) {
     s->log->Write(x->req.remote_addr, x->req.method, x->req.path, x->sent ? x->res.status : 0,
                   x->res.log, ms);
-    s->metrics.Completed(ms);
+    if (!x->res.stream) s->metrics.Completed(ms);
   }
+  if (x->sent && x->res.stream) s->streams.fetch_sub(1);
   if (x->conn != nullptr) {
     x->conn->idle = true;
     ConnDeadlines::Set(&x->conn->slot, Seconds(s->options.keepalive_timeout));
@@ -309,6 +350,15 @@ HttpServer::Impl::~Impl() {
 HttpServer::HttpServer(const ServeOptions& options) : impl_(new Impl(options)) {}
 
 Metrics& HttpServer::metrics() { return impl_->metrics; }
+
+void HttpServer::AddCompanion(Companion companion) {
+  impl_->companions.push_back(std::move(companion));
+}
+
+void HttpServer::Impl::StopCompanions() {
+  for (auto c = companions.rbegin(); c != companions.rend(); ++c)
+    if (c->stop) c->stop();
+}
 
 HttpServer::~HttpServer() = default;
 
@@ -344,6 +394,8 @@ Status HttpServer::Run() {
     tls_options.push_back({MHD_OPTION_HTTPS_PRIORITIES, 0, const_cast<char*>(kTlsPriorities)});
   }
   tls_options.push_back({MHD_OPTION_END, 0, nullptr});
+  for (const Companion& c : s.companions)
+    if (c.start) c.start();
   MHD_Daemon* daemon = MHD_start_daemon(
       MHD_USE_EPOLL_INTERNAL_THREAD | MHD_ALLOW_SUSPEND_RESUME | MHD_USE_ITC | MHD_USE_ERROR_LOG |
           (o.tls() ? MHD_USE_TLS : 0),
@@ -356,7 +408,10 @@ Status HttpServer::Run() {
       MHD_OPTION_CONNECTION_TIMEOUT, backstop, MHD_OPTION_CONNECTION_MEMORY_LIMIT,
       kConnectionMemory, MHD_OPTION_NOTIFY_COMPLETED, OnCompleted, &s, MHD_OPTION_NOTIFY_CONNECTION,
       OnConnection, &s, MHD_OPTION_URI_LOG_CALLBACK, OnRequestLine, &s, MHD_OPTION_END);
-  if (daemon == nullptr) return Status::Error("the HTTP server could not start");
+  if (daemon == nullptr) {
+    s.StopCompanions();
+    return Status::Error("the HTTP server could not start");
+  }
   {
     std::lock_guard<std::mutex> probe(s.probe_mu);
     s.daemon = daemon;
@@ -368,6 +423,9 @@ Status HttpServer::Run() {
   MHD_quiesce_daemon(s.daemon);
   close(s.listen_fd);
   s.listen_fd = -1;
+  // Open streams end, so that they are not waited for.
+  for (const Companion& c : s.companions)
+    if (c.end_streams) c.end_streams();
   const bool drained =
       s.stop_cv.wait_for(lock, Seconds(o.stop_timeout), [&s] { return s.in_flight.load() == 0; });
   lock.unlock();
@@ -379,6 +437,7 @@ Status HttpServer::Run() {
     MHD_stop_daemon(s.daemon);
     s.daemon = nullptr;
   }
+  s.StopCompanions();
   s.workers.reset();
   s.quick.reset();
   s.deadlines.reset();

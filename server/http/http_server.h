@@ -6,8 +6,11 @@
 //   GET  /healthz           {"status": "ok"}
 //   GET  /api/openapi.json  the API's description made at start
 //   GET  anything else      a file of the admin page folder
-// The routes of logins and sessions (auth/auth_routes.h) and of the module
-// calls (api/api_routes.h) register themselves with AddRoute. Transport
+// The routes of logins and sessions (auth/auth_routes.h), of the module
+// calls (api/api_routes.h) and of the change stream (live/live_routes.h)
+// register themselves with AddRoute. A handler may answer with a body that is
+// written as it comes (HttpResponse::stream, http/stream_body.h): the
+// connection then waits suspended, holding no thread. Transport
 // problems are HTTP errors whose body is {"error": "plain message"}. HEAD is
 // answered as GET without the body. A request naming another host than the
 // server's is 421, and a POST from another origin 403, before any route.
@@ -68,6 +71,15 @@ class HttpServer {
   // Serves `method` ("GET" also answers HEAD) on exactly `path`.
   void AddRoute(const std::string& method, const std::string& path, Lane lane, Handler handler,
                 LockFree lock_free = nullptr);
+
+  // Work that lives while Run serves (the change watch and its streams):
+  // `start` runs before the event threads start, `end_streams` when a stop
+  // begins (streams have no end to wait for), `stop` after the event threads
+  // ended. Each may be empty. Before Run.
+  struct Companion {
+    std::function<void()> start, end_streams, stop;
+  };
+  void AddCompanion(Companion companion);
 
   // Binds the listening socket; *port receives the port actually bound.
   // When serving HTTPS, reads and checks the certificate and key first.

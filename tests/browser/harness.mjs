@@ -13,7 +13,8 @@ export const artifactsDir = path.join(REPO, 'test-artifacts');
 
 // For one describe block: the shared server (../e2e/helpers.mjs) serving the
 // page from a demo root that `prepare(root)` may edit first, and a chromium
-// page at the login form; all removed afterwards.
+// page at the login form (env.browser opens more contexts); all removed
+// afterwards.
 export function withAppliance(prepare) {
   const env = withServer({ prepare, modules: null, web: path.join(REPO, 'web') });
   let browser;
@@ -23,6 +24,7 @@ export function withAppliance(prepare) {
       args: ['--headless', '--no-sandbox', '--disable-gpu', '--disable-quic', '--no-first-run',
         '--disable-background-networking', '--disable-component-update', '--disable-sync'],
     });
+    env.browser = browser;
     env.page = await (await browser.newContext({ viewport: { width: 1280, height: 800 } })).newPage();
     env.pageErrors = [];
     env.page.on('pageerror', (err) => env.pageErrors.push(err));

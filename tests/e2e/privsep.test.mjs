@@ -45,8 +45,16 @@ test('the front runs as nobody, cannot open etc/shadow, and the API works', { sk
     assert.ok(!open.some((p) => p.startsWith(join(root, 'etc'))), open.join('\n'));
     // Nor does it hold any of the account process's own descriptors (its
     // channel's listening socket, its stop pipe), beyond what both inherited.
+    // Every inotify instance links to the same anonymous inode: each is told
+    // apart by the watches its fdinfo lists (the front has one of its own,
+    // the change watch, made after the split).
+    const target = (pid, fd) => {
+      const link = readlinkSync(`/proc/${pid}/fd/${fd}`);
+      if (link !== 'anon_inode:inotify') return link;
+      return `${link} ${readFileSync(`/proc/${pid}/fdinfo/${fd}`, 'utf8').split('\n').filter((l) => l.startsWith('inotify')).join(';')}`;
+    };
     const targets = (pid) => new Set(readdirSync(`/proc/${pid}/fd`).filter((fd) => Number(fd) > 2)
-      .map((fd) => { try { return readlinkSync(`/proc/${pid}/fd/${fd}`); } catch { return ''; } }));
+      .map((fd) => { try { return target(pid, fd); } catch { return ''; } }));
     const inherited = targets(process.pid);
     const parentOwn = targets(server.child.pid);
     const shared = [...targets(front)].filter((t) => parentOwn.has(t) && !inherited.has(t));
