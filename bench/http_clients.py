@@ -317,11 +317,15 @@ def streams(port, password, pid, n):
     # One change, told to every stream.
     t = time.perf_counter()
     conn = http.client.HTTPConnection('127.0.0.1', port)
-    conn.request('POST', '/api', body=json.dumps({'api': 'TAVO.Core.Group', 'version': 1,
-                                                  'method': 'create',
-                                                  'params': {'name': f'streamed{time.time_ns() % 10**9}'}}),
+    # A membership change: a root of many groups is past the group limit, so
+    # a creation would change nothing.
+    conn.request('POST', '/api', body=json.dumps({'api': 'TAVO.Core.Group.Member', 'version': 1,
+                                                  'method': 'add',
+                                                  'params': {'group': 'g00002', 'name': ['u09999']}}),
                  headers={'Content-Type': 'application/json', 'X-Tavo-Token': tokens[0]})
-    conn.getresponse().read()
+    answer = json.loads(conn.getresponse().read())
+    if not answer.get('success'):
+        raise SystemExit(f'the change failed: {answer}')
     waiting = set(held)
     while waiting and time.perf_counter() - t < 10:
         for key, _ in sel.select(timeout=1):

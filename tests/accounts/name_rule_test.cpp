@@ -50,6 +50,23 @@ TEST(NameRuleTest, AsciiSkeletonsMeetTheirLookAlikes) {
   }
 }
 
+// The comparison that stops at the first difference says what comparing the
+// whole skeletons says: prefixes, multi-letter prototypes, case and text
+// that is not ASCII included.
+TEST(NameRuleTest, SkeletonIsAgreesWithTheWholeSkeleton) {
+  const char* names[] = {"alpha", "aIpha", "ALPHA", "alph",           "alphas",     "m",     "rn",
+                         "rnx",   "mx",    "root",  "r\u043e\u043et", "\u0430lpha", "users", ""};
+  for (const char* a : names) {
+    for (const char* b : names) {
+      for (bool folded : {false, true}) {
+        const std::string want = folded ? NameSkeleton(b) : Skeleton(b);
+        const std::string have = folded ? NameSkeleton(a) : Skeleton(a);
+        EXPECT_EQ(have == want, SkeletonIs(a, want, folded)) << a << " / " << b << " " << folded;
+      }
+    }
+  }
+}
+
 }  // namespace
 }  // namespace acct
 }  // namespace tavo

@@ -8,7 +8,8 @@ import { spawnSync } from 'node:child_process';
 import http from 'node:http';
 import { before, describe, test } from 'node:test';
 import {
-  ADMIN_PASSWORD, addUsers, login, region, screenshot, setGroup, tavoCall, waitForText, withAppliance,
+  ADMIN_PASSWORD, addUsers, eventually, login, region, screenshot, setGroup, tavoCall, waitForText,
+  withAppliance,
 } from './harness.mjs';
 
 const asRoot = process.getuid() === 0;
@@ -149,6 +150,25 @@ describe('live updates', () => {
     await page.locator('body[data-live="on"]').waitFor({ timeout: 10000 });
     const gaps = [tries[1] - tries[0], tries[2] - tries[1]];
     assert.ok(gaps[0] >= 900 && gaps[1] >= 1.5 * gaps[0], `gaps between tries: ${gaps} ms`);
+    await page.context().close();
+  });
+
+  test('a stream that drops after it opened is opened again, and changes come through the new one', async () => {
+    const page = await (await env.browser.newContext()).newPage();
+    let opened = 0;
+    await page.route('**/api/live', (route) => {
+      opened += 1;
+      // The first stream says it is ready and then ends, as when the
+      // connection drops; the next ones reach the server.
+      if (opened > 1) return route.continue();
+      return route.fulfill({ status: 200, contentType: 'text/event-stream', body: 'event: ready\ndata: {}\n\n' });
+    });
+    await page.goto(`${env.url}/`);
+    await login(page, 'ops', ADMIN_PASSWORD);
+    await eventually(async () => opened >= 2 && (await page.locator('body').getAttribute('data-live')) === 'on',
+      'the stream opened again');
+    tavoCall(env.root, 'TAVO.Core.Group', 'create', { name: 'after-drop' });
+    await row(page, 'after-drop').waitFor({ timeout: SOON });
     await page.context().close();
   });
 

@@ -63,13 +63,13 @@ bool LooksLikeAnother(const GroupDb& db, const std::string& name, int self) {
   const std::string folded_skeleton = NameSkeleton(name);
   if (as_written.empty() || folded_skeleton.empty()) return false;
   const std::string folded = FoldCase(name);
-  const auto same = [&](const std::string& other) {
-    return FoldCase(other) != folded &&
-           (Skeleton(other) == as_written || NameSkeleton(other) == folded_skeleton);
+  const auto same = [&](std::string_view other) {
+    return (SkeletonIs(other, as_written, false) || SkeletonIs(other, folded_skeleton, true)) &&
+           FoldCase(std::string(other)) != folded;
   };
   if (same("administrators") || same("users")) return true;
   for (int i = 0; i < static_cast<int>(db.size()); ++i)
-    if (i != self && same(std::string(db.Name(i)))) return true;
+    if (i != self && same(db.Name(i))) return true;
   return false;
 }
 

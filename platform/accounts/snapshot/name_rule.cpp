@@ -6,6 +6,7 @@
 #include <unicode/uspoof.h>
 #include <unicode/utf8.h>
 
+#include <algorithm>
 #include <memory>
 
 #include "accounts/snapshot/names.h"
@@ -112,6 +113,29 @@ std::string Skeleton(const std::string& text) {
     out += table.of[c];
   }
   return out;
+}
+
+bool SkeletonIs(std::string_view text, const std::string& skeleton, bool folded) {
+  const AsciiSkeletons& table = Ascii();
+  size_t at = 0;
+  for (char b : text) {
+    unsigned char c = static_cast<unsigned char>(b);
+    if (c == 0 || c >= 0x80) break;  // not ASCII: the whole way below
+    if (folded && c >= 'A' && c <= 'Z') c = static_cast<unsigned char>(c - 'A' + 'a');
+    if (!table.ascii[c]) break;
+    const std::string& piece = table.of[c];
+    // Most names differ from the skeleton within their first characters.
+    if (skeleton.compare(at, piece.size(), piece) != 0) return false;
+    at += piece.size();
+  }
+  if (std::all_of(text.begin(), text.end(), [&table, folded](char b) {
+        unsigned char c = static_cast<unsigned char>(b);
+        if (folded && c >= 'A' && c <= 'Z') c = static_cast<unsigned char>(c - 'A' + 'a');
+        return c != 0 && c < 0x80 && table.ascii[c];
+      }))
+    return at == skeleton.size();
+  const std::string whole(text);
+  return (folded ? NameSkeleton(whole) : Skeleton(whole)) == skeleton;
 }
 
 }  // namespace acct

@@ -21,6 +21,7 @@
 #define TAVO_PLATFORM_NAME_RULE_H_
 
 #include <string>
+#include <string_view>
 
 namespace tavo {
 namespace acct {
@@ -31,6 +32,10 @@ bool HasInvisible(const std::string& name);
 std::string Skeleton(const std::string& text);
 // Skeleton(FoldCase(name)).
 std::string NameSkeleton(const std::string& name);
+// Whether NameSkeleton(text), when `folded`, else Skeleton(text), is
+// `skeleton`; for ASCII text without building it, stopping at the first
+// difference (a new name is compared with every group in the files).
+bool SkeletonIs(std::string_view text, const std::string& skeleton, bool folded);
 
 }  // namespace acct
 }  // namespace tavo
