@@ -162,6 +162,23 @@ expect_ok "rename sharers to crew" G set '{"name":"sharers","new_name":"crew"}'
 check "Samba admits bob to the share configured with the new name" smb renamed bob
 check_sh "Samba refuses alice there" '! smb renamed alice'
 
+# --- The admin page's change stream, in the confined front -----------------
+# The front, as the service's unprivileged user, watches /etc and the event
+# log's folder; a change made on the console reaches an open stream.
+live_out=/tmp/live.out
+: >"$live_out"
+timeout 20 "${CURL[@]}" -N -H "Authorization: Bearer $token" "$base/api/live" >"$live_out" 2>/dev/null &
+live_pid=$!
+for _ in $(seq 100); do grep -q "event: ready" "$live_out" && break; sleep 0.1; done
+check "the change stream opens for a logged-in administrator" grep -q "event: ready" "$live_out"
+gpasswd -a carol crew >/dev/null
+for _ in $(seq 100); do grep -q "event: change" "$live_out" && break; sleep 0.1; done
+check "the stream tells of a change made with gpasswd on the console" grep -q "event: change" "$live_out"
+kill "$live_pid" 2>/dev/null
+wait "$live_pid" 2>/dev/null
+check_sh "the journal does not say that live updates are off" \
+  '! journalctl -u tavo --no-pager | grep -q "live updates are off"'
+
 # --- The unit's life --------------------------------------------------------
 . "$suite/unit_life.sh"
 
