@@ -51,6 +51,8 @@ class AuthRoutes {
   bool Refuse(const HttpRequest& req, HttpResponse& res, const SessionStore::Session& s,
               LoginResult r);
   size_t SessionCount() { return sessions_.Size(); }
+  // The live sessions (a test starts one without a password).
+  SessionStore& sessions() { return sessions_; }
   // Whether the session of `token` is still alive, without counting this as
   // a use: for the open change streams, which must not keep an unattended
   // page's session alive.

@@ -106,6 +106,9 @@ class HttpServer {
   Metrics& metrics();
 
   struct Impl;
+  // The core's internals, for the fuzz target that drives a parsed request
+  // through them without sockets.
+  Impl& internals() { return *impl_; }
 
  private:
   std::unique_ptr<Impl> impl_;

@@ -25,7 +25,9 @@
 #include <set>
 #include <string>
 
+#include "api/api_routes.h"
 #include "api/json_util.h"
+#include "auth/auth_routes.h"
 #include "cli/options.h"
 #include "fuzz/fuzz_root.h"
 #include "http/http_impl.h"
@@ -73,7 +75,10 @@ struct World {
   std::string web;
   ts::ServeOptions options;
   CountingOps ops;
+  ts::HttpServer* server = nullptr;
   ts::HttpServer::Impl* impl = nullptr;
+  ts::AuthRoutes* auth = nullptr;
+  ts::SessionStore* sessions = nullptr;
   ts::SessionStore::Session session;
 
   World() {
@@ -86,8 +91,15 @@ struct World {
     options.root = "/nonexistent";
     options.web_dir = web;
     options.openapi_json = "{\"openapi\":\"3.1.0\"}";
-    impl = new ts::HttpServer::Impl(options, ops);
-    impl->sessions.Create("admin", "stamp", &session, "grant");
+    // The routes as `tavo serve` registers them; never freed (the target
+    // lives as long as the process).
+    server = new ts::HttpServer(options);
+    auth = new ts::AuthRoutes(options, ops, server->metrics());
+    auth->Register(*server);
+    (new ts::ApiRoutes(ops, *auth, server->metrics()))->Register(*server);
+    impl = &server->internals();
+    sessions = &auth->sessions();
+    sessions->Create("admin", "stamp", &session, "grant");
   }
 };
 
@@ -150,7 +162,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   req.remote_addr = "127.0.0.1";
 
   const int calls_before = w->ops.calls.load();
-  const size_t sessions_before = w->impl->sessions.Size();
+  const size_t sessions_before = w->sessions->Size();
   ts::HttpResponse res;
   w->impl->Handle(w->impl->Find(req), req, res);
 
@@ -171,13 +183,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Json::Value body;
     if (!ts::ParseJson(res.body, &body) || !body["data"]["token"].isString())
       Fail("a login answer without a token");
-    w->impl->sessions.Remove(body["data"]["token"].asString());
-  } else if (w->impl->sessions.Size() > sessions_before) {
+    w->sessions->Remove(body["data"]["token"].asString());
+  } else if (w->sessions->Size() > sessions_before) {
     Fail("a session started without a successful login");
   }
   // Keep the session alive for the next input (a logout may have ended it).
   ts::SessionStore::Session s;
-  if (!w->impl->sessions.FindByToken(w->session.token, &s))
-    w->impl->sessions.Create("admin", "stamp", &w->session, "grant");
+  if (!w->sessions->FindByToken(w->session.token, &s))
+    w->sessions->Create("admin", "stamp", &w->session, "grant");
   return 0;
 }
