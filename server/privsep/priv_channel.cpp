@@ -1,8 +1,8 @@
 #include "privsep/priv_channel.h"
 
 #include <errno.h>
+#include <poll.h>
 #include <sys/socket.h>
-#include <sys/time.h>
 #include <sys/uio.h>
 
 #include <algorithm>
@@ -50,29 +50,23 @@ uint32_t GetBigEndian(const unsigned char* in) {
 }  // namespace
 
 bool SendFrame(int fd, uint32_t id, std::string_view head, std::string_view tail, size_t max) {
-  const size_t body = head.size() + (tail.empty() ? 0 : 1 + tail.size());
+  const size_t body = head.size() + tail.size();
   if (body > max) return false;
   unsigned char prefix[8];
   PutBigEndian(static_cast<uint32_t>(4 + body), prefix);
   PutBigEndian(id, prefix + 4);
-  char newline = '\n';
-  struct iovec iov[4] = {{prefix, sizeof prefix},
+  struct iovec iov[3] = {{prefix, sizeof prefix},
                          {const_cast<char*>(head.data()), head.size()},
-                         {&newline, 1},
                          {const_cast<char*>(tail.data()), tail.size()}};
-  return SendAll(fd, iov, tail.empty() ? 2 : 4);
+  return SendAll(fd, iov, tail.empty() ? 2 : 3);
 }
 
-bool SetReceiveTimeout(int fd, int timeout_ms) {
-  struct timeval tv {};
-  tv.tv_sec = timeout_ms / 1000;
-  tv.tv_usec = (timeout_ms % 1000) * 1000;
-  return setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv) == 0;
-}
-
-bool FrameReader::Receive(int fd, size_t max, uint32_t* id, std::string* body,
+bool FrameReader::Receive(int fd, size_t max, uint32_t* id, std::string* body, bool ready,
                           const std::atomic<bool>* stop) {
-  bool idle = pending_.empty();
+  // One request at a time goes each way: with nothing kept, the next frame
+  // cannot be there yet unless the socket was seen readable, so the wait
+  // comes first.
+  bool wait = pending_.empty() && !ready;
   size_t need = 8;  // the length and the id, then the whole frame
   for (;;) {
     if (pending_.size() >= 8) {
@@ -81,52 +75,57 @@ bool FrameReader::Receive(int fd, size_t max, uint32_t* id, std::string* body,
       need = 4 + n;
       if (pending_.size() >= need) {
         *id = GetBigEndian(reinterpret_cast<const unsigned char*>(pending_.data()) + 4);
-        body->assign(pending_, 8, need - 8);
-        pending_.erase(0, need);
+        if (pending_.size() == need) {  // the usual case: the frame alone, taken whole
+          body->swap(pending_);
+          body->erase(0, 8);
+          pending_.clear();
+        } else {
+          body->assign(pending_, 8, need - 8);
+          pending_.erase(0, need);
+        }
         return true;
       }
     }
-    // A frame comes in one read as a rule: a blocking read (bounded by the
-    // socket's receive time-out) takes what is there, at least the rest of
-    // this frame; a later frame's bytes that come with it are kept.
+    if (wait) {
+      // Wait in poll rather than in a blocking read. A blocking read on a
+      // UNIX socket is also woken each time the other side takes in what
+      // this side sent (room to write again), which on a busy channel
+      // doubled the thread wake-ups; poll wakes for input only.
+      struct pollfd p = {fd, POLLIN, 0};
+      const int r = poll(&p, 1, timeout_ms_);
+      if (r < 0 && errno == EINTR) continue;
+      if (r < 0) return false;
+      // The time-out: waiting for a frame to begin goes on until `stop`.
+      if (r == 0 && (!pending_.empty() || stop == nullptr || stop->load())) return false;
+      if (r == 0) continue;
+      wait = false;
+    }
+    // A frame comes in one read as a rule: a read takes what is there, at
+    // least the rest of this frame; a later frame's bytes that come with it
+    // are kept.
     const size_t old = pending_.size();
     ssize_t got;
     if (need - old > kReadChunk) {
       // A large frame: read straight into its place.
       pending_.resize(need);
-      got = recv(fd, &pending_[old], need - old, 0);
+      got = recv(fd, &pending_[old], need - old, MSG_DONTWAIT);
       pending_.resize(old + (got > 0 ? static_cast<size_t>(got) : 0));
     } else {
       char chunk[kReadChunk];
-      got = recv(fd, chunk, sizeof chunk, 0);
+      got = recv(fd, chunk, sizeof chunk, MSG_DONTWAIT);
       if (got > 0) pending_.append(chunk, static_cast<size_t>(got));
     }
-    if (got > 0) {
-      idle = false;
-      continue;
-    }
+    if (got > 0) continue;
     if (got == 0) return false;
     if (errno == EINTR) continue;
-    // The time-out: waiting for a frame to begin goes on until `stop`.
-    if ((errno == EAGAIN || errno == EWOULDBLOCK) && idle && stop != nullptr && !stop->load())
-      continue;
-    return false;
+    if (errno != EAGAIN && errno != EWOULDBLOCK) return false;
+    wait = true;
   }
 }
 
 bool ReceiveFrame(int fd, int timeout_ms, size_t max, uint32_t* id, std::string* body) {
-  FrameReader reader;
-  return SetReceiveTimeout(fd, timeout_ms) && reader.Receive(fd, max, id, body);
-}
-
-bool SplitBody(const std::string& body, Json::Value* head, std::string_view* tail) {
-  const size_t newline = body.find('\n');
-  if (newline == std::string::npos) {
-    *tail = std::string_view();
-    return ParseJson(body, head) && head->isObject();
-  }
-  *tail = std::string_view(body).substr(newline + 1);
-  return ParseJson(body.substr(0, newline), head) && head->isObject();
+  FrameReader reader(timeout_ms);
+  return reader.Receive(fd, max, id, body);
 }
 
 bool HasExactKeys(const Json::Value& v, std::initializer_list<const char*> keys) {

@@ -8,20 +8,18 @@
 // busy.
 //
 // A frame is a 4-byte big-endian length N, then N bytes: a 4-byte big-endian
-// request id and the body. A request's body is compact JSON of at most
-// kMaxRequest bytes; the answer carries the request's id, and its body is a
-// compact JSON head, then, for a call, a newline and the answer's envelope as
-// JSON text, passed through as it is (a compact JSON head holds no raw
-// newline). An answer is at most kMaxAnswer bytes. The request cap bounds
-// what a front that has been taken over can make the privileged side hold.
+// request id and the body. A request's body is at most kMaxRequest bytes; the
+// answer carries the request's id, and is at most kMaxAnswer bytes. The
+// request cap bounds what a front that has been taken over can make the
+// privileged side hold.
 //
-// Requests ("who" is {"name", "stamp", "grant"} of a login, all strings):
+// A module call's request and answer have a binary form (call_frame.h), its
+// envelope passed through as it is. Every other request is compact JSON, and
+// so is its answer ("who" is {"name", "stamp", "grant"} of a login, all
+// strings):
 //   {"op": "login", "account": S, "password": S}
 //       -> {"result": "ok"|"denied"|"unavailable", "who": {...} on ok}
 //   {"op": "recheck", "who": {...}}        -> {"result": ...}
-//   {"op": "call", "who": {...}, "call": {"api", "version", "method", "params"}}
-//       -> {"result": "ok"|"denied", "lookup": N, "code": N, "module_ns": N}
-//          and, on "ok", the envelope's text after the newline
 //   {"op": "logout", "who": {...}}       -> {"result": "ok"}
 //   {"op": "info"}                         -> {"result": "ok", "info": ...}
 //   {"op": "stats"}                        -> {"result": "ok", "stats": ...}
@@ -52,42 +50,38 @@ constexpr size_t kMaxAnswer = 16 << 20;
 // Connections the front keeps at most, and the privileged side serves at once.
 constexpr int kChannelConnections = 32;
 
-// Sends one frame: `id`, then `head` and, when `tail` is not empty, a newline
-// and `tail`. False when the body would pass `max` or could not be sent whole.
+// Sends one frame: `id`, then a body of `head` followed by `tail`. False when
+// the body would pass `max` or could not be sent whole.
 bool SendFrame(int fd, uint32_t id, std::string_view head, std::string_view tail, size_t max);
 
-// Sets how long one read of `fd` may wait (SO_RCVTIMEO); false on failure.
-bool SetReceiveTimeout(int fd, int timeout_ms);
-
-// Reads the frames of one connection, whose receive time-out bounds each
-// wait for more bytes. A read takes what the socket holds, at least the rest
+// Reads the frames of one connection; each wait for more bytes lasts at most
+// the reader's time-out. A read takes what the socket holds, at least the rest
 // of the frame, so that a frame usually costs one read; bytes of the next
 // frame that came with it are kept for the next Receive.
 // Thread-safety: one thread at a time per reader.
 class FrameReader {
  public:
   static constexpr size_t kReadChunk = 16 << 10;
-  // Receives one frame of at most `max` bytes. With `stop`, the wait for a
-  // frame to begin lasts until `*stop` is true, time-out after time-out.
-  // False on time-out, a closed or shut-down socket, or an oversize (refused
-  // on its length, before any of it is read). A reader that failed must not
-  // be used again.
-  bool Receive(int fd, size_t max, uint32_t* id, std::string* body,
+  explicit FrameReader(int timeout_ms) : timeout_ms_(timeout_ms) {}
+  // Receives one frame of at most `max` bytes. `ready`: the socket was just
+  // reported readable, so it is read before any wait. With `stop`, the wait
+  // for a frame to begin lasts until `*stop` is true, time-out after
+  // time-out. False on time-out, a closed or shut-down socket, or an
+  // oversize (refused on its length, before any of it is read). A reader
+  // that failed must not be used again.
+  bool Receive(int fd, size_t max, uint32_t* id, std::string* body, bool ready = false,
                const std::atomic<bool>* stop = nullptr);
   // True when no bytes of a further frame are kept.
   bool empty() const { return pending_.empty(); }
 
  private:
+  const int timeout_ms_;
   std::string pending_;
 };
 
-// Sets the receive time-out of `fd` and receives one frame with a reader of
-// its own: only for a connection that carries one frame at a time.
+// Receives one frame with a reader of its own: only for a connection that
+// carries one frame at a time.
 bool ReceiveFrame(int fd, int timeout_ms, size_t max, uint32_t* id, std::string* body);
-
-// Splits a body into its JSON head and what follows the first newline.
-// False when the head is not a JSON object.
-bool SplitBody(const std::string& body, Json::Value* head, std::string_view* tail);
 
 Json::Value WhoToJson(const LoginIdentity& who);
 // False unless `v` is exactly {"name", "stamp", "grant"} of strings.

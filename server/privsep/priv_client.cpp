@@ -10,6 +10,7 @@
 #include <memory>
 
 #include "api/json_util.h"
+#include "privsep/call_frame.h"
 #include "privsep/priv_channel.h"
 
 namespace tavo_server {
@@ -40,8 +41,7 @@ int PrivClient::Connect() const {
     return -1;
   }
   memcpy(addr.sun_path + 1, address_.data(), address_.size());  // abstract: leading NUL
-  if (connect(fd, reinterpret_cast<sockaddr*>(&addr), len) != 0 ||
-      !SetReceiveTimeout(fd, timeout_ms_)) {
+  if (connect(fd, reinterpret_cast<sockaddr*>(&addr), len) != 0) {
     close(fd);
     return -1;
   }
@@ -79,15 +79,14 @@ int PrivClient::OpenConnections() {
   return open_;
 }
 
-bool PrivClient::Ask(const Json::Value& request, Json::Value* answer, std::string* tail) {
+bool PrivClient::Exchange(std::string_view request, std::string* answer) {
   const int fd = Checkout();
   if (fd < 0) return false;
   const uint32_t id = next_id_.fetch_add(1);
   uint32_t got = 0;
-  std::string body;
-  FrameReader reader;
-  bool ok = SendFrame(fd, id, ToCompactJson(request), {}, kMaxRequest) &&
-            reader.Receive(fd, kMaxAnswer, &got, &body);
+  FrameReader reader(timeout_ms_);
+  bool ok =
+      SendFrame(fd, id, request, {}, kMaxRequest) && reader.Receive(fd, kMaxAnswer, &got, answer);
   if (ok && !reader.empty()) {
     syslog(LOG_WARNING, "front: refused an answer that came with more than one frame");
     ok = false;
@@ -96,19 +95,17 @@ bool PrivClient::Ask(const Json::Value& request, Json::Value* answer, std::strin
     syslog(LOG_WARNING, "front: refused an answer for request %u while %u was asked", got, id);
     ok = false;
   }
-  std::string_view rest;
-  if (ok && !SplitBody(body, answer, &rest)) {
-    syslog(LOG_WARNING, "front: refused a malformed answer from the account process");
-    ok = false;
-  }
   // A connection whose exchange went wrong may hold a late answer: never reused.
   Checkin(fd, ok);
-  if (ok && tail != nullptr) tail->assign(rest.data(), rest.size());
   return ok;
 }
 
 bool PrivClient::Ask(const Json::Value& request, Json::Value* answer) {
-  return Ask(request, answer, nullptr);
+  std::string body;
+  if (!Exchange(ToCompactJson(request), &body)) return false;
+  if (ParseJson(body, answer) && answer->isObject()) return true;
+  syslog(LOG_WARNING, "front: refused a malformed answer from the account process");
+  return false;
 }
 
 LoginResult PrivClient::CheckLogin(const std::string& account, const std::string& password,
@@ -131,32 +128,28 @@ LoginResult PrivClient::Recheck(const LoginIdentity& who) {
 }
 
 AccountOps::Answer PrivClient::Call(const ApiCall& call, const LoginIdentity& who) {
-  Json::Value req(Json::objectValue), answer;
-  req["op"] = "call";
-  req["who"] = WhoToJson(who);
-  Json::Value& c = req["call"];
-  c["api"] = call.api;
-  c["version"] = call.version;
-  c["method"] = call.method;
-  c["params"] = call.params;
   Answer a;
-  auto text = std::make_shared<std::string>();
-  const LoginResult r =
-      Ask(req, &answer, text.get()) ? ResultOf(answer) : LoginResult::kUnavailable;
-  a.denied = r == LoginResult::kDenied;
-  a.unavailable = r == LoginResult::kUnavailable || !answer["lookup"].isInt();
-  if (r != LoginResult::kOk || a.unavailable) return a;
-  const int lookup = answer["lookup"].asInt();
-  a.result.lookup = static_cast<ModuleSet::Lookup>(lookup >= 0 && lookup <= 3 ? lookup : 1);
-  a.result.code = answer["code"].isInt() ? answer["code"].asInt() : 0;
-  a.result.module_us =
-      answer["module_ns"].isIntegral() ? answer["module_ns"].asInt64() / 1000.0 : 0;
+  std::string body;
+  CallHead head;
+  std::string_view envelope;
+  if (!Exchange(EncodeCall(call, who), &body) || !DecodeCallHead(body, &head, &envelope)) {
+    if (!body.empty()) syslog(LOG_WARNING, "front: refused a malformed answer to a call");
+    a.unavailable = true;
+    return a;
+  }
+  a.denied = head.result == LoginResult::kDenied;
+  a.unavailable = head.result == LoginResult::kUnavailable;
+  if (head.result != LoginResult::kOk) return a;
+  a.result.lookup = static_cast<ModuleSet::Lookup>(head.lookup);
+  a.result.code = head.code;
+  a.result.module_us = head.module_ns / 1000.0;
   // The envelope travels as its text and is sent on as it is.
   if (a.result.lookup == ModuleSet::Lookup::kFound) {
-    if (text->empty()) {
+    if (envelope.empty()) {
       a.unavailable = true;
     } else {
-      a.result.text = std::move(text);
+      body.erase(0, kCallHeadBytes);
+      a.result.text = std::make_shared<const std::string>(std::move(body));
     }
   }
   return a;

@@ -18,6 +18,7 @@
 #include <cstdint>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "privsep/account_ops.h"
@@ -42,10 +43,12 @@ class PrivClient : public AccountOps {
   Json::Value Info() override;
   Json::Value Stats() override;
 
-  // Sends one request and receives its answer's head; false when that fails.
+  // Sends one JSON request and receives its JSON answer; false when that
+  // fails.
   bool Ask(const Json::Value& request, Json::Value* answer);
-  // The same, with what follows the head (a call's envelope text) in *tail.
-  bool Ask(const Json::Value& request, Json::Value* answer, std::string* tail);
+  // Sends one request's body and receives its answer's body; false when that
+  // fails.
+  bool Exchange(std::string_view request, std::string* answer);
 
   // Connections open now (busy or idle), for tests.
   int OpenConnections();

@@ -15,6 +15,7 @@
 
 #include "api/json_util.h"
 #include "auth/random.h"
+#include "privsep/call_frame.h"
 #include "privsep/priv_channel.h"
 
 namespace tavo_server {
@@ -106,7 +107,7 @@ void PrivServer::Run() {
     }
     std::unique_lock<std::mutex> lock(mu_);
     idle_.wait(lock, [this] { return busy_ < max_busy_ || stopping_; });
-    if (stopping_ || !SetReceiveTimeout(fd, read_timeout_ms_)) {
+    if (stopping_) {
       close(fd);
       continue;
     }
@@ -127,23 +128,55 @@ void PrivServer::Run() {
 
 void PrivServer::Serve(int fd) {
   uint32_t id = 0;
-  std::string body, tail;
-  FrameReader reader;
-  // Between requests the connection waits for as long as the front keeps it.
-  while (reader.Receive(fd, kMaxRequest, &id, &body, &stopping_)) {
-    Json::Value request;
-    Json::Value answer;
-    tail.clear();
-    if (ParseJson(body, &request)) answer = Answer(request, &tail);
-    if (answer.isNull()) {
+  std::string body, head;
+  FrameReader reader(read_timeout_ms_);
+  // Between requests the connection waits for as long as the front keeps it,
+  // until Stop.
+  for (;;) {
+    if (!reader.Receive(fd, kMaxRequest, &id, &body, false, &stopping_)) return;
+    std::shared_ptr<const std::string> envelope;
+    bool ok;
+    if (!body.empty() && body[0] == kCallTag) {
+      ok = AnswerCall(body, &head, &envelope);
+    } else {
+      Json::Value request;
+      Json::Value answer;
+      if (ParseJson(body, &request)) answer = Answer(request);
+      ok = !answer.isNull();
+      if (ok) head = ToCompactJson(answer);
+    }
+    if (!ok) {
       syslog(LOG_WARNING, "account process: refused a malformed request from the front");
       return;
     }
-    if (!SendFrame(fd, id, ToCompactJson(answer), tail, kMaxAnswer)) return;
+    if (!SendFrame(fd, id, head, envelope ? *envelope : std::string_view(), kMaxAnswer)) return;
   }
 }
 
-Json::Value PrivServer::Answer(const Json::Value& req, std::string* tail) {
+bool PrivServer::AnswerCall(const std::string& body, std::string* head,
+                            std::shared_ptr<const std::string>* envelope) {
+  ApiCall call;
+  LoginIdentity who;
+  if (!DecodeCall(body, &call, &who)) return false;
+  const AccountOps::Answer a = ops_.Call(call, who);
+  CallHead h;
+  h.result = a.denied        ? LoginResult::kDenied
+             : a.unavailable ? LoginResult::kUnavailable
+                             : LoginResult::kOk;
+  h.lookup = static_cast<int>(a.result.lookup);
+  h.code = a.result.code;
+  h.module_ns = static_cast<int64_t>(a.result.module_us * 1000);
+  *head = EncodeCallHead(h);
+  // The envelope goes as its text; a reused answer's text as it is.
+  envelope->reset();
+  if (h.result == LoginResult::kOk && a.result.lookup == ModuleSet::Lookup::kFound)
+    *envelope = a.result.text
+                    ? a.result.text
+                    : std::make_shared<const std::string>(ToCompactJson(a.result.envelope));
+  return true;
+}
+
+Json::Value PrivServer::Answer(const Json::Value& req) {
   if (!req.isObject() || !req["op"].isString()) return Json::Value();
   const std::string op = req["op"].asString();
   Json::Value out(Json::objectValue);
@@ -158,21 +191,6 @@ Json::Value PrivServer::Answer(const Json::Value& req, std::string* tail) {
   } else if (op == "recheck") {
     if (!HasExactKeys(req, {"op", "who"}) || !WhoFromJson(req["who"], &who)) return Json::Value();
     out["result"] = ResultName(ops_.Recheck(who));
-  } else if (op == "call") {
-    ApiCall call;
-    std::string error;
-    if (!HasExactKeys(req, {"op", "who", "call"}) || !WhoFromJson(req["who"], &who) ||
-        !CallFromJson(req["call"], &call, &error))
-      return Json::Value();
-    AccountOps::Answer a = ops_.Call(call, who);
-    out["result"] = a.denied ? "denied" : a.unavailable ? "unavailable" : "ok";
-    out["lookup"] = static_cast<int>(a.result.lookup);
-    out["code"] = a.result.code;
-    // Whole nanoseconds: an integer is cheaper to write than a fraction.
-    out["module_ns"] = static_cast<Json::Int64>(a.result.module_us * 1000);
-    // The envelope goes as its text; a reused answer's text as it is.
-    if (a.result.lookup == ModuleSet::Lookup::kFound && !a.denied && !a.unavailable)
-      *tail = a.result.text ? *a.result.text : ToCompactJson(a.result.envelope);
   } else if (op == "logout") {
     if (!HasExactKeys(req, {"op", "who"}) || !WhoFromJson(req["who"], &who)) return Json::Value();
     ops_.Logout(who);

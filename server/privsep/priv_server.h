@@ -55,9 +55,14 @@ class PrivServer {
   // can neither accept connections meant for the server nor stop it.
   void CloseInChild();
 
-  // The answer to one request from an allowed peer: its head, and in *tail
-  // what follows it (a call's envelope text). Null for a malformed request.
-  Json::Value Answer(const Json::Value& request, std::string* tail);
+  // The answer to a JSON request from an allowed peer; null when it is
+  // malformed.
+  Json::Value Answer(const Json::Value& request);
+  // Runs a call request (call_frame.h): its answer's head in *head and its
+  // envelope's text, if any, in *envelope. False when the request is
+  // malformed.
+  bool AnswerCall(const std::string& body, std::string* head,
+                  std::shared_ptr<const std::string>* envelope);
 
  private:
   void Serve(int fd);

@@ -10,7 +10,10 @@
 //    test, a separate implementation);
 //  - JsonToInt on decimal text agrees with the number it spells;
 //  - an accepted envelope has non-empty api and method, version >= 1 and an
-//    object of parameters.
+//    object of parameters;
+//  - a call frame from the front (privsep/call_frame.h) is accepted only
+//    with the same checks and good text, and written again it decodes to
+//    the same call.
 #include <json/value.h>
 
 #include <cstdint>
@@ -21,6 +24,7 @@
 #include "api/dispatch.h"
 #include "api/json_util.h"
 #include "fuzz/fuzz_root.h"
+#include "privsep/call_frame.h"
 
 using tavo_fuzz::Fail;
 namespace ts = tavo_server;
@@ -57,7 +61,7 @@ void CheckValue(const Json::Value& v) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size == 0 || size > 4096) return -1;
   const std::string text(reinterpret_cast<const char*>(data) + 1, size - 1);
-  switch (data[0] % 3) {
+  switch (data[0] % 4) {
     case 0: {  // a GET query value
       Json::Value v = ts::ValueFromText(text), parsed;
       const bool is_json = !text.empty() && ts::ParseJson(text, &parsed);
@@ -82,6 +86,24 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         (void)body["account"].isString();
         (void)body.get("password", "").isString();
       }
+      break;
+    }
+    case 3: {  // a call frame, as a front taken over might send it
+      std::string frame = std::string(1, ts::kCallTag) + text;
+      ts::ApiCall call, again;
+      ts::LoginIdentity who, who_again;
+      if (!ts::DecodeCall(frame, &call, &who)) break;
+      if (call.api.empty() || call.method.empty() || call.version < 1 || !call.params.isObject() ||
+          who.name.empty())
+        Fail("a call frame was accepted that is not a call");
+      if (!AllTextGood(Json::Value(call.api)) || !AllTextGood(Json::Value(call.method)) ||
+          !AllTextGood(Json::Value(who.name)) || !AllTextGood(call.params))
+        Fail("a call frame with bad text was accepted");
+      if (!ts::DecodeCall(ts::EncodeCall(call, who), &again, &who_again) || again.api != call.api ||
+          again.method != call.method || again.version != call.version ||
+          again.params != call.params || who_again.name != who.name ||
+          who_again.stamp != who.stamp || who_again.grant != who.grant)
+        Fail("a call frame written again did not decode to the same call");
       break;
     }
     default: {  // a POST envelope

@@ -18,6 +18,7 @@
 #include "api/json_util.h"
 #include "api/module_loader.h"
 #include "common/temp_root.h"
+#include "privsep/call_frame.h"
 #include "privsep/grant_book.h"
 #include "privsep/priv_channel.h"
 #include "privsep/priv_client.h"
@@ -183,7 +184,82 @@ TEST_F(PrivsepTest, FramesOverTheCapOrNotJsonAreRefused) {
   EXPECT_FALSE(AnswersFrame(server_.address(), 16u << 20, ""));     // the declared length alone
   EXPECT_FALSE(AnswersFrame(server_.address(), 4 + 5, "{\"op\""));  // not JSON
   EXPECT_FALSE(AnswersFrame(server_.address(), 2, "ab"));           // shorter than its id
+  // A call frame cut short, or with a field longer than the frame.
+  ApiCall call;
+  call.api = "TAVO.Core.Group";
+  call.method = "list";
+  const std::string whole = EncodeCall(call, LoginIdentity{"boss", "s", "g"});
+  const std::string cut = whole.substr(0, whole.size() - 2);
+  EXPECT_FALSE(AnswersFrame(server_.address(), 4 + cut.size(), cut));
+  std::string overlong = whole;
+  overlong[4] = '\x7f';  // the name's length
+  EXPECT_FALSE(AnswersFrame(server_.address(), 4 + overlong.size(), overlong));
+  // A whole one is answered (refused for its forged grant, but answered).
+  EXPECT_TRUE(AnswersFrame(server_.address(), 4 + whole.size(), whole));
   EXPECT_TRUE(AnswersFrame(server_.address(), 4 + info.size(), info));
+}
+
+TEST(CallFrameTest, ACallCrossesWholeAndAnythingElseIsRefused) {
+  ApiCall call;
+  call.api = "TAVO.Core.Group.Member";
+  call.version = 3;
+  call.method = "list";
+  call.params["group"] = "sales\nteam";
+  call.params["ids"][0] = 1;
+  const LoginIdentity who{"Zoë", "stamp", "grant"};
+  const std::string body = EncodeCall(call, who);
+  ApiCall got;
+  LoginIdentity got_who;
+  ASSERT_TRUE(DecodeCall(body, &got, &got_who));
+  EXPECT_EQ(call.api, got.api);
+  EXPECT_EQ(3, got.version);
+  EXPECT_EQ(call.method, got.method);
+  EXPECT_EQ(call.params, got.params);
+  EXPECT_EQ("Zoë", got_who.name);
+  EXPECT_EQ("grant", got_who.grant);
+
+  EXPECT_FALSE(DecodeCall(body + "x", &got, &got_who));  // trailing bytes
+  for (size_t n = 0; n < body.size(); n += 7)            // every cut
+    EXPECT_FALSE(DecodeCall(body.substr(0, n), &got, &got_who)) << n;
+  const auto refused = [&](ApiCall c, LoginIdentity w) {
+    return !DecodeCall(EncodeCall(c, w), &got, &got_who);
+  };
+  ApiCall bad = call;
+  bad.version = 0;
+  EXPECT_TRUE(refused(bad, who));
+  bad = call;
+  bad.method.clear();
+  EXPECT_TRUE(refused(bad, who));
+  bad = call;
+  bad.api = std::string("A\0B", 3);
+  EXPECT_TRUE(refused(bad, who));
+  bad = call;
+  bad.params["x"] = "\xff";  // not UTF-8
+  EXPECT_TRUE(refused(bad, who));
+  bad = call;
+  bad.params = Json::Value(Json::arrayValue);
+  EXPECT_TRUE(refused(bad, who));
+  EXPECT_TRUE(refused(call, LoginIdentity{"", "s", "g"}));
+
+  // The answer's head: every field back, and the envelope after it as it is.
+  CallHead head;
+  head.result = LoginResult::kDenied;
+  head.lookup = 2;
+  head.code = -3299;
+  head.module_ns = 5000000000LL;
+  const std::string answer = EncodeCallHead(head) + "{\"success\":true}";
+  CallHead back;
+  std::string_view envelope;
+  ASSERT_TRUE(DecodeCallHead(answer, &back, &envelope));
+  EXPECT_EQ(LoginResult::kDenied, back.result);
+  EXPECT_EQ(2, back.lookup);
+  EXPECT_EQ(-3299, back.code);
+  EXPECT_EQ(5000000000LL, back.module_ns);
+  EXPECT_EQ("{\"success\":true}", envelope);
+  EXPECT_FALSE(DecodeCallHead(answer.substr(0, kCallHeadBytes - 1), &back, &envelope));
+  std::string odd = answer;
+  odd[0] = 9;  // no such result
+  EXPECT_FALSE(DecodeCallHead(odd, &back, &envelope));
 }
 
 // An AccountOps that answers each call with its own parameters, after a
