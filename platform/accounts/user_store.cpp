@@ -265,47 +265,6 @@ int TLIBUserInfoEnumBySubstr(int type, int flag, int offset, int limit, const ch
   return EnumInfo(type, offset, limit, substr, match_flag, cb, ctx);
 }
 
-int TLIBUserInfoEnumExcept(int type, int offset, int limit, const char* const* excluded,
-                           TLIB_USER_INFO_CB cb, void* ctx) {
-  if (type != 1 || offset < 0 || limit < -1) return TAVO_ERR_SET(TAVO_ERR_ARGUMENT);
-  if (TAVO_FAULT("user.infoenum")) return -1;
-  return Guarded(-1, [&] {
-    auto users = Passwd();
-    auto defs = Defs();
-    if (!users || !defs) return -1;
-    auto local = users->Local(*defs);
-    // Ranks (in the local order) of the excluded users, sorted, each once.
-    std::vector<int> gone;
-    for (const char* const* e = excluded; e && *e; ++e) {
-      users->ForEachVariant(FoldCase(*e), [&](int idx) {
-        if (local->rank[idx] >= 0) gone.push_back(local->rank[idx]);
-      });
-    }
-    std::sort(gone.begin(), gone.end());
-    gone.erase(std::unique(gone.begin(), gone.end()), gone.end());
-    const long long total = static_cast<long long>(local->order.size() - gone.size());
-    const long long end = limit == -1 ? total : std::min<long long>(total, 1LL * offset + limit);
-    // The user of rank p is the k-th one kept when k = p - (excluded ranks below p).
-    size_t j = 0;
-    long long p = offset;
-    for (long long k = offset; cb && k < end; ++k, ++p) {
-      while (j < gone.size() && gone[j] <= p) {
-        ++j;
-        ++p;
-      }
-      const int u = local->order[p];
-      const std::string name(users->Name(u)), gecos(users->Gecos(u));
-      TLIB_USER_INFO info{name.c_str(), users->Uid(u), gecos.c_str()};
-      TLIBCErrClear();
-      if (cb(&info, static_cast<int>(k - offset), ctx) < 0) {
-        if (TLIBCErrGet() == TAVO_ERR_NONE) ACCT_ERR(TAVO_ERR_FAULT);
-        return -1;
-      }
-    }
-    return static_cast<int>(total);
-  });
-}
-
 }  // extern "C"
 
 namespace tavo {

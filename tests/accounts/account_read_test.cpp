@@ -257,42 +257,6 @@ TEST(UserRead, LocalUsersExpiryAndAdministrators) {
   EXPECT_EQ(TAVO_ERR_IO, TLIBCErrGet());
 }
 
-// Every page of the users a member list leaves, at every offset and size,
-// equals the same page cut from all local users with the members filtered out
-// one by one (exact spelling or ignoring case, as a group's members match).
-TEST(UserRead, PagesOfUsersOutsideAMemberList) {
-  TempRoot root;
-  for (const char* name : {"ann", "Bob", "bob", "carl", "Dora", "eve", "Finn", "gus"})
-    root.AddUser(name, 2000 + static_cast<unsigned>(std::string(name).size()) * 10 +
-                           static_cast<unsigned>(name[0]));
-  root.AddUser("sys", 500);  // not a local user
-  const std::vector<const char*> members = {"BOB", "dora", "nosuch", "sys", "ann", "ann", nullptr};
-  Page all;
-  ASSERT_EQ(10, TLIBUserInfoEnum(1, 0, 0, -1, Collect, &all));
-  Page expected;
-  for (const std::string& u : all) {
-    bool member = false;
-    for (const char* m : members)
-      if (m && strcasecmp(u.c_str(), m) == 0) member = true;
-    if (!member) expected.push_back(u);
-  }
-  ASSERT_EQ((Page{"admin", "carl", "eve", "Finn", "guest", "gus"}), expected);
-  for (int offset = 0; offset <= 7; ++offset) {
-    for (int limit : {-1, 0, 1, 2, 3, 7}) {
-      Page page;
-      EXPECT_EQ(6, TLIBUserInfoEnumExcept(1, offset, limit, members.data(), Collect, &page));
-      Page want;
-      for (int i = offset; i < 6 && (limit == -1 || i < offset + limit); ++i)
-        want.push_back(expected[i]);
-      EXPECT_EQ(want, page) << "offset " << offset << " limit " << limit;
-    }
-  }
-  Page none;
-  EXPECT_EQ(10, TLIBUserInfoEnumExcept(1, 0, -1, nullptr, Collect, &none));
-  EXPECT_EQ(all, none);
-  EXPECT_EQ(-1, TLIBUserInfoEnumExcept(1, -1, 5, members.data(), Collect, &none));
-}
-
 TEST(UserRead, PasswordCheck) {
   TempRoot root;
   std::string hash = crypt("s3cret", "$6$abcdefgh$");

@@ -308,12 +308,8 @@ std::shared_ptr<const UserDb::LocalOrder> UserDb::Local(const LoginDefs& defs) c
     if (local_ && local_min_ == defs.uid_min && local_max_ == defs.uid_max) return local_;
   }
   auto local = std::make_shared<LocalOrder>();
-  local->rank.assign(size(), -1);
-  for (int idx : Sorted()) {
-    if (!IsLocal(idx, defs)) continue;
-    local->rank[idx] = static_cast<int>(local->order.size());
-    local->order.push_back(idx);
-  }
+  for (int idx : Sorted())
+    if (IsLocal(idx, defs)) local->order.push_back(idx);
   std::lock_guard<std::mutex> lock(local_mu_);
   local_ = local;
   local_min_ = defs.uid_min;

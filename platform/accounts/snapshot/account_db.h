@@ -171,11 +171,9 @@ class UserDb {
   // first use; any thread.
   const std::vector<int>& Sorted() const;
 
-  // The local users in the order of Sorted(), and the rank of each user in
-  // that order (-1 for users that are not local).
+  // The local users in the order of Sorted().
   struct LocalOrder {
     std::vector<int> order;
-    std::vector<int> rank;
   };
   // Built once per UID range and kept; any thread.
   std::shared_ptr<const LocalOrder> Local(const LoginDefs& defs) const;

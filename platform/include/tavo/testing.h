@@ -11,7 +11,7 @@
 //   "group.total"      TAVOGroupTotalNum
 //   "admin.count"      TAVOGroupTotalValidLocalAdmin
 //   "user.enum"        TLIBUserEnum / TLIBUserEnumBySubstr
-//   "user.infoenum"    TLIBUserInfoEnum / TLIBUserInfoEnumBySubstr / TLIBUserInfoEnumExcept
+//   "user.infoenum"    TLIBUserInfoEnum / TLIBUserInfoEnumBySubstr
 //   "user.upper"       TLIBCUnicodeUTF8StrUpper
 //   "szlist.alloc"     TLIBCSzListAlloc
 //   "lock.handler"     ServerFormHandler::ShLock / ExLock

@@ -57,14 +57,6 @@ int TLIBUserEnumBySubstr(TLIBC_SZLIST** list, int type, int flag, const char* su
 int TLIBUserInfoEnum(int type, int flag, int offset, int limit, TLIB_USER_INFO_CB cb, void* ctx);
 int TLIBUserInfoEnumBySubstr(int type, int flag, int offset, int limit, const char* substr,
                              int match_flag, TLIB_USER_INFO_CB cb, void* ctx);
-// Pages through the local users, ordered as TLIBUserInfoEnum, that are not
-// named in `excluded` (a null-terminated list; a name excludes every user it
-// names ignoring case, as a group's member list does). Skips `offset`, calls
-// `cb` for at most `limit` (-1: all). Returns the number of all such users, or
-// -1 (also when the callback returns a negative value). The cost is that of
-// the page and the list, not of all users.
-int TLIBUserInfoEnumExcept(int type, int offset, int limit, const char* const* excluded,
-                           TLIB_USER_INFO_CB cb, void* ctx);
 
 }  // extern "C"
 
