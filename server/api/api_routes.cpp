@@ -23,10 +23,15 @@ void ApiRoutes::Register(HttpServer& server) {
   // /metrics asks the account side for its figures.
   const HttpServer::LockFree lock_free = &CallTakesNoLock;
   server.AddRoute("GET", "/api/info", Lane::kWorker, [this](Req q, Res r) { Info(q, r); });
+  // Where the calls run in another process, they are started from the event
+  // thread and answered from the channel, holding no worker while they run.
+  HttpServer::Starter start;
+  if (ops_.StartsCalls())
+    start = [this](Req q, Res r, HttpServer::Done done) { return Start(q, r, std::move(done)); };
   server.AddRoute(
-      "POST", "/api", Lane::kCall, [this](Req q, Res r) { Post(q, r); }, lock_free);
+      "POST", "/api", Lane::kCall, [this](Req q, Res r) { Post(q, r); }, lock_free, start);
   server.AddRoute(
-      "GET", "/api", Lane::kCall, [this](Req q, Res r) { Get(q, r); }, lock_free);
+      "GET", "/api", Lane::kCall, [this](Req q, Res r) { Get(q, r); }, lock_free, start);
   server.AddRoute("GET", "/metrics", Lane::kWorker, [this](Req q, Res r) { MetricsText(q, r); });
 }
 
@@ -54,7 +59,7 @@ bool ApiRoutes::CallTakesNoLock(const HttpRequest& req) {
       if (kv.first == "method") method = kv.second;
     }
   }
-  return (api == kEventLogApi && method == "list") || (api == kDirectoryApi && method == "status");
+  return TakesNoLock(api, method);
 }
 
 void ApiRoutes::Serve(const HttpRequest& req, HttpResponse& res, const SessionStore::Session& s,
@@ -70,9 +75,17 @@ void ApiRoutes::Serve(const HttpRequest& req, HttpResponse& res, const SessionSt
   res.log.api = call.api;
   res.log.version = call.version;
   res.log.method = call.method;
-  AccountOps::Answer answer = ops_.Call(call, who);
+  Respond(req, res, s, call, ops_.Call(call, who), /*may_block=*/true);
+}
+
+void ApiRoutes::Respond(const HttpRequest& req, HttpResponse& res, const SessionStore::Session& s,
+                        const ApiCall& call, const AccountOps::Answer& answer, bool may_block) {
   if (answer.denied) {
-    auth_.Refuse(req, res, s, LoginResult::kDenied);
+    if (may_block) {
+      auth_.Refuse(req, res, s, LoginResult::kDenied);
+    } else {
+      auth_.RefuseQuick(req, res, s, LoginResult::kDenied);
+    }
     return;
   }
   if (answer.unavailable) {
@@ -124,6 +137,10 @@ void ApiRoutes::Post(const HttpRequest& req, HttpResponse& res) {
 void ApiRoutes::Get(const HttpRequest& req, HttpResponse& res) {
   SessionStore::Session s;
   if (!auth_.Authorize(req, res, &s, /*recheck=*/false)) return;
+  Serve(req, res, s, EnvelopeOfQuery(req));
+}
+
+Json::Value ApiRoutes::EnvelopeOfQuery(const HttpRequest& req) {
   // api, version and method name the call; every other query parameter is a
   // parameter of the method, read as JSON when it parses as JSON.
   Json::Value body(Json::objectValue);
@@ -138,7 +155,42 @@ void ApiRoutes::Get(const HttpRequest& req, HttpResponse& res) {
     }
   }
   body["params"] = params;
-  Serve(req, res, s, body);
+  return body;
+}
+
+bool ApiRoutes::Start(const HttpRequest& req, HttpResponse& res, HttpServer::Done done) {
+  Json::Value envelope;
+  if (req.method == "POST" && (req.body.size() > kPeekBytes || !ParseJson(req.body, &envelope)))
+    return false;  // a worker parses it, or answers why not
+  SessionStore::Session s;
+  switch (auth_.AuthorizeQuick(req, res, &s)) {
+    case AuthRoutes::Quick::kBlocked:
+      return false;
+    case AuthRoutes::Quick::kRefused:
+      done();
+      return true;
+    case AuthRoutes::Quick::kPass:
+      break;
+  }
+  if (req.method != "POST") envelope = EnvelopeOfQuery(req);
+  ApiCall call;
+  std::string error;
+  // A body that is no call is answered after a re-check, on a worker.
+  if (!CallFromJson(envelope, &call, &error)) return false;
+  res.log.api = call.api;
+  res.log.version = call.version;
+  res.log.method = call.method;
+  const LoginIdentity who{s.account, s.stamp, s.grant};
+  return ops_.CallLater(call, who,
+                        [this, &req, &res, s, api = call.api, version = call.version,
+                         method = call.method, done](AccountOps::Answer answer) {
+                          ApiCall named;
+                          named.api = api;
+                          named.version = version;
+                          named.method = method;
+                          Respond(req, res, s, named, answer, /*may_block=*/false);
+                          done();
+                        });
 }
 
 }  // namespace tavo_server

@@ -49,6 +49,18 @@ class ApiRoutes {
   // rechecks the account (once per request).
   void Serve(const HttpRequest& req, HttpResponse& res, const SessionStore::Session& s,
              const Json::Value& envelope);
+  // The envelope a GET /api names.
+  static Json::Value EnvelopeOfQuery(const HttpRequest& req);
+  // Starts a call without blocking (HttpServer::Starter): when the account
+  // side takes calls to answer later, a session's well-formed call goes to it
+  // at once; anything else (a body that is no call, a large body, sessions
+  // whose end the account side must hear first) declines, for a worker.
+  bool Start(const HttpRequest& req, HttpResponse& res, HttpServer::Done done);
+  // Fills in the answer to `call` (only its API, version and method are
+  // read). `may_block`: on a worker, which may tell the account side of a
+  // session it ends at once.
+  void Respond(const HttpRequest& req, HttpResponse& res, const SessionStore::Session& s,
+               const ApiCall& call, const AccountOps::Answer& answer, bool may_block);
 
   AccountOps& ops_;
   AuthRoutes& auth_;

@@ -5,6 +5,8 @@
 #include <chrono>
 #include <exception>
 
+#include "api/directory_api.h"
+#include "api/eventlog_api.h"
 #include "api/json_util.h"
 #include "tavo/account.h"
 
@@ -50,6 +52,10 @@ bool CallFromJson(const Json::Value& body, ApiCall* call, std::string* error) {
   call->version = version;
   call->params = params;
   return true;
+}
+
+bool TakesNoLock(const std::string& api, const std::string& method) {
+  return (api == kEventLogApi && method == "list") || (api == kDirectoryApi && method == "status");
 }
 
 CallResult Dispatch(const ModuleSet& modules, const ApiCall& call, const std::string& account) {

@@ -45,6 +45,11 @@ struct CallResult {
   double module_us = 0;
 };
 
+// Whether `call` takes no lock (the event log's list, the directory's
+// status), so that it may run beside calls that wait for one.
+bool TakesNoLock(const std::string& api, const std::string& method);
+inline bool TakesNoLock(const ApiCall& call) { return TakesNoLock(call.api, call.method); }
+
 // Runs the call. When the method is unknown, only `lookup` is meaningful.
 CallResult Dispatch(const ModuleSet& modules, const ApiCall& call, const std::string& account);
 

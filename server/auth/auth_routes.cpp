@@ -102,9 +102,7 @@ void AuthRoutes::Register(HttpServer& server) {
                   [this](Req q, Res r) { SessionInfo(q, r); });
 }
 
-bool AuthRoutes::Authorize(const HttpRequest& req, HttpResponse& res, SessionStore::Session* s,
-                           bool recheck) {
-  EndGrants();
+bool AuthRoutes::FindSession(const HttpRequest& req, HttpResponse& res, SessionStore::Session* s) {
   const std::string token = RequestToken(req);
   if (token.empty()) {
     SendError(res, 401,
@@ -117,10 +115,27 @@ bool AuthRoutes::Authorize(const HttpRequest& req, HttpResponse& res, SessionSto
     return false;
   }
   res.log.account = s->account;
+  return true;
+}
+
+bool AuthRoutes::Authorize(const HttpRequest& req, HttpResponse& res, SessionStore::Session* s,
+                           bool recheck) {
+  EndGrants();
+  if (!FindSession(req, res, s)) return false;
   // Membership may have been withdrawn, or the password changed, since the login.
   return !recheck ||
          !Refuse(req, res, *s, ops_.Recheck(LoginIdentity{s->account, s->stamp, s->grant}));
 }
+
+namespace {
+
+void SendEnded(HttpResponse& res, const SessionStore::Session& s) {
+  SendError(res, 401,
+            "the session has ended: the account " + s.account +
+                " is no longer a valid administrator or its password changed");
+}
+
+}  // namespace
 
 bool AuthRoutes::Refuse(const HttpRequest& req, HttpResponse& res, const SessionStore::Session& s,
                         LoginResult r) {
@@ -136,10 +151,24 @@ bool AuthRoutes::Refuse(const HttpRequest& req, HttpResponse& res, const Session
   SessionStore::Session ended;
   if (sessions_.Remove(RequestToken(req), &ended))
     ops_.Logout(LoginIdentity{ended.account, ended.stamp, ended.grant});
-  SendError(res, 401,
-            "the session has ended: the account " + s.account +
-                " is no longer a valid administrator or its password changed");
+  SendEnded(res, s);
   return true;
+}
+
+AuthRoutes::Quick AuthRoutes::AuthorizeQuick(const HttpRequest& req, HttpResponse& res,
+                                             SessionStore::Session* s) {
+  if (sessions_.HasEnded()) return Quick::kBlocked;
+  return FindSession(req, res, s) ? Quick::kPass : Quick::kRefused;
+}
+
+void AuthRoutes::RefuseQuick(const HttpRequest& req, HttpResponse& res,
+                             const SessionStore::Session& s, LoginResult r) {
+  if (r == LoginResult::kUnavailable) {
+    Refuse(req, res, s, r);
+    return;
+  }
+  sessions_.Remove(RequestToken(req), nullptr, /*report=*/true);
+  SendEnded(res, s);
 }
 
 void AuthRoutes::Login(const HttpRequest& req, HttpResponse& res) {

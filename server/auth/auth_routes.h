@@ -50,6 +50,16 @@ class AuthRoutes {
   // check (401 ending the session, or 500). False when `r` is kOk.
   bool Refuse(const HttpRequest& req, HttpResponse& res, const SessionStore::Session& s,
               LoginResult r);
+  // Authorize without the re-check and without blocking, for an event
+  // thread or the channel's reader: kBlocked when it would have to tell the
+  // account side of ended sessions first (the caller then authorizes on a
+  // worker).
+  enum class Quick { kPass, kRefused, kBlocked };
+  Quick AuthorizeQuick(const HttpRequest& req, HttpResponse& res, SessionStore::Session* s);
+  // Refuse, without blocking: an ended session's grant is told to the
+  // account side at the next Authorize.
+  void RefuseQuick(const HttpRequest& req, HttpResponse& res, const SessionStore::Session& s,
+                   LoginResult r);
   size_t SessionCount() { return sessions_.Size(); }
   // The live sessions (a test starts one without a password).
   SessionStore& sessions() { return sessions_; }
@@ -66,6 +76,9 @@ class AuthRoutes {
   void Login(const HttpRequest& req, HttpResponse& res);
   void Logout(const HttpRequest& req, HttpResponse& res);
   void SessionInfo(const HttpRequest& req, HttpResponse& res);
+  // The session of the request's token; on failure answers 401 and returns
+  // false.
+  bool FindSession(const HttpRequest& req, HttpResponse& res, SessionStore::Session* s);
   // Tells the account side of the sessions that ended without a logout (a
   // call on the channel: never on an event thread).
   void EndGrants();

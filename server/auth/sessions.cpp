@@ -89,14 +89,19 @@ bool SessionStore::FindById(const std::string& id, Session* out) {
   return Use(LookupId(id), out);
 }
 
-bool SessionStore::Remove(const std::string& id_or_token, Session* removed) {
+bool SessionStore::Remove(const std::string& id_or_token, Session* removed, bool report) {
   std::lock_guard<std::mutex> lock(mutex_);
   auto it = LookupToken(id_or_token);
   if (it == by_id_.end()) it = LookupId(id_or_token);
   if (it == by_id_.end()) return false;
   if (removed) *removed = it->second;
-  Erase(it, false);
+  Erase(it, report);
   return true;
+}
+
+bool SessionStore::HasEnded() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return !ended_.empty();
 }
 
 size_t SessionStore::Size() {

@@ -57,11 +57,15 @@ class SessionStore {
   // The live session whose id is `id`; refreshes its idle timer.
   bool FindById(const std::string& id, Session* out);
   // Ends the session with this id or token (whichever matches); false when
-  // there was none. The ended session is copied to `removed` when given.
-  bool Remove(const std::string& id_or_token, Session* removed = nullptr);
+  // there was none. The ended session is copied to `removed` when given,
+  // and kept for TakeEnded when `report` is true.
+  bool Remove(const std::string& id_or_token, Session* removed = nullptr, bool report = false);
   size_t Size();
-  // The sessions that ended since the last call, other than by Remove.
+  // The sessions that ended since the last call, other than by Remove
+  // without `report`.
   std::vector<Session> TakeEnded();
+  // Whether TakeEnded has any.
+  bool HasEnded();
 
  private:
   bool Alive(const Session& s, Clock::time_point now) const {

@@ -116,14 +116,24 @@ const HttpServer::Impl::Route* HttpServer::Impl::Find(const HttpRequest& req) co
   return nullptr;
 }
 
-void HttpServer::Impl::Handle(const Route* route, const HttpRequest& req, HttpResponse& res) {
+bool HttpServer::Impl::Admit(const HttpRequest& req, HttpResponse& res) {
   const std::string host = req.Header("Host");
   if (!site.HostAllowed(host)) {
     // Another site's name: a page there may have made its name resolve to us.
     SendError(res, 421, "this server does not answer to the host name in Host; use its address");
-  } else if (req.method == "POST" &&
-             !site.OriginAllowed(req.Header("Origin"), !req.Headers("Origin").empty(), host)) {
+    return false;
+  }
+  if (req.method == "POST" &&
+      !site.OriginAllowed(req.Header("Origin"), !req.Headers("Origin").empty(), host)) {
     SendError(res, 403, "cross-site request refused: the Origin is not this server");
+    return false;
+  }
+  return true;
+}
+
+void HttpServer::Impl::Handle(const Route* route, const HttpRequest& req, HttpResponse& res) {
+  if (!Admit(req, res)) {
+    // refused: `res` holds why
   } else if (route != nullptr) {
     route->handler(req, res);
   } else if (req.method == "GET" || req.method == "HEAD") {

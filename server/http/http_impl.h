@@ -36,6 +36,7 @@ struct HttpServer::Impl {
     Lane lane;
     Handler handler;
     LockFree lock_free;  // kCall only; null: every call may wait
+    Starter start;       // kCall only; null: always on the pool
   };
 
   const ServeOptions& options;
@@ -72,6 +73,9 @@ struct HttpServer::Impl {
   // The one place where a parsed request becomes a response: runs the route
   // (or the static files, or a refusal), then Finish. Runs on the route's lane.
   void Handle(const Route* route, const HttpRequest& req, HttpResponse& res);
+  // The checks of every request before its route (the Host and a POST's
+  // Origin): false, with `res` filled in, when the request is refused.
+  bool Admit(const HttpRequest& req, HttpResponse& res);
   // Headers every answer carries, no-store under /api, and gzip when the
   // client accepts it and the body is large enough.
   void Finish(const HttpRequest& req, HttpResponse& res);

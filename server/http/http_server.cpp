@@ -73,6 +73,7 @@ struct Exchange {
   bool too_big = false;
   bool close = false;
   bool sent = false;
+  bool finish_on_send = false;  // answered elsewhere: Finish on the event thread
 };
 
 Conn* ConnOf(MHD_Connection* c) {
@@ -197,6 +198,10 @@ MHD_Response* StreamResponse(Impl* s, MHD_Connection* connection, Exchange* x) {
 }
 
 MHD_Result Send(Impl* s, MHD_Connection* connection, Exchange* x) {
+  if (x->finish_on_send) {
+    x->finish_on_send = false;
+    s->Finish(x->req, x->res);
+  }
   const HttpResponse& r = x->res;
   Conn* c = x->conn;
   if (r.stream) x->close = true;
@@ -274,20 +279,38 @@ MHD_Result OnRequest(void* cls, MHD_Connection* connection, const char* url, con
     s->Handle(x->route, x->req, x->res);
     return Send(s, connection, x);
   }
-  // The request goes to a worker. When it is the only one in flight, the
-  // event thread has nothing else to do and waits awake for the answer for
-  // a moment; otherwise, or when the answer takes longer, the connection
-  // waits suspended until the worker resumes it.
+  // The request goes to a worker, or is started elsewhere. When it is the
+  // only one in flight, the event thread has nothing else to do and waits
+  // awake for the answer for a moment; otherwise, or when the answer takes
+  // longer, the connection waits suspended until the answer resumes it.
   const bool alone = s->in_flight.load() - s->streams.load() == 1;
   x->state.store(kRunning);
-  const bool queued = s->PoolFor(*x->route, x->req)->TrySubmit([s, x, connection] {
-    s->Handle(x->route, x->req, x->res);
+  const auto ready = [x, connection] {
     int running = kRunning;
     if (x->state.compare_exchange_strong(running, kReady)) return;  // the event thread sends it
     // Parked: `x` is the event thread's again once the connection resumes.
     x->state.store(kReady);
     MHD_resume_connection(connection);
-  });
+  };
+  bool queued = false;
+  if (x->route->start && !s->Admit(x->req, x->res)) {
+    // Refused before its route: answered here.
+    s->Finish(x->req, x->res);
+    x->state.store(kReady);
+    return Send(s, connection, x);
+  }
+  if (x->route->start && x->route->start(x->req, x->res, [x, ready] {
+        x->finish_on_send = true;
+        ready();
+      })) {
+    queued = true;
+  } else {
+    if (x->route->start) x->res = HttpResponse();
+    queued = s->PoolFor(*x->route, x->req)->TrySubmit([s, x, ready] {
+      s->Handle(x->route, x->req, x->res);
+      ready();
+    });
+  }
   if (!queued) {
     x->res = HttpResponse();
     x->res.SetHeader("Retry-After", "1");
@@ -363,8 +386,9 @@ void HttpServer::Impl::StopCompanions() {
 HttpServer::~HttpServer() = default;
 
 void HttpServer::AddRoute(const std::string& method, const std::string& path, Lane lane,
-                          Handler handler, LockFree lock_free) {
-  impl_->routes.push_back({method, path, lane, std::move(handler), std::move(lock_free)});
+                          Handler handler, LockFree lock_free, Starter start) {
+  impl_->routes.push_back(
+      {method, path, lane, std::move(handler), std::move(lock_free), std::move(start)});
 }
 
 Executor* HttpServer::Impl::PoolFor(const Route& route, const HttpRequest& req) const {

@@ -25,7 +25,11 @@
 // pool of its own, so it never waits behind calls that wait for a lock. The
 // connection waits, suspended, without holding an event thread (except that
 // a request alone in flight is waited for, awake, for up to half a
-// millisecond). A full pool queue is answered 503 with Retry-After.
+// millisecond). A full pool queue is answered 503 with Retry-After. A kCall
+// route with a Starter (the split server's calls, which run in another
+// process) is first offered to it on the event thread: a call it starts
+// holds no worker while it runs, and its answer is finished and written on
+// an event thread.
 //
 // Adding a route: call AddRoute before Bind, e.g.
 //   server.AddRoute("GET", "/healthz", HttpServer::Lane::kEvent,
@@ -68,9 +72,18 @@ class HttpServer {
   HttpServer(const HttpServer&) = delete;
   HttpServer& operator=(const HttpServer&) = delete;
 
+  // For a kCall route: starts the request's work elsewhere (the privileged
+  // process) on the event thread, without blocking, and returns true; the
+  // work then fills in `res` and calls `done` once, from any thread. False
+  // when it cannot start without blocking: the request then runs on the
+  // route's pool as usual. Either way `res` is finished (headers, gzip) on
+  // an event thread.
+  using Done = std::function<void()>;
+  using Starter = std::function<bool(const HttpRequest&, HttpResponse&, Done)>;
+
   // Serves `method` ("GET" also answers HEAD) on exactly `path`.
   void AddRoute(const std::string& method, const std::string& path, Lane lane, Handler handler,
-                LockFree lock_free = nullptr);
+                LockFree lock_free = nullptr, Starter start = nullptr);
 
   // Work that lives while Run serves (the change watch and its streams):
   // `start` runs before the event threads start, `end_streams` when a stop

@@ -17,6 +17,7 @@
 #include <json/value.h>
 
 #include <chrono>
+#include <functional>
 #include <string>
 
 #include "api/answer_cache.h"
@@ -44,6 +45,18 @@ class AccountOps {
     CallResult result;
   };
   virtual Answer Call(const ApiCall& call, const LoginIdentity& who) = 0;
+  // Starts `call` without blocking and returns true; `done` then runs once,
+  // on a thread of the implementation's, with the answer Call would give.
+  // `done` must not block (it must not call this interface). False, with
+  // nothing started, when it cannot start without blocking (or the
+  // implementation runs calls where they are asked): use Call then.
+  using CallDone = std::function<void(Answer)>;
+  // Whether CallLater may start calls at all.
+  virtual bool StartsCalls() const { return false; }
+  virtual bool CallLater(const ApiCall& call, const LoginIdentity& who, CallDone done) {
+    (void)call, (void)who, (void)done;
+    return false;
+  }
   // Ends the grant of `who` (a logout, or a session dropped by the front).
   virtual void Logout(const LoginIdentity& who) = 0;
   // The APIs and methods served (ModuleSet::Info).

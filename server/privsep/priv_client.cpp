@@ -1,5 +1,9 @@
 #include "privsep/priv_client.h"
 
+#include <errno.h>
+#include <pthread.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <syslog.h>
@@ -16,6 +20,52 @@
 namespace tavo_server {
 namespace {
 
+// How long the rest of an answer that has begun may take to arrive.
+constexpr int kRestOfFrameMs = 10000;
+
+AccountOps::Answer Unavailable() {
+  AccountOps::Answer a;
+  a.unavailable = true;
+  return a;
+}
+
+// The answer a call's frame body holds.
+AccountOps::Answer AnswerOf(std::string body) {
+  CallHead head;
+  std::string_view envelope;
+  if (!DecodeCallHead(body, &head, &envelope)) {
+    syslog(LOG_WARNING, "front: refused a malformed answer to a call");
+    return Unavailable();
+  }
+  AccountOps::Answer a;
+  a.denied = head.result == LoginResult::kDenied;
+  a.unavailable = head.result == LoginResult::kUnavailable;
+  if (head.result != LoginResult::kOk) return a;
+  a.result.lookup = static_cast<ModuleSet::Lookup>(head.lookup);
+  a.result.code = head.code;
+  a.result.module_us = head.module_ns / 1000.0;
+  // The envelope travels as its text and is sent on as it is.
+  if (a.result.lookup == ModuleSet::Lookup::kFound) {
+    if (envelope.empty()) return Unavailable();
+    body.erase(0, kCallHeadBytes);
+    a.result.text = std::make_shared<const std::string>(std::move(body));
+  }
+  return a;
+}
+
+// Whether a received answer is the one of request `id`, alone.
+bool AnswerMatches(const FrameReader& reader, uint32_t got, uint32_t id) {
+  if (!reader.empty()) {
+    syslog(LOG_WARNING, "front: refused an answer that came with more than one frame");
+    return false;
+  }
+  if (got != id) {
+    syslog(LOG_WARNING, "front: refused an answer for request %u while %u was asked", got, id);
+    return false;
+  }
+  return true;
+}
+
 LoginResult ResultOf(const Json::Value& answer) {
   const std::string r = answer["result"].isString() ? answer["result"].asString() : "";
   return r == "ok"       ? LoginResult::kOk
@@ -25,8 +75,39 @@ LoginResult ResultOf(const Json::Value& answer) {
 
 }  // namespace
 
+PrivClient::PrivClient(std::string address, int timeout_ms)
+    : address_(std::move(address)), timeout_ms_(timeout_ms) {
+  epoll_fd_ = epoll_create1(EPOLL_CLOEXEC);
+  wake_fd_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+  struct epoll_event ev {};
+  ev.events = EPOLLIN;
+  ev.data.fd = wake_fd_;
+  // Without a reader, CallLater declines and every call waits for its answer.
+  // The reader starts with the first call started.
+  can_start_ =
+      epoll_fd_ >= 0 && wake_fd_ >= 0 && epoll_ctl(epoll_fd_, EPOLL_CTL_ADD, wake_fd_, &ev) == 0;
+}
+
 PrivClient::~PrivClient() {
+  if (reader_.joinable()) {
+    const uint64_t one = 1;
+    (void)!write(wake_fd_, &one, sizeof one);
+    reader_.join();
+  }
+  std::unordered_map<int, Started> left;
+  {
+    std::lock_guard<std::mutex> lock(mu_);
+    left.swap(started_);
+  }
+  for (auto& e : left) {
+    close(e.first);
+    Answer a;
+    a.unavailable = true;
+    e.second.done(std::move(a));
+  }
   for (int fd : idle_) close(fd);
+  if (epoll_fd_ >= 0) close(epoll_fd_);
+  if (wake_fd_ >= 0) close(wake_fd_);
 }
 
 int PrivClient::Connect() const {
@@ -48,9 +129,15 @@ int PrivClient::Connect() const {
   return fd;
 }
 
-int PrivClient::Checkout() {
+int PrivClient::Checkout(bool may_wait, bool wait) {
   std::unique_lock<std::mutex> lock(mu_);
-  free_.wait(lock, [this] { return !idle_.empty() || open_ < kChannelConnections; });
+  const auto room = [this, may_wait] {
+    if (may_wait && waiting_calls_ >= kChannelConnections - kReservedConnections) return false;
+    return !idle_.empty() || open_ < kChannelConnections;
+  };
+  if (!wait && !room()) return -1;
+  free_.wait(lock, room);
+  if (may_wait) ++waiting_calls_;
   if (!idle_.empty()) {
     const int fd = idle_.back();
     idle_.pop_back();
@@ -59,19 +146,20 @@ int PrivClient::Checkout() {
   ++open_;
   lock.unlock();
   const int fd = Connect();
-  if (fd < 0) Checkin(-1, false);
+  if (fd < 0) Checkin(-1, false, may_wait);
   return fd;
 }
 
-void PrivClient::Checkin(int fd, bool healthy) {
+void PrivClient::Checkin(int fd, bool healthy, bool may_wait) {
   std::lock_guard<std::mutex> lock(mu_);
+  if (may_wait) --waiting_calls_;
   if (healthy) {
     idle_.push_back(fd);
   } else {
     if (fd >= 0) close(fd);
     --open_;
   }
-  free_.notify_one();
+  free_.notify_all();
 }
 
 int PrivClient::OpenConnections() {
@@ -79,24 +167,17 @@ int PrivClient::OpenConnections() {
   return open_;
 }
 
-bool PrivClient::Exchange(std::string_view request, std::string* answer) {
-  const int fd = Checkout();
+bool PrivClient::Exchange(std::string_view request, std::string* answer, bool may_wait) {
+  const int fd = Checkout(may_wait);
   if (fd < 0) return false;
   const uint32_t id = next_id_.fetch_add(1);
   uint32_t got = 0;
   FrameReader reader(timeout_ms_);
   bool ok =
       SendFrame(fd, id, request, {}, kMaxRequest) && reader.Receive(fd, kMaxAnswer, &got, answer);
-  if (ok && !reader.empty()) {
-    syslog(LOG_WARNING, "front: refused an answer that came with more than one frame");
-    ok = false;
-  }
-  if (ok && got != id) {
-    syslog(LOG_WARNING, "front: refused an answer for request %u while %u was asked", got, id);
-    ok = false;
-  }
+  ok = ok && AnswerMatches(reader, got, id);
   // A connection whose exchange went wrong may hold a late answer: never reused.
-  Checkin(fd, ok);
+  Checkin(fd, ok, may_wait);
   return ok;
 }
 
@@ -128,31 +209,100 @@ LoginResult PrivClient::Recheck(const LoginIdentity& who) {
 }
 
 AccountOps::Answer PrivClient::Call(const ApiCall& call, const LoginIdentity& who) {
-  Answer a;
   std::string body;
-  CallHead head;
-  std::string_view envelope;
-  if (!Exchange(EncodeCall(call, who), &body) || !DecodeCallHead(body, &head, &envelope)) {
-    if (!body.empty()) syslog(LOG_WARNING, "front: refused a malformed answer to a call");
-    a.unavailable = true;
-    return a;
+  if (!Exchange(EncodeCall(call, who), &body, !TakesNoLock(call))) return Unavailable();
+  return AnswerOf(std::move(body));
+}
+
+bool PrivClient::CallLater(const ApiCall& call, const LoginIdentity& who, CallDone done) {
+  if (!can_start_) return false;
+  std::call_once(reader_started_, [this] { reader_ = std::thread([this] { ReadAnswers(); }); });
+  const std::string body = EncodeCall(call, who);
+  if (body.size() > kMaxRequest) return false;
+  const bool may_wait = !TakesNoLock(call);
+  const int fd = Checkout(may_wait, /*wait=*/false);
+  if (fd < 0) return false;
+  const uint32_t id = next_id_.fetch_add(1);
+  {
+    std::lock_guard<std::mutex> lock(mu_);
+    started_[fd] = Started{id, may_wait, std::move(done),
+                           Clock::now() + std::chrono::milliseconds(timeout_ms_)};
   }
-  a.denied = head.result == LoginResult::kDenied;
-  a.unavailable = head.result == LoginResult::kUnavailable;
-  if (head.result != LoginResult::kOk) return a;
-  a.result.lookup = static_cast<ModuleSet::Lookup>(head.lookup);
-  a.result.code = head.code;
-  a.result.module_us = head.module_ns / 1000.0;
-  // The envelope travels as its text and is sent on as it is.
-  if (a.result.lookup == ModuleSet::Lookup::kFound) {
-    if (envelope.empty()) {
-      a.unavailable = true;
-    } else {
-      body.erase(0, kCallHeadBytes);
-      a.result.text = std::make_shared<const std::string>(std::move(body));
+  // Watched before it is sent, so that no answer comes unseen.
+  struct epoll_event ev {};
+  ev.events = EPOLLIN | EPOLLONESHOT;
+  ev.data.fd = fd;
+  const bool watched = epoll_ctl(epoll_fd_, EPOLL_CTL_MOD, fd, &ev) == 0 ||
+                       (errno == ENOENT && epoll_ctl(epoll_fd_, EPOLL_CTL_ADD, fd, &ev) == 0);
+  if (watched && SendFrame(fd, id, body, {}, kMaxRequest)) return true;
+  std::unique_lock<std::mutex> lock(mu_);
+  auto it = started_.find(fd);
+  // The reader took it already (the connection broke): it answers.
+  if (it == started_.end()) return true;
+  started_.erase(it);
+  lock.unlock();
+  epoll_ctl(epoll_fd_, EPOLL_CTL_DEL, fd, nullptr);
+  Checkin(fd, false, may_wait);
+  return false;
+}
+
+void PrivClient::ReadAnswers() {
+  pthread_setname_np(pthread_self(), "tavo-channel");
+  struct epoll_event events[64];
+  for (;;) {
+    const int n = epoll_wait(epoll_fd_, events, 64, 1000);
+    if (n < 0 && errno != EINTR) return;
+    for (int i = 0; i < n; ++i) {
+      if (events[i].data.fd == wake_fd_) return;
+      Answered(events[i].data.fd);
+    }
+    // After the batch, so that no event of a connection closed here is
+    // still to be handled (its number may be reused).
+    ExpireStarted();
+  }
+}
+
+void PrivClient::Answered(int fd) {
+  Started started;
+  {
+    std::lock_guard<std::mutex> lock(mu_);
+    auto it = started_.find(fd);
+    if (it == started_.end()) return;
+    started = std::move(it->second);
+    started_.erase(it);
+  }
+  // The answer has begun: the rest of it follows at once.
+  FrameReader reader(kRestOfFrameMs);
+  uint32_t got = 0;
+  std::string body;
+  const bool ok = reader.Receive(fd, kMaxAnswer, &got, &body, /*ready=*/true) &&
+                  AnswerMatches(reader, got, started.id);
+  Answer a = ok ? AnswerOf(std::move(body)) : Unavailable();
+  Checkin(fd, ok, started.may_wait);
+  started.done(std::move(a));
+}
+
+void PrivClient::ExpireStarted() {
+  std::vector<std::pair<int, Started>> expired;
+  {
+    std::lock_guard<std::mutex> lock(mu_);
+    if (started_.empty()) return;
+    const Clock::time_point now = Clock::now();
+    for (auto it = started_.begin(); it != started_.end();) {
+      if (it->second.deadline > now) {
+        ++it;
+        continue;
+      }
+      expired.emplace_back(it->first, std::move(it->second));
+      it = started_.erase(it);
     }
   }
-  return a;
+  for (auto& e : expired) {
+    syslog(LOG_WARNING, "front: no answer from the account process in %d ms", timeout_ms_);
+    epoll_ctl(epoll_fd_, EPOLL_CTL_DEL, e.first, nullptr);
+    Checkin(e.first, false, e.second.may_wait);
+    e.second.done(Unavailable());
+  }
 }
 
 void PrivClient::Logout(const LoginIdentity& who) {

@@ -2,35 +2,48 @@
 // process (priv_server.h) over the channel of priv_channel.h.
 //
 // It keeps the channel's connections open between requests, at most
-// kChannelConnections, each carrying one request at a time; a caller finding
-// all of them busy waits for one. A connection that fails, times out or
-// brings an answer with another request's id is closed, never used again.
+// kChannelConnections, each carrying one request at a time. Calls that may
+// wait for a module's lock use at most kChannelConnections -
+// kReservedConnections of them, so that the calls that take no lock (the
+// event log, the directory's status: TakesNoLock of api/dispatch.h) and the logins and
+// session checks always find one. A caller of Call finding none it may use
+// waits for one; CallLater does not wait: it sends the call and returns,
+// and the channel's reader thread, which waits for the answers of every
+// connection at once, hands the answer to the caller's `done`. A connection
+// that fails, times out or brings an answer with another request's id is
+// closed, never used again.
 //
 // Errors: when the other side cannot be reached or answers out of form,
 // logins and re-checks give kUnavailable and calls `unavailable`.
-// Ownership: closes its connections when destroyed.
+// Ownership: closes its connections when destroyed; calls started and not
+// answered by then are answered `unavailable`.
 // Thread-safety: any thread, at once.
 #ifndef TAVO_SERVER_PRIVSEP_PRIV_CLIENT_H_
 #define TAVO_SERVER_PRIVSEP_PRIV_CLIENT_H_
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <mutex>
 #include <string>
 #include <string_view>
+#include <thread>
+#include <unordered_map>
 #include <vector>
 
 #include "privsep/account_ops.h"
 
 namespace tavo_server {
 
+// Connections kept for the calls that take no lock, logins and checks.
+constexpr int kReservedConnections = 4;
+
 class PrivClient : public AccountOps {
  public:
   // `address`: the abstract socket name of PrivServer::address(); each answer
   // must arrive within `timeout_ms` (module calls may wait for locks).
-  explicit PrivClient(std::string address, int timeout_ms = 120000)
-      : address_(std::move(address)), timeout_ms_(timeout_ms) {}
+  explicit PrivClient(std::string address, int timeout_ms = 120000);
   ~PrivClient() override;
   PrivClient(const PrivClient&) = delete;
   PrivClient& operator=(const PrivClient&) = delete;
@@ -39,6 +52,8 @@ class PrivClient : public AccountOps {
                          LoginIdentity* who) override;
   LoginResult Recheck(const LoginIdentity& who) override;
   Answer Call(const ApiCall& call, const LoginIdentity& who) override;
+  bool CallLater(const ApiCall& call, const LoginIdentity& who, CallDone done) override;
+  bool StartsCalls() const override { return can_start_; }
   void Logout(const LoginIdentity& who) override;
   Json::Value Info() override;
   Json::Value Stats() override;
@@ -47,24 +62,46 @@ class PrivClient : public AccountOps {
   // fails.
   bool Ask(const Json::Value& request, Json::Value* answer);
   // Sends one request's body and receives its answer's body; false when that
-  // fails.
-  bool Exchange(std::string_view request, std::string* answer);
+  // fails. `may_wait`: a call that may wait for a lock.
+  bool Exchange(std::string_view request, std::string* answer, bool may_wait = false);
 
   // Connections open now (busy or idle), for tests.
   int OpenConnections();
 
  private:
-  int Checkout();  // an open connection, or -1
-  void Checkin(int fd, bool healthy);
+  // A call sent by CallLater whose answer has not come yet.
+  struct Started {
+    uint32_t id;
+    bool may_wait;
+    CallDone done;
+    std::chrono::steady_clock::time_point deadline;
+  };
+  using Clock = std::chrono::steady_clock;
+
+  // An open connection, or -1; waits unless `wait` is false.
+  int Checkout(bool may_wait, bool wait = true);
+  void Checkin(int fd, bool healthy, bool may_wait);
   int Connect() const;
+  // The reader thread: answers of started calls, and their time-outs.
+  void ReadAnswers();
+  void Answered(int fd);
+  void ExpireStarted();
 
   const std::string address_;
   const int timeout_ms_;
   std::atomic<uint32_t> next_id_{1};
   std::mutex mu_;
   std::condition_variable free_;
-  std::vector<int> idle_;  // open connections no request uses
-  int open_ = 0;           // idle and busy
+  std::vector<int> idle_;                     // open connections no request uses
+  int open_ = 0;                              // idle and busy
+  int waiting_calls_ = 0;                     // busy with calls that may wait for a lock
+  std::unordered_map<int, Started> started_;  // by connection; guarded by mu_
+  std::vector<int> watched_;                  // connections in the epoll set; mu_
+  int epoll_fd_ = -1;
+  int wake_fd_ = -1;  // an eventfd that stops the reader
+  bool can_start_ = false;
+  std::once_flag reader_started_;
+  std::thread reader_;
 };
 
 }  // namespace tavo_server

@@ -10,6 +10,7 @@
 #include <atomic>
 #include <cstddef>
 #include <cstring>
+#include <future>
 #include <memory>
 #include <thread>
 #include <vector>
@@ -289,7 +290,7 @@ TEST(PrivChannelTest, ConcurrentCallsInFlightEachGetTheirOwnAnswer) {
   server.AllowPeer(getpid(), getuid());
   std::thread runner([&server] { server.Run(); });
   PrivClient front(server.address(), 5000);
-  std::atomic<int> wrong{0}, done{0};
+  std::atomic<int> wrong{0}, done{0}, started{0};
   std::vector<std::thread> callers;
   for (int t = 0; t < 12; ++t) {
     callers.emplace_back([&, t] {
@@ -300,7 +301,18 @@ TEST(PrivChannelTest, ConcurrentCallsInFlightEachGetTheirOwnAnswer) {
         call.params["n"] = t * 1000 + i;
         call.params["sleep_us"] = (t * 7 + i * 13) % 500;
         call.params["text"] = "line\nbreak " + std::to_string(t);
-        AccountOps::Answer a = front.Call(call, LoginIdentity{"x", "s", "g"});
+        // Half the callers start their calls and take the answer from the
+        // channel's reader, as the HTTP server does; the others wait.
+        AccountOps::Answer a;
+        std::promise<AccountOps::Answer> later;
+        if (t % 2 == 1 &&
+            front.CallLater(call, LoginIdentity{"x", "s", "g"},
+                            [&later](AccountOps::Answer got) { later.set_value(got); })) {
+          a = later.get_future().get();
+          ++started;
+        } else {
+          a = front.Call(call, LoginIdentity{"x", "s", "g"});
+        }
         Json::Value echoed;
         if (a.unavailable || !a.result.text || !ParseJson(*a.result.text, &echoed) ||
             echoed != call.params || a.result.code != t * 1000 + i)
@@ -312,9 +324,51 @@ TEST(PrivChannelTest, ConcurrentCallsInFlightEachGetTheirOwnAnswer) {
   for (auto& c : callers) c.join();
   EXPECT_EQ(480, done.load());
   EXPECT_EQ(0, wrong.load());
+  EXPECT_GT(started.load(), 100);
   // The connections were kept and shared, not one per call.
   EXPECT_GE(front.OpenConnections(), 2);
   EXPECT_LE(front.OpenConnections(), 12);
+  server.Stop();
+  runner.join();
+}
+
+// Calls that may wait for a lock never hold the connections kept for the
+// others, and a started call whose answer does not come in time is answered
+// unavailable.
+TEST(PrivChannelTest, WaitingCallsLeaveRoomForTheOthersAndTimeOut) {
+  EchoOps ops;
+  PrivServer server(ops, kChannelConnections, 2000);
+  ASSERT_TRUE(server.Listen().ok());
+  server.AllowPeer(getpid(), getuid());
+  std::thread runner([&server] { server.Run(); });
+  {
+    PrivClient front(server.address(), 1500);
+    const LoginIdentity who{"x", "s", "g"};
+    ApiCall slow;
+    slow.api = "TAVO.Core.Group";
+    slow.method = "add";
+    slow.params["sleep_us"] = 2500000;  // longer than the client waits
+    std::atomic<int> unavailable{0};
+    int slow_started = 0;
+    while (front.CallLater(slow, who, [&](AccountOps::Answer a) { unavailable += a.unavailable; }))
+      ++slow_started;
+    EXPECT_EQ(kChannelConnections - kReservedConnections, slow_started);
+    // The event log's list takes no lock: it still gets a connection, and
+    // its answer while the slow calls run.
+    ApiCall quick;
+    quick.api = "TAVO.Core.EventLog";
+    quick.method = "list";
+    quick.params["n"] = 7;
+    std::promise<AccountOps::Answer> got;
+    ASSERT_TRUE(front.CallLater(quick, who, [&](AccountOps::Answer a) { got.set_value(a); }));
+    auto answer = got.get_future();
+    ASSERT_EQ(std::future_status::ready, answer.wait_for(std::chrono::milliseconds(1000)));
+    EXPECT_EQ(7, answer.get().result.code);
+    // The slow ones end unanswered after the client's 1.5 s, each once.
+    for (int i = 0; i < 40 && unavailable.load() < slow_started; ++i)
+      std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_EQ(slow_started, unavailable.load());
+  }
   server.Stop();
   runner.join();
 }
