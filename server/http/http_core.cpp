@@ -80,9 +80,10 @@ HttpServer::Impl::Impl(const ServeOptions& o)
   // register themselves (auth/auth_routes.h, api/api_routes.h).
   using Req = const HttpRequest&;
   using Res = HttpResponse&;
-  routes.push_back({"GET", "/healthz", Lane::kEvent, [this](Req q, Res r) { Health(q, r); }});
   routes.push_back(
-      {"GET", "/api/openapi.json", Lane::kEvent, [this](Req q, Res r) { OpenApi(q, r); }});
+      {"GET", "/healthz", Lane::kEvent, [this](Req q, Res r) { Health(q, r); }, nullptr, nullptr});
+  routes.push_back({"GET", "/api/openapi.json", Lane::kEvent,
+                    [this](Req q, Res r) { OpenApi(q, r); }, nullptr, nullptr});
   openapi_etag = "\"" + std::to_string(std::hash<std::string>()(options.openapi_json)) + "\"";
 }
 

@@ -109,7 +109,9 @@ TEST(PidFileTest, PlantedFilesAreIgnoredAtOnce) {
       for (int kind = 0; kind < 4; ++kind) {
         unlink(planted.c_str());
         const char* what[] = {"a FIFO", "a symbolic link", "a file of nobody", "pid 1 unheld"};
-        if (kind == 0) ASSERT_EQ(mkfifo(planted.c_str(), 0666), 0);
+        if (kind == 0) {
+          ASSERT_EQ(mkfifo(planted.c_str(), 0666), 0);
+        }
         if (kind == 1) {
           root.Write("/live.pid", "1\n");
           ASSERT_EQ(symlink(root.Path("/live.pid").c_str(), planted.c_str()), 0);

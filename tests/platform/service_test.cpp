@@ -103,7 +103,9 @@ TEST_F(ReloadHookTest, OnlyTrustedHooksRunAndWithAMinimalEnvironment) {
   EXPECT_NE(env.find("TAVO_ROOT=" + root_.dir() + "\n"), std::string::npos) << env;
   for (const char* name : {"30-group-writable", "50-link"})
     EXPECT_EQ(tavo_test::LoggedCount(LOG_WARNING, std::string(name) + " not run"), 1) << name;
-  if (chowned) EXPECT_EQ(tavo_test::LoggedCount(LOG_WARNING, "40-foreign not run"), 1);
+  if (chowned) {
+    EXPECT_EQ(tavo_test::LoggedCount(LOG_WARNING, "40-foreign not run"), 1);
+  }
 
   // Nor does anything run from a folder that others may write to.
   chmod(root_.Path("/etc/tavo/reload.d").c_str(), 0777);
