@@ -8,7 +8,9 @@ import {
 } from 'node:fs';
 import { spawnSync } from 'node:child_process';
 import { join } from 'node:path';
-import { scratch, initRoot, moduleFolder, startServer, login, call, post, GROUP_MODULE } from './helpers.mjs';
+import {
+  scratch, initRoot, moduleFolder, startServer, login, call, post, GROUP_MODULE, USER_PASSWORD,
+} from './helpers.mjs';
 
 const asRoot = process.getuid() === 0;
 
@@ -72,6 +74,43 @@ test('the front runs as nobody, cannot open etc/shadow, and the API works', { sk
     }
     if (!gone) process.kill(Number(front), 'SIGKILL');
     assert.ok(gone, 'the front outlived the account process');
+  } finally {
+    await server.stop();
+    tmp.cleanup();
+  }
+});
+
+// Calls are started on the front's event thread and answered from the
+// channel: a refusal by the account process still ends the session there,
+// and the grant's end reaches the account process before the next call.
+test('an account withdrawn from the administrators ends its sessions in the split server too', { skip: !asRoot && 'needs root' }, async () => {
+  const tmp = scratch();
+  chmodSync(tmp.dir, 0o755);
+  const root = initRoot(tmp.dir);
+  const server = await startServer({
+    root, modules: moduleFolder(tmp.dir, [GROUP_MODULE]), extra: ['--privsep-user', 'nobody'],
+  });
+  try {
+    const admin = (await login(server.url)).body.data.token;
+    const member = { api: 'TAVO.Core.Group.Member', version: 1, params: { group: 'administrators', name: ['alice'] } };
+    assert.equal((await post(server.url, admin, { ...member, method: 'add' })).body.success, true);
+    const a = await login(server.url, 'alice', USER_PASSWORD);
+    const b = await login(server.url, 'alice', USER_PASSWORD);
+    const list = (token) => fetch(`${server.url}/api?api=TAVO.Core.Group&version=1&method=list`,
+      { headers: { Authorization: `Bearer ${token}` } });
+    assert.equal((await list(a.body.data.token)).status, 200);
+    assert.equal((await post(server.url, admin, { ...member, method: 'remove' })).body.success, true);
+    for (const r of [a, b]) {
+      const refused = await list(r.body.data.token);
+      assert.equal(refused.status, 401);
+      assert.match((await refused.json()).error, /alice is no longer a valid administrator/);
+      const session = await fetch(`${server.url}/api/auth/session`, { headers: { Cookie: r.cookie } });
+      assert.equal(session.status, 401);
+    }
+    // The next call first tells the account process of the ended grants,
+    // then is served.
+    assert.equal((await list(admin)).status, 200);
+    assert.equal((await post(server.url, admin, { api: 'TAVO.Core.Group', version: 1, method: 'list', params: {} })).body.success, true);
   } finally {
     await server.stop();
     tmp.cleanup();
