@@ -101,9 +101,7 @@ PrivClient::~PrivClient() {
   }
   for (auto& e : left) {
     close(e.first);
-    Answer a;
-    a.unavailable = true;
-    e.second.done(std::move(a));
+    e.second.done(Unavailable());
   }
   for (int fd : idle_) close(fd);
   if (epoll_fd_ >= 0) close(epoll_fd_);
