@@ -14,13 +14,20 @@ import {
 
 const asRoot = process.getuid() === 0;
 
-test('the front runs as nobody, cannot open etc/shadow, and the API works', { skip: !asRoot && 'needs root' }, async () => {
+// A demo root in a folder the front's user may enter, served split: the front
+// as nobody.
+async function splitServer() {
   const tmp = scratch();
   chmodSync(tmp.dir, 0o755);
   const root = initRoot(tmp.dir);
   const server = await startServer({
     root, modules: moduleFolder(tmp.dir, [GROUP_MODULE]), extra: ['--privsep-user', 'nobody'],
   });
+  return { tmp, root, server };
+}
+
+test('the front runs as nobody, cannot open etc/shadow, and the API works', { skip: !asRoot && 'needs root' }, async () => {
+  const { tmp, root, server } = await splitServer();
   try {
     const token = (await login(server.url)).body.data.token;
     assert.match(token, /^[0-9a-f]{64}$/);
@@ -84,12 +91,7 @@ test('the front runs as nobody, cannot open etc/shadow, and the API works', { sk
 // channel: a refusal by the account process still ends the session there,
 // and the grant's end reaches the account process before the next call.
 test('an account withdrawn from the administrators ends its sessions in the split server too', { skip: !asRoot && 'needs root' }, async () => {
-  const tmp = scratch();
-  chmodSync(tmp.dir, 0o755);
-  const root = initRoot(tmp.dir);
-  const server = await startServer({
-    root, modules: moduleFolder(tmp.dir, [GROUP_MODULE]), extra: ['--privsep-user', 'nobody'],
-  });
+  const { tmp, server } = await splitServer();
   try {
     const admin = (await login(server.url)).body.data.token;
     const member = { api: 'TAVO.Core.Group.Member', version: 1, params: { group: 'administrators', name: ['alice'] } };
