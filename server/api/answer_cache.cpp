@@ -4,8 +4,9 @@
 
 namespace tavo_server {
 
-std::string AnswerCache::Key(const ApiCall& call, const std::string& account) {
-  // No part can hold a NUL: names are checked text, the parameters compact JSON.
+std::string AnswerCache::Key(const ApiCall& call, std::string_view params_text,
+                             const std::string& account) {
+  // No part can hold a NUL: names are checked text, the parameters JSON.
   std::string key = account;
   key.push_back('\0');
   key += call.api;
@@ -14,13 +15,14 @@ std::string AnswerCache::Key(const ApiCall& call, const std::string& account) {
   key.push_back('\0');
   key += call.method;
   key.push_back('\0');
-  key += ToCompactJson(call.params);
+  key += params_text;
   return key;
 }
 
-bool AnswerCache::Find(const ApiCall& call, const std::string& account, CallResult* result) {
+bool AnswerCache::Find(const ApiCall& call, std::string_view params_text,
+                       const std::string& account, CallResult* result) {
   if (max_entries_ == 0) return false;
-  const std::string key = Key(call, account);
+  const std::string key = Key(call, params_text, account);
   Kept kept;
   {
     std::lock_guard<std::mutex> lock(mu_);
@@ -47,13 +49,14 @@ bool AnswerCache::Find(const ApiCall& call, const std::string& account, CallResu
   return true;
 }
 
-void AnswerCache::Store(const ApiCall& call, const std::string& account, CallResult* result,
+void AnswerCache::Store(const ApiCall& call, std::string_view params_text,
+                        const std::string& account, CallResult* result,
                         std::shared_ptr<const tavo::ReadSet> reads) {
   if (max_entries_ == 0 || !reads || result->lookup != ModuleSet::Lookup::kFound) return;
   auto text = std::make_shared<const std::string>(ToCompactJson(result->envelope));
   result->text = text;
   if (text->size() > kMaxAnswerBytes) return;
-  std::string key = Key(call, account);
+  std::string key = Key(call, params_text, account);
   const size_t bytes = key.size() + text->size();
   std::lock_guard<std::mutex> lock(mu_);
   auto it = kept_.find(key);

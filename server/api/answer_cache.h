@@ -5,15 +5,13 @@
 // A module says that an answer may be kept by calling TavoAnswerReusable()
 // (tavo/read_scope.h) while it makes it; the call's ReadScope then names the
 // files it looked at, as the snapshots it saw. The same call (API, version,
-// method and parameters) by the same account is answered from the cache for
-// as long as every one of those files is still that snapshot: a change by
-// this server, by another process, or a rewrite within one clock tick makes
-// a new snapshot, and the next call runs the module again. The check costs a
-// look at each file's folder (its change count) and no parse. It is made
-// under the handler locks that the call took, shared, as the call itself
-// would take them: while another holds one exclusively, the call is not
-// answered from the cache but made afresh, so it waits for the lock and is
-// refused on time-out exactly as any call.
+// method and parameters, the latter as their compact JSON text) by the same account is answered
+// from the cache for as long as every one of those files is still that snapshot: a change by this
+// server, by another process, or a rewrite within one clock tick makes a new snapshot, and the next
+// call runs the module again. The check costs a look at each file's folder (its change count) and
+// no parse. It is made under the handler locks that the call took, shared, as the call itself would
+// take them: while another holds one exclusively, the call is not answered from the cache but made
+// afresh, so it waits for the lock and is refused on time-out exactly as any call.
 //
 // Limits: at most `max_entries` answers and kMaxBytes of answer text; an answer
 // longer than kMaxAnswerBytes is not kept. When a limit would be passed, the
@@ -29,6 +27,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 
 #include "api/dispatch.h"
@@ -45,16 +44,19 @@ class AnswerCache {
   // `max_entries` 0 keeps nothing.
   explicit AnswerCache(size_t max_entries = kDefaultEntries) : max_entries_(max_entries) {}
 
-  // The kept answer to `call` by `account` (code and text set, envelope
-  // null), when its files are still current, as the caller's ReadScope sees
-  // them under the call's handler locks; false otherwise (a stale answer is
-  // dropped; one whose lock is held elsewhere is kept).
-  bool Find(const ApiCall& call, const std::string& account, CallResult* result);
+  bool enabled() const { return max_entries_ != 0; }
+  // The kept answer to `call` with the parameters `params_text` (call.params
+  // is not read) by `account` (code and text set, envelope null), when its
+  // files are still current, as the caller's ReadScope sees them under the
+  // call's handler locks; false otherwise (a stale answer is dropped; one
+  // whose lock is held elsewhere is kept).
+  bool Find(const ApiCall& call, std::string_view params_text, const std::string& account,
+            CallResult* result);
   // Keeps `result` (a found call's answer) with `reads`; sets result->text to
   // the answer's compact JSON, which the caller may send rather than
-  // serialise the envelope again.
-  void Store(const ApiCall& call, const std::string& account, CallResult* result,
-             std::shared_ptr<const tavo::ReadSet> reads);
+  // serialise the envelope again. `params_text` is as for Find.
+  void Store(const ApiCall& call, std::string_view params_text, const std::string& account,
+             CallResult* result, std::shared_ptr<const tavo::ReadSet> reads);
 
   unsigned long long hits() const { return hits_.load(std::memory_order_relaxed); }
 
@@ -64,7 +66,8 @@ class AnswerCache {
     std::shared_ptr<const std::string> text;
     std::shared_ptr<const tavo::ReadSet> reads;
   };
-  static std::string Key(const ApiCall& call, const std::string& account);
+  static std::string Key(const ApiCall& call, std::string_view params_text,
+                         const std::string& account);
 
   const size_t max_entries_;
   std::mutex mu_;

@@ -18,6 +18,11 @@ constexpr int kCodeUnknown = 3299;
 
 }  // namespace
 
+bool ParamsFromText(const std::string& text, Json::Value* params) {
+  std::string error;
+  return ParseJson(text, params) && params->isObject() && CheckText(*params, &error);
+}
+
 bool CallFromJson(const Json::Value& body, ApiCall* call, std::string* error) {
   if (!body.isObject()) {
     *error = "the request must be a JSON object";

@@ -32,6 +32,9 @@ struct ApiCall {
 // characters (CheckText). On failure returns false with a
 // plain message in *error.
 bool CallFromJson(const Json::Value& body, ApiCall* call, std::string* error);
+// Reads the parameters of a call from their JSON text: an object whose
+// strings pass CheckText. False, with *params holding anything, otherwise.
+bool ParamsFromText(const std::string& text, Json::Value* params);
 
 struct CallResult {
   ModuleSet::Lookup lookup = ModuleSet::Lookup::kFound;

@@ -1,5 +1,6 @@
 #include "privsep/account_ops.h"
 
+#include "api/json_util.h"
 #include "auth/random.h"
 #include "directory/dir_status.h"
 #include "tavo/read_scope.h"
@@ -39,21 +40,42 @@ LoginResult LocalAccountOps::Recheck(const LoginIdentity& who) {
 
 void LocalAccountOps::Logout(const LoginIdentity& who) { grants_.Revoke(who); }
 
+// The check and the call see the account files at one point in time, and
+// look at them once: both run within one ReadScope.
 AccountOps::Answer LocalAccountOps::Call(const ApiCall& call, const LoginIdentity& who) {
   Answer a;
-  // The check and the call see the account files at one point in time, and
-  // look at them once.
   tavo::ReadScope scope;
   const LoginResult r = Recheck(who);
-  if (r != LoginResult::kOk) {
-    a.denied = r == LoginResult::kDenied;
-    a.unavailable = r == LoginResult::kUnavailable;
-    return a;
+  std::string key;
+  if (r == LoginResult::kOk && answers_.enabled()) {
+    key = ToCompactJson(call.params);
+    if (answers_.Find(call, key, who.name, &a.result)) return a;
   }
-  if (answers_.Find(call, who.name, &a.result)) return a;
-  a.result = Dispatch(modules_, call, who.name);
-  answers_.Store(call, who.name, &a.result, scope.Reads());
+  Finish(call, key, r, who, scope, &a);
   return a;
+}
+
+bool LocalAccountOps::CallText(ApiCall* call, const std::string& params_text,
+                               const LoginIdentity& who, Answer* a) {
+  tavo::ReadScope scope;
+  const LoginResult r = Recheck(who);
+  if (r == LoginResult::kOk && answers_.Find(*call, params_text, who.name, &a->result)) return true;
+  // Text that was kept had been read once already; any other is read before
+  // it is answered, even when the login is refused.
+  if (!ParamsFromText(params_text, &call->params)) return false;
+  Finish(*call, params_text, r, who, scope, a);
+  return true;
+}
+
+void LocalAccountOps::Finish(const ApiCall& call, std::string_view key, LoginResult checked,
+                             const LoginIdentity& who, const tavo::ReadScope& scope, Answer* a) {
+  if (checked != LoginResult::kOk) {
+    a->denied = checked == LoginResult::kDenied;
+    a->unavailable = checked == LoginResult::kUnavailable;
+    return;
+  }
+  a->result = Dispatch(modules_, call, who.name);
+  answers_.Store(call, key, who.name, &a->result, scope.Reads());
 }
 
 Json::Value LocalAccountOps::Info() { return modules_.Info(); }

@@ -19,12 +19,14 @@
 #include <chrono>
 #include <functional>
 #include <string>
+#include <string_view>
 
 #include "api/answer_cache.h"
 #include "api/dispatch.h"
 #include "auth/login.h"
 #include "privsep/grant_book.h"
 #include "privsep/login_limit.h"
+#include "tavo/read_scope.h"
 
 namespace tavo_server {
 
@@ -45,6 +47,17 @@ class AccountOps {
     CallResult result;
   };
   virtual Answer Call(const ApiCall& call, const LoginIdentity& who) = 0;
+  // As Call, for a call whose parameters are still the compact JSON text it
+  // arrived with (call->params is not read). An implementation may answer
+  // without reading them: a refused identity, or an answer kept for the same
+  // text. False, with *a untouched, when the text is not a JSON object of
+  // checked text (ParamsFromText); call->params may then hold anything.
+  virtual bool CallText(ApiCall* call, const std::string& params_text, const LoginIdentity& who,
+                        Answer* a) {
+    if (!ParamsFromText(params_text, &call->params)) return false;
+    *a = Call(*call, who);
+    return true;
+  }
   // Starts `call` without blocking and returns true; `done` then runs once,
   // on a thread of the implementation's, with the answer Call would give.
   // `done` must not block (it must not call this interface). False, with
@@ -88,6 +101,10 @@ class LocalAccountOps : public AccountOps {
                          LoginIdentity* who) override;
   LoginResult Recheck(const LoginIdentity& who) override;
   Answer Call(const ApiCall& call, const LoginIdentity& who) override;
+  // A kept answer is looked up by the text itself, so that a reused answer
+  // costs no parse of the parameters.
+  bool CallText(ApiCall* call, const std::string& params_text, const LoginIdentity& who,
+                Answer* a) override;
   void Logout(const LoginIdentity& who) override;
   Json::Value Info() override;
   Json::Value Stats() override;
@@ -101,6 +118,12 @@ class LocalAccountOps : public AccountOps {
   GrantBook grants_;
   LoginLimit limit_;
   AnswerCache answers_;  // the answers kept for reuse
+
+  // Call and CallText after the login check and a miss in the kept answers:
+  // the refusal, or the module's answer, kept under `key` (the parameters'
+  // text) when it may be.
+  void Finish(const ApiCall& call, std::string_view key, LoginResult checked,
+              const LoginIdentity& who, const tavo::ReadScope& scope, Answer* a);
 };
 
 }  // namespace tavo_server

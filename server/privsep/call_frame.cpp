@@ -54,22 +54,24 @@ std::string EncodeCall(const ApiCall& call, const LoginIdentity& who) {
   return out;
 }
 
-bool DecodeCall(std::string_view body, ApiCall* call, LoginIdentity* who) {
+bool DecodeCallText(std::string_view body, ApiCall* call, LoginIdentity* who,
+                    std::string* params_text) {
   if (body.empty() || body[0] != kCallTag) return false;
   body.remove_prefix(1);
-  std::string params;
   uint32_t version = 0;
   if (!TakeField(&body, &who->name) || !TakeField(&body, &who->stamp) ||
       !TakeField(&body, &who->grant) || !TakeField(&body, &call->api) ||
-      !TakeField(&body, &call->method) || !TakeField(&body, &params) || !TakeU32(&body, &version) ||
-      !body.empty())
+      !TakeField(&body, &call->method) || !TakeField(&body, params_text) ||
+      !TakeU32(&body, &version) || !body.empty())
     return false;
   call->version = static_cast<int32_t>(version);
-  std::string error;
   return !who->name.empty() && !call->api.empty() && !call->method.empty() && call->version >= 1 &&
-         GoodString(who->name) && GoodString(call->api) && GoodString(call->method) &&
-         ParseJson(params, &call->params) && call->params.isObject() &&
-         CheckText(call->params, &error);
+         GoodString(who->name) && GoodString(call->api) && GoodString(call->method);
+}
+
+bool DecodeCall(std::string_view body, ApiCall* call, LoginIdentity* who) {
+  std::string params;
+  return DecodeCallText(body, call, who, &params) && ParamsFromText(params, &call->params);
 }
 
 std::string EncodeCallHead(const CallHead& head) {

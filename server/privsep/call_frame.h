@@ -37,6 +37,10 @@ std::string EncodeCall(const ApiCall& call, const LoginIdentity& who);
 // Reads a body that begins with kCallTag. The call is checked as CallFromJson
 // checks one (non-empty api and method, version >= 1, an object of params).
 bool DecodeCall(std::string_view body, ApiCall* call, LoginIdentity* who);
+// As DecodeCall, but leaves the parameters as their text in *params_text,
+// unread (ParamsFromText reads them).
+bool DecodeCallText(std::string_view body, ApiCall* call, LoginIdentity* who,
+                    std::string* params_text);
 
 struct CallHead {
   LoginResult result = LoginResult::kUnavailable;

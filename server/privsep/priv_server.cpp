@@ -157,8 +157,10 @@ bool PrivServer::AnswerCall(const std::string& body, std::string* head,
                             std::shared_ptr<const std::string>* envelope) {
   ApiCall call;
   LoginIdentity who;
-  if (!DecodeCall(body, &call, &who)) return false;
-  const AccountOps::Answer a = ops_.Call(call, who);
+  std::string params;
+  AccountOps::Answer a;
+  if (!DecodeCallText(body, &call, &who, &params) || !ops_.CallText(&call, params, who, &a))
+    return false;
   CallHead h;
   h.result = a.denied        ? LoginResult::kDenied
              : a.unavailable ? LoginResult::kUnavailable

@@ -42,6 +42,18 @@ test('the front runs as nobody, cannot open etc/shadow, and the API works', { sk
     // The store's figures come from the account process.
     const metrics = await (await fetch(`${server.url}/metrics`, { headers: { Authorization: `Bearer ${token}` } })).text();
     assert.match(metrics, /^tavo_store_commits_total\{result="written"\} 1$/m);
+    // A page asked again is the kept answer, looked up by its parameters'
+    // text; a change made since is in the next page.
+    const reused = async () => Number((await (await fetch(`${server.url}/metrics`,
+      { headers: { Authorization: `Bearer ${token}` } })).text()).match(/^tavo_answers_reused_total (\d+)$/m)[1]);
+    const group = (method, params) => post(server.url, token, { api: 'TAVO.Core.Group', version: 1, method, params });
+    const names = async () => (await group('list', { limit: 50 })).body.data.groups.map((g) => g.name);
+    const first = await names();
+    const before = await reused();
+    assert.deepEqual(await names(), first);
+    assert.equal(await reused(), before + 1);
+    assert.equal((await group('create', { name: 'split2' })).body.success, true);
+    assert.ok((await names()).includes('split2'));
 
     const children = readFileSync(`/proc/${server.child.pid}/task/${server.child.pid}/children`, 'utf8').trim().split(/\s+/);
     assert.equal(children.length, 1, children.join(' '));

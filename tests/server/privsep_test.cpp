@@ -197,6 +197,12 @@ TEST_F(PrivsepTest, FramesOverTheCapOrNotJsonAreRefused) {
   EXPECT_FALSE(AnswersFrame(server_.address(), 4 + overlong.size(), overlong));
   // A whole one is answered (refused for its forged grant, but answered).
   EXPECT_TRUE(AnswersFrame(server_.address(), 4 + whole.size(), whole));
+  // Parameters that are not an object are refused before the grant is.
+  call.params["a"] = "x";
+  std::string listed = EncodeCall(call, LoginIdentity{"boss", "s", "g"});
+  ASSERT_TRUE(AnswersFrame(server_.address(), 4 + listed.size(), listed));
+  listed.replace(listed.find(R"({"a":"x"})"), 9, R"(["a","x"])");
+  EXPECT_FALSE(AnswersFrame(server_.address(), 4 + listed.size(), listed));
   EXPECT_TRUE(AnswersFrame(server_.address(), 4 + info.size(), info));
 }
 
