@@ -96,7 +96,6 @@ class PrivClient : public AccountOps {
   int open_ = 0;                              // idle and busy
   int waiting_calls_ = 0;                     // busy with calls that may wait for a lock
   std::unordered_map<int, Started> started_;  // by connection; guarded by mu_
-  std::vector<int> watched_;                  // connections in the epoll set; mu_
   int epoll_fd_ = -1;
   int wake_fd_ = -1;  // an eventfd that stops the reader
   bool can_start_ = false;
