@@ -14,7 +14,7 @@
 #include "auth/random.h"
 #include "cli/cli.h"
 #include "cli/terminal_text.h"
-#include "http/tls_cert.h"
+#include "tls/tls_cert.h"
 
 namespace tavo_server {
 namespace {

@@ -33,7 +33,7 @@
 #include "cli/terminal_text.h"
 #include "directory/periodic_sync.h"
 #include "http/http_server.h"
-#include "http/tls_credentials.h"
+#include "tls/tls_credentials.h"
 #include "live/live_routes.h"
 #include "privsep/priv_channel.h"
 #include "privsep/split.h"

@@ -11,7 +11,7 @@
 
 #include "http/http_impl.h"
 #include "http/http_server.h"
-#include "http/tls_credentials.h"
+#include "tls/tls_credentials.h"
 
 namespace tavo_server {
 

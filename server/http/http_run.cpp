@@ -9,7 +9,7 @@
 
 #include "http/http_glue.h"
 #include "http/http_impl.h"
-#include "http/tls_credentials.h"
+#include "tls/tls_credentials.h"
 
 namespace tavo_server {
 namespace {

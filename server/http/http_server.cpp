@@ -16,7 +16,7 @@
 #include "http/http_glue.h"
 #include "http/http_impl.h"
 #include "http/stream_body.h"
-#include "http/tls_credentials.h"
+#include "tls/tls_credentials.h"
 
 namespace tavo_server {
 namespace http_glue {

@@ -2,7 +2,7 @@
 
 #include <cstdio>
 
-#include "http/tls_credentials.h"
+#include "tls/tls_credentials.h"
 
 namespace tavo_server {
 namespace {

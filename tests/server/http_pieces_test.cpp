@@ -13,7 +13,7 @@
 #include "auth/sessions.h"
 #include "auth/site_check.h"
 #include "common/temp_root.h"
-#include "http/static_files.h"
+#include "static/static_files.h"
 
 namespace tavo_server {
 namespace {

@@ -1,7 +1,7 @@
 // The certificate pair presented to TLS handshakes: what is refused leaves
 // the pair in use, what passes replaces it, and the files are read within
 // bounds.
-#include "http/tls_credentials.h"
+#include "tls/tls_credentials.h"
 
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -11,7 +11,7 @@
 #include <string>
 
 #include "common/temp_root.h"
-#include "http/tls_cert.h"
+#include "tls/tls_cert.h"
 
 namespace tavo_server {
 namespace {

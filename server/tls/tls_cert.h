@@ -7,8 +7,8 @@
 // the key where only the service can read it.
 //
 // Thread-safety: reentrant. Errors: a Status with a message for the user.
-#ifndef TAVO_SERVER_TLS_CERT_H_
-#define TAVO_SERVER_TLS_CERT_H_
+#ifndef TAVO_SERVER_TLS_TLS_CERT_H_
+#define TAVO_SERVER_TLS_TLS_CERT_H_
 
 #include <string>
 
@@ -21,4 +21,4 @@ Status MakeSelfSignedCertificate(const std::string& host, std::string* cert_pem,
 
 }  // namespace tavo_server
 
-#endif  // TAVO_SERVER_TLS_CERT_H_
+#endif  // TAVO_SERVER_TLS_TLS_CERT_H_

@@ -1,4 +1,4 @@
-#include "http/static_cache.h"
+#include "static/static_cache.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -8,7 +8,7 @@
 #include <cstdio>
 
 #include "http/compress.h"
-#include "http/static_files.h"
+#include "static/static_files.h"
 
 namespace tavo_server {
 namespace {

@@ -16,8 +16,8 @@
 // process: a second HTTPS server in the same process would share them.
 // Errors: Install returns a Status saying what is wrong with the pair;
 // ReadTlsFiles one naming the file it cannot read or refuses.
-#ifndef TAVO_SERVER_HTTP_TLS_CREDENTIALS_H_
-#define TAVO_SERVER_HTTP_TLS_CREDENTIALS_H_
+#ifndef TAVO_SERVER_TLS_TLS_CREDENTIALS_H_
+#define TAVO_SERVER_TLS_TLS_CREDENTIALS_H_
 
 #include <gnutls/abstract.h>
 
@@ -57,4 +57,4 @@ Status ReadTlsFiles(const std::string& cert_path, const std::string& key_path,
 
 }  // namespace tavo_server
 
-#endif  // TAVO_SERVER_HTTP_TLS_CREDENTIALS_H_
+#endif  // TAVO_SERVER_TLS_TLS_CREDENTIALS_H_

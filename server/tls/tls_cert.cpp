@@ -1,4 +1,4 @@
-#include "http/tls_cert.h"
+#include "tls/tls_cert.h"
 
 #include <arpa/inet.h>
 #include <gnutls/crypto.h>

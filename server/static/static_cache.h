@@ -10,8 +10,8 @@
 //
 // Ownership: entries are shared; a caller may keep one after it was replaced.
 // Thread-safety: Load may be called from any thread.
-#ifndef TAVO_SERVER_STATIC_CACHE_H_
-#define TAVO_SERVER_STATIC_CACHE_H_
+#ifndef TAVO_SERVER_STATIC_STATIC_CACHE_H_
+#define TAVO_SERVER_STATIC_STATIC_CACHE_H_
 
 #include <memory>
 #include <mutex>
@@ -47,4 +47,4 @@ class StaticCache {
 
 }  // namespace tavo_server
 
-#endif  // TAVO_SERVER_STATIC_CACHE_H_
+#endif  // TAVO_SERVER_STATIC_STATIC_CACHE_H_

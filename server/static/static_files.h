@@ -8,8 +8,8 @@
 // application/octet-stream.
 //
 // Thread-safety: const after construction; Resolve may run on any thread.
-#ifndef TAVO_SERVER_STATIC_FILES_H_
-#define TAVO_SERVER_STATIC_FILES_H_
+#ifndef TAVO_SERVER_STATIC_STATIC_FILES_H_
+#define TAVO_SERVER_STATIC_STATIC_FILES_H_
 
 #include <string>
 
@@ -33,4 +33,4 @@ class StaticFiles {
 
 }  // namespace tavo_server
 
-#endif  // TAVO_SERVER_STATIC_FILES_H_
+#endif  // TAVO_SERVER_STATIC_STATIC_FILES_H_

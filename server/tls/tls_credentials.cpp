@@ -1,4 +1,4 @@
-#include "http/tls_credentials.h"
+#include "tls/tls_credentials.h"
 
 #include <errno.h>
 #include <fcntl.h>

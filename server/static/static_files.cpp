@@ -1,4 +1,4 @@
-#include "http/static_files.h"
+#include "static/static_files.h"
 
 #include <sys/stat.h>
 
