@@ -33,7 +33,6 @@
 #include "cli/terminal_text.h"
 #include "directory/periodic_sync.h"
 #include "http/http_server.h"
-#include "tls/tls_credentials.h"
 #include "live/live_routes.h"
 #include "privsep/priv_channel.h"
 #include "privsep/split.h"
@@ -41,6 +40,7 @@
 #include "tavo/eventlog.h"
 #include "tavo/root.h"
 #include "tavo/store_check.h"
+#include "tls/tls_credentials.h"
 
 namespace tavo_server {
 

@@ -19,9 +19,9 @@
 #include "http/conn_deadlines.h"
 #include "http/http_server.h"
 #include "http/metrics.h"
+#include "http/worker_pool.h"
 #include "static/static_cache.h"
 #include "static/static_files.h"
-#include "http/worker_pool.h"
 
 struct MHD_Daemon;
 
