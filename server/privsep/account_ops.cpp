@@ -67,6 +67,13 @@ bool LocalAccountOps::CallText(ApiCall* call, const std::string& params_text,
   return true;
 }
 
+bool LocalAccountOps::CallKept(const ApiCall& call, const std::string& params_text,
+                               const LoginIdentity& who, Answer* a) {
+  if (!answers_.enabled()) return false;
+  tavo::ReadScope scope;
+  return Recheck(who) == LoginResult::kOk && answers_.Find(call, params_text, who.name, &a->result);
+}
+
 void LocalAccountOps::Finish(const ApiCall& call, std::string_view key, LoginResult checked,
                              const LoginIdentity& who, const tavo::ReadScope& scope, Answer* a) {
   if (checked != LoginResult::kOk) {

@@ -58,6 +58,15 @@ class AccountOps {
     *a = Call(*call, who);
     return true;
   }
+  // A kept answer to the call of CallText, given without reading the
+  // parameters and without waiting for a lock: true with *a set when there
+  // is one for `who`, whose login passes the checks of Recheck; false when
+  // the call must be made (CallText).
+  virtual bool CallKept(const ApiCall& call, const std::string& params_text,
+                        const LoginIdentity& who, Answer* a) {
+    (void)call, (void)params_text, (void)who, (void)a;
+    return false;
+  }
   // Starts `call` without blocking and returns true; `done` then runs once,
   // on a thread of the implementation's, with the answer Call would give.
   // `done` must not block (it must not call this interface). False, with
@@ -104,6 +113,8 @@ class LocalAccountOps : public AccountOps {
   // A kept answer is looked up by the text itself, so that a reused answer
   // costs no parse of the parameters.
   bool CallText(ApiCall* call, const std::string& params_text, const LoginIdentity& who,
+                Answer* a) override;
+  bool CallKept(const ApiCall& call, const std::string& params_text, const LoginIdentity& who,
                 Answer* a) override;
   void Logout(const LoginIdentity& who) override;
   Json::Value Info() override;

@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <pthread.h>
+#include <sys/epoll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <syslog.h>
@@ -11,6 +12,7 @@
 
 #include <cstring>
 #include <thread>
+#include <unordered_map>
 #include <unordered_set>
 
 #include "api/json_util.h"
@@ -25,6 +27,32 @@ const char* ResultName(LoginResult r) {
   return r == LoginResult::kOk ? "ok" : r == LoginResult::kDenied ? "denied" : "unavailable";
 }
 
+// A call's answer as it crosses: the head, and the envelope's text (a kept
+// answer's text as it is).
+void EncodeAnswer(const AccountOps::Answer& a, std::string* head,
+                  std::shared_ptr<const std::string>* envelope) {
+  CallHead h;
+  h.result = a.denied        ? LoginResult::kDenied
+             : a.unavailable ? LoginResult::kUnavailable
+                             : LoginResult::kOk;
+  h.lookup = static_cast<int>(a.result.lookup);
+  h.code = a.result.code;
+  h.module_ns = static_cast<int64_t>(a.result.module_us * 1000);
+  *head = EncodeCallHead(h);
+  envelope->reset();
+  if (h.result == LoginResult::kOk && a.result.lookup == ModuleSet::Lookup::kFound)
+    *envelope = a.result.text
+                    ? a.result.text
+                    : std::make_shared<const std::string>(ToCompactJson(a.result.envelope));
+}
+
+bool Watch(int epoll_fd, int fd) {
+  struct epoll_event ev {};
+  ev.events = EPOLLIN;
+  ev.data.fd = fd;
+  return epoll_ctl(epoll_fd, EPOLL_CTL_ADD, fd, &ev) == 0;
+}
+
 }  // namespace
 
 PrivServer::PrivServer(AccountOps& ops, int max_busy, int read_timeout_ms)
@@ -32,9 +60,7 @@ PrivServer::PrivServer(AccountOps& ops, int max_busy, int read_timeout_ms)
 
 PrivServer::~PrivServer() {
   Stop();
-  std::unique_lock<std::mutex> lock(mu_);
-  idle_.wait(lock, [this] { return busy_ == 0; });
-  lock.unlock();
+  JoinThreads();
   if (listen_fd_ >= 0) close(listen_fd_);
   for (int fd : stop_pipe_)
     if (fd >= 0) close(fd);
@@ -88,6 +114,19 @@ void PrivServer::CloseInChild() {
 }
 
 void PrivServer::Run() {
+  workers_ = std::make_unique<WorkerPool>(max_busy_, static_cast<size_t>(max_busy_));
+  for (int i = 0; i < kEventThreads; ++i) {
+    epoll_[i] = epoll_create1(EPOLL_CLOEXEC);
+    if (epoll_[i] < 0 || !Watch(epoll_[i], stop_pipe_[0])) {
+      syslog(LOG_ERR, "account process: no epoll set: %s", strerror(errno));
+      return;
+    }
+    event_threads_.emplace_back([this, i] {
+      pthread_setname_np(pthread_self(), "tavo-account");
+      EventLoop(i);
+    });
+  }
+  int next = 0;
   for (;;) {
     struct pollfd p[2] = {{listen_fd_, POLLIN, 0}, {stop_pipe_[0], POLLIN, 0}};
     int r = poll(p, 2, -1);
@@ -107,49 +146,109 @@ void PrivServer::Run() {
     }
     std::unique_lock<std::mutex> lock(mu_);
     idle_.wait(lock, [this] { return busy_ < max_busy_ || stopping_; });
-    if (stopping_) {
+    const int index = next++ % kEventThreads;
+    if (stopping_ || !Watch(epoll_[index], fd)) {
       close(fd);
       continue;
     }
     ++busy_;
+    ++owned_[index];
     open_.insert(fd);
-    lock.unlock();
-    std::thread([this, fd] {
-      pthread_setname_np(pthread_self(), "tavo-account");
-      Serve(fd);
-      std::lock_guard<std::mutex> done(mu_);
-      open_.erase(fd);
-      close(fd);
-      --busy_;
-      idle_.notify_all();
-    }).detach();
   }
 }
 
-void PrivServer::Serve(int fd) {
+void PrivServer::EventLoop(int index) {
+  const int ep = epoll_[index];
+  // Only this thread reads its connections; a worker that has one only
+  // writes its answer.
+  std::unordered_map<int, FrameReader> readers;
+  struct epoll_event events[64];
+  bool stopping = false;
+  for (;;) {
+    if (stopping) {
+      // Stop shut the connections for reading: each ends at its next
+      // event, one a worker has once it is given back.
+      std::lock_guard<std::mutex> lock(mu_);
+      if (owned_[index] == 0) return;
+    }
+    const int n = epoll_wait(ep, events, 64, stopping ? 100 : -1);
+    if (n < 0 && errno != EINTR) return;
+    for (int i = 0; i < n; ++i) {
+      const int fd = events[i].data.fd;
+      if (fd == stop_pipe_[0]) {
+        epoll_ctl(ep, EPOLL_CTL_DEL, fd, nullptr);
+        stopping = true;
+        continue;
+      }
+      auto it = readers.try_emplace(fd, read_timeout_ms_).first;
+      if (!OnReadable(index, fd, &it->second)) {
+        readers.erase(it);
+        Close(index, fd);
+      }
+    }
+  }
+}
+
+bool PrivServer::OnReadable(int index, int fd, FrameReader* reader) {
   uint32_t id = 0;
   std::string body, head;
-  FrameReader reader(read_timeout_ms_);
-  // Between requests the connection waits for as long as the front keeps it,
-  // until Stop.
-  for (;;) {
-    if (!reader.Receive(fd, kMaxRequest, &id, &body, false, &stopping_)) return;
+  std::shared_ptr<const std::string> envelope;
+  if (!reader->Receive(fd, kMaxRequest, &id, &body, /*ready=*/true)) return false;
+  if (!body.empty() && body[0] == kCallTag) {
+    ApiCall call;
+    LoginIdentity who;
+    std::string params;
+    AccountOps::Answer a;
+    if (DecodeCallText(body, &call, &who, &params) && ops_.CallKept(call, params, who, &a)) {
+      EncodeAnswer(a, &head, &envelope);
+      return SendFrame(fd, id, head, envelope ? *envelope : std::string_view(), kMaxAnswer);
+    }
+  }
+  // The worker has the connection until it has answered; a failure shuts
+  // it, so that this thread closes it at its next event.
+  const int ep = epoll_[index];
+  if (epoll_ctl(ep, EPOLL_CTL_DEL, fd, nullptr) != 0) return false;
+  const bool queued = workers_->TrySubmit([this, ep, fd, id, body = std::move(body)] {
+    std::string head;
     std::shared_ptr<const std::string> envelope;
-    bool ok;
-    if (!body.empty() && body[0] == kCallTag) {
-      ok = AnswerCall(body, &head, &envelope);
-    } else {
-      Json::Value request;
-      Json::Value answer;
-      if (ParseJson(body, &request)) answer = Answer(request);
-      ok = !answer.isNull();
-      if (ok) head = ToCompactJson(answer);
-    }
-    if (!ok) {
-      syslog(LOG_WARNING, "account process: refused a malformed request from the front");
-      return;
-    }
-    if (!SendFrame(fd, id, head, envelope ? *envelope : std::string_view(), kMaxAnswer)) return;
+    const bool ok = AnswerRequest(body, &head, &envelope);
+    if (!ok) syslog(LOG_WARNING, "account process: refused a malformed request from the front");
+    if (!ok || !SendFrame(fd, id, head, envelope ? *envelope : std::string_view(), kMaxAnswer))
+      shutdown(fd, SHUT_RDWR);
+    Watch(ep, fd);
+  });
+  return queued;
+}
+
+bool PrivServer::AnswerRequest(const std::string& body, std::string* head,
+                               std::shared_ptr<const std::string>* envelope) {
+  if (!body.empty() && body[0] == kCallTag) return AnswerCall(body, head, envelope);
+  Json::Value request;
+  Json::Value answer;
+  if (ParseJson(body, &request)) answer = Answer(request);
+  if (answer.isNull()) return false;
+  *head = ToCompactJson(answer);
+  envelope->reset();
+  return true;
+}
+
+void PrivServer::Close(int index, int fd) {
+  epoll_ctl(epoll_[index], EPOLL_CTL_DEL, fd, nullptr);
+  std::lock_guard<std::mutex> lock(mu_);
+  open_.erase(fd);
+  close(fd);
+  --owned_[index];
+  --busy_;
+  idle_.notify_all();
+}
+
+void PrivServer::JoinThreads() {
+  for (std::thread& t : event_threads_) t.join();
+  event_threads_.clear();
+  workers_.reset();  // runs what is queued, then joins
+  for (int& ep : epoll_) {
+    if (ep >= 0) close(ep);
+    ep = -1;
   }
 }
 
@@ -161,20 +260,7 @@ bool PrivServer::AnswerCall(const std::string& body, std::string* head,
   AccountOps::Answer a;
   if (!DecodeCallText(body, &call, &who, &params) || !ops_.CallText(&call, params, who, &a))
     return false;
-  CallHead h;
-  h.result = a.denied        ? LoginResult::kDenied
-             : a.unavailable ? LoginResult::kUnavailable
-                             : LoginResult::kOk;
-  h.lookup = static_cast<int>(a.result.lookup);
-  h.code = a.result.code;
-  h.module_ns = static_cast<int64_t>(a.result.module_us * 1000);
-  *head = EncodeCallHead(h);
-  // The envelope goes as its text; a reused answer's text as it is.
-  envelope->reset();
-  if (h.result == LoginResult::kOk && a.result.lookup == ModuleSet::Lookup::kFound)
-    *envelope = a.result.text
-                    ? a.result.text
-                    : std::make_shared<const std::string>(ToCompactJson(a.result.envelope));
+  EncodeAnswer(a, head, envelope);
   return true;
 }
 

@@ -10,10 +10,17 @@
 // user id.
 //
 // Ownership: `ops` must outlive the server. Thread-safety: Run on one thread,
-// Stop from any. Each connection is served on a thread of its own, request
-// after request until the front closes it or Stop: these threads are the
-// pool that runs the front's calls, at most `max_busy` connections at once
-// (further connections wait in the listen backlog).
+// Stop from any. At most `max_busy` connections are served at once (further
+// connections wait in the listen backlog). Run starts the threads that serve
+// them (not before, so that the process may fork between Listen and Run):
+//  - kEventThreads event threads, each waiting in epoll on its share of the
+//    connections. An event thread reads each request, and answers at once a
+//    call that a kept answer answers (AccountOps::CallKept, which never
+//    waits for a lock), so that under load one wake-up answers several;
+//  - a pool of `max_busy` workers for everything else (module calls,
+//    logins, the event log), so that a call waiting for a lock holds only
+//    its own connection. While a worker has a connection, its event thread
+//    does not watch it.
 #ifndef TAVO_SERVER_PRIVSEP_PRIV_SERVER_H_
 #define TAVO_SERVER_PRIVSEP_PRIV_SERVER_H_
 
@@ -22,11 +29,15 @@
 #include <atomic>
 #include <condition_variable>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <unordered_set>
+#include <vector>
 
 #include "api/status.h"
+#include "http/worker_pool.h"
 #include "privsep/account_ops.h"
 #include "privsep/priv_channel.h"
 
@@ -34,8 +45,10 @@ namespace tavo_server {
 
 class PrivServer {
  public:
+  static constexpr int kEventThreads = 2;
+
   PrivServer(AccountOps& ops, int max_busy = kChannelConnections, int read_timeout_ms = 10000);
-  ~PrivServer();  // stops, then waits for the connections under way
+  ~PrivServer();  // stops, then waits for the calls under way
   PrivServer(const PrivServer&) = delete;
   PrivServer& operator=(const PrivServer&) = delete;
 
@@ -65,7 +78,17 @@ class PrivServer {
                   std::shared_ptr<const std::string>* envelope);
 
  private:
-  void Serve(int fd);
+  void EventLoop(int index);
+  // Reads one request of `fd`, readable, and answers it or hands it to a
+  // worker; false when the connection is to be closed.
+  bool OnReadable(int index, int fd, FrameReader* reader);
+  // The answer to a request (a call or JSON) in *head and *envelope; false
+  // when it is malformed.
+  bool AnswerRequest(const std::string& body, std::string* head,
+                     std::shared_ptr<const std::string>* envelope);
+  // Drops `fd` of event thread `index`.
+  void Close(int index, int fd);
+  void JoinThreads();
 
   AccountOps& ops_;
   std::function<Status(std::string*, std::string*)> read_tls_;
@@ -80,7 +103,11 @@ class PrivServer {
   std::mutex mu_;
   std::condition_variable idle_;
   int busy_ = 0;
-  std::unordered_set<int> open_;  // the connections served, for Stop
+  std::unordered_set<int> open_;   // the connections served, for Stop
+  int owned_[kEventThreads] = {};  // connections of each event thread
+  int epoll_[kEventThreads] = {-1, -1};
+  std::vector<std::thread> event_threads_;
+  std::unique_ptr<WorkerPool> workers_;
 };
 
 }  // namespace tavo_server

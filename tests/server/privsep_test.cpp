@@ -270,9 +270,21 @@ TEST(CallFrameTest, ACallCrossesWholeAndAnythingElseIsRefused) {
 }
 
 // An AccountOps that answers each call with its own parameters, after a
-// pause of `params.sleep_us`, so that answers finish out of order.
+// pause of `params.sleep_us`, so that answers finish out of order; a call
+// with `"kept":true` as a kept answer would be, at once.
 class EchoOps : public AccountOps {
  public:
+  std::atomic<int> kept{0};
+  bool CallKept(const ApiCall&, const std::string& params_text, const LoginIdentity&,
+                Answer* a) override {
+    Json::Value params;
+    if (params_text.find(R"("kept":true)") == std::string::npos || !ParseJson(params_text, &params))
+      return false;
+    a->result.envelope = params;
+    a->result.code = params["n"].asInt();
+    ++kept;
+    return true;
+  }
   LoginResult CheckLogin(const std::string&, const std::string&, LoginIdentity*) override {
     return LoginResult::kDenied;
   }
@@ -307,6 +319,7 @@ TEST(PrivChannelTest, ConcurrentCallsInFlightEachGetTheirOwnAnswer) {
         call.params["n"] = t * 1000 + i;
         call.params["sleep_us"] = (t * 7 + i * 13) % 500;
         call.params["text"] = "line\nbreak " + std::to_string(t);
+        call.params["kept"] = i % 3 == 0;
         // Half the callers start their calls and take the answer from the
         // channel's reader, as the HTTP server does; the others wait.
         AccountOps::Answer a;
@@ -331,6 +344,7 @@ TEST(PrivChannelTest, ConcurrentCallsInFlightEachGetTheirOwnAnswer) {
   EXPECT_EQ(480, done.load());
   EXPECT_EQ(0, wrong.load());
   EXPECT_GT(started.load(), 100);
+  EXPECT_EQ(12 * 14, ops.kept.load());  // answered by the event threads
   // The connections were kept and shared, not one per call.
   EXPECT_GE(front.OpenConnections(), 2);
   EXPECT_LE(front.OpenConnections(), 12);
@@ -370,6 +384,13 @@ TEST(PrivChannelTest, WaitingCallsLeaveRoomForTheOthersAndTimeOut) {
     auto answer = got.get_future();
     ASSERT_EQ(std::future_status::ready, answer.wait_for(std::chrono::milliseconds(1000)));
     EXPECT_EQ(7, answer.get().result.code);
+    // Nor does a kept answer, on a reserved connection too.
+    ApiCall list;
+    list.api = "TAVO.Core.Group";
+    list.method = "list";
+    list.params["kept"] = true;
+    list.params["n"] = 8;
+    EXPECT_EQ(8, front.Call(list, who).result.code);
     // The slow ones end unanswered after the client's 1.5 s, each once.
     for (int i = 0; i < 40 && unavailable.load() < slow_started; ++i)
       std::this_thread::sleep_for(std::chrono::milliseconds(100));
