@@ -15,6 +15,7 @@
 #include "tavo/error.h"
 #include "tavo/root.h"
 #include "tavo/testing.h"
+#include "tavo/wait_notice.h"
 
 namespace {
 
@@ -32,6 +33,7 @@ bool FlockBounded(int fd, int op) {
   const long timeout = tavo::internal::EnvMillis("TAVO_LOCK_TIMEOUT_MS", kDefaultLockTimeoutMs);
   const long long deadline = tavo::internal::NowMillis() + timeout;
   long backoff = kFirstBackoffMs;
+  if (op == LOCK_EX) tavo::NoticeWait();  // a write and its sync follow
   for (;;) {
     if (flock(fd, op | LOCK_NB) == 0) return true;
     if (errno == EINTR) continue;
@@ -44,6 +46,7 @@ bool FlockBounded(int fd, int op) {
       TAVO_ERR_SET(TAVO_ERR_LOCK);
       return false;
     }
+    tavo::NoticeWait();
     tavo::internal::SleepMillis(static_cast<long>(std::min<long long>(backoff, left)));
     backoff = std::min(backoff * 2, kMaxBackoffMs);
   }

@@ -7,6 +7,18 @@
 #include "tavo/store_stats.h"
 
 namespace tavo_server {
+namespace {
+
+// A method's name as the set of inline methods holds it, made in a buffer of
+// the thread's own.
+const std::string& InlineKey(const ApiCall& call) {
+  thread_local std::string key;
+  key.assign(call.api).append(1, '\n').append(std::to_string(call.version));
+  key.append(1, '\n').append(call.method);
+  return key;
+}
+
+}  // namespace
 
 LocalAccountOps::LocalAccountOps(const ModuleSet& modules, size_t kept_answers,
                                  std::chrono::seconds session_lifetime, size_t max_grants,
@@ -82,7 +94,17 @@ void LocalAccountOps::Finish(const ApiCall& call, std::string_view key, LoginRes
     return;
   }
   a->result = Dispatch(modules_, call, who.name);
-  answers_.Store(call, key, who.name, &a->result, scope.Reads());
+  std::shared_ptr<const tavo::ReadSet> reads = scope.Reads();
+  if (reads && !CallsInline(call)) {
+    std::lock_guard<std::mutex> lock(inline_mu_);
+    inline_.insert(InlineKey(call));
+  }
+  answers_.Store(call, key, who.name, &a->result, std::move(reads));
+}
+
+bool LocalAccountOps::CallsInline(const ApiCall& call) {
+  std::lock_guard<std::mutex> lock(inline_mu_);
+  return !inline_.empty() && inline_.count(InlineKey(call)) != 0;
 }
 
 Json::Value LocalAccountOps::Info() { return modules_.Info(); }

@@ -18,8 +18,10 @@
 
 #include <chrono>
 #include <functional>
+#include <mutex>
 #include <string>
 #include <string_view>
+#include <unordered_set>
 
 #include "api/answer_cache.h"
 #include "api/dispatch.h"
@@ -65,6 +67,15 @@ class AccountOps {
   virtual bool CallKept(const ApiCall& call, const std::string& params_text,
                         const LoginIdentity& who, Answer* a) {
     (void)call, (void)params_text, (void)who, (void)a;
+    return false;
+  }
+  // Whether `call` may be made (CallText) on a thread that serves other
+  // connections as well, rather than on a worker: only a call that reads
+  // nothing but the account files, and whose every step that may wait the
+  // platform announces (tavo/wait_notice.h), so that the thread can hand its
+  // other connections on first.
+  virtual bool CallsInline(const ApiCall& call) {
+    (void)call;
     return false;
   }
   // Starts `call` without blocking and returns true; `done` then runs once,
@@ -116,6 +127,11 @@ class LocalAccountOps : public AccountOps {
                 Answer* a) override;
   bool CallKept(const ApiCall& call, const std::string& params_text, const LoginIdentity& who,
                 Answer* a) override;
+  // True for a method whose answer has been made from the account files
+  // alone (a read set, read_scope.h) at least once: such a method reads
+  // through the platform only, which announces its waits. Another method,
+  // or one of another module that may wait unannounced, goes to a worker.
+  bool CallsInline(const ApiCall& call) override;
   void Logout(const LoginIdentity& who) override;
   Json::Value Info() override;
   Json::Value Stats() override;
@@ -129,6 +145,8 @@ class LocalAccountOps : public AccountOps {
   GrantBook grants_;
   LoginLimit limit_;
   AnswerCache answers_;  // the answers kept for reuse
+  std::mutex inline_mu_;
+  std::unordered_set<std::string> inline_;  // InlineKey of the methods CallsInline allows
 
   // Call and CallText after the login check and a miss in the kept answers:
   // the refusal, or the module's answer, kept under `key` (the parameters'

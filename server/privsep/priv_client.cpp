@@ -95,14 +95,17 @@ PrivClient::~PrivClient() {
     reader_.join();
   }
   std::unordered_map<int, Started> left;
+  std::deque<Queued> queued;
   {
     std::lock_guard<std::mutex> lock(mu_);
     left.swap(started_);
+    queued.swap(queued_);
   }
   for (auto& e : left) {
     close(e.first);
     e.second.done(Unavailable());
   }
+  for (Queued& q : queued) q.done(Unavailable());
   for (int fd : idle_) close(fd);
   if (epoll_fd_ >= 0) close(epoll_fd_);
   if (wake_fd_ >= 0) close(wake_fd_);
@@ -127,23 +130,32 @@ int PrivClient::Connect() const {
   return fd;
 }
 
+int PrivClient::TakeLocked(bool may_wait) {
+  if (may_wait && waiting_calls_ >= kChannelConnections - kReservedConnections) return -1;
+  int fd = -1;
+  if (!idle_.empty()) {
+    fd = idle_.back();
+    idle_.pop_back();
+  } else if (open_ < kChannelConnections) {
+    ++open_;
+    fd = -2;
+  } else {
+    return -1;
+  }
+  if (may_wait) ++waiting_calls_;
+  return fd;
+}
+
 int PrivClient::Checkout(bool may_wait, bool wait) {
   std::unique_lock<std::mutex> lock(mu_);
-  const auto room = [this, may_wait] {
-    if (may_wait && waiting_calls_ >= kChannelConnections - kReservedConnections) return false;
-    return !idle_.empty() || open_ < kChannelConnections;
-  };
-  if (!wait && !room()) return -1;
-  free_.wait(lock, room);
-  if (may_wait) ++waiting_calls_;
-  if (!idle_.empty()) {
-    const int fd = idle_.back();
-    idle_.pop_back();
-    return fd;
+  int fd;
+  while ((fd = TakeLocked(may_wait)) == -1) {
+    if (!wait) return -1;
+    free_.wait(lock);
   }
-  ++open_;
+  if (fd >= 0) return fd;
   lock.unlock();
-  const int fd = Connect();
+  fd = Connect();
   if (fd < 0) Checkin(-1, false, may_wait);
   return fd;
 }
@@ -176,6 +188,7 @@ bool PrivClient::Exchange(std::string_view request, std::string* answer, bool ma
   ok = ok && AnswerMatches(reader, got, id);
   // A connection whose exchange went wrong may hold a late answer: never reused.
   Checkin(fd, ok, may_wait);
+  SendQueued();
   return ok;
 }
 
@@ -215,16 +228,35 @@ AccountOps::Answer PrivClient::Call(const ApiCall& call, const LoginIdentity& wh
 bool PrivClient::CallLater(const ApiCall& call, const LoginIdentity& who, CallDone done) {
   if (!can_start_) return false;
   std::call_once(reader_started_, [this] { reader_ = std::thread([this] { ReadAnswers(); }); });
-  const std::string body = EncodeCall(call, who);
+  std::string body = EncodeCall(call, who);
   if (body.size() > kMaxRequest) return false;
   const bool may_wait = !TakesNoLock(call);
-  const int fd = Checkout(may_wait, /*wait=*/false);
-  if (fd < 0) return false;
+  const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(timeout_ms_);
+  int fd;
+  {
+    // Taken or queued under one lock, so that a connection given back
+    // meanwhile finds the call in the queue.
+    std::lock_guard<std::mutex> lock(mu_);
+    fd = TakeLocked(may_wait);
+    if (fd == -1) {
+      if (queued_.size() >= kQueuedCalls) return false;
+      queued_.push_back(Queued{std::move(body), may_wait, std::move(done), deadline});
+      return true;
+    }
+  }
+  if (fd == -2 && (fd = Connect()) < 0) {
+    Checkin(-1, false, may_wait);
+    return false;
+  }
+  return Send(fd, body, may_wait, &done, deadline);
+}
+
+bool PrivClient::Send(int fd, std::string_view body, bool may_wait, CallDone* done,
+                      Clock::time_point deadline) {
   const uint32_t id = next_id_.fetch_add(1);
   {
     std::lock_guard<std::mutex> lock(mu_);
-    started_[fd] = Started{id, may_wait, std::move(done),
-                           Clock::now() + std::chrono::milliseconds(timeout_ms_)};
+    started_[fd] = Started{id, may_wait, std::move(*done), deadline};
   }
   // Watched before it is sent, so that no answer comes unseen.
   struct epoll_event ev {};
@@ -237,11 +269,33 @@ bool PrivClient::CallLater(const ApiCall& call, const LoginIdentity& who, CallDo
   auto it = started_.find(fd);
   // The reader took it already (the connection broke): it answers.
   if (it == started_.end()) return true;
+  *done = std::move(it->second.done);
   started_.erase(it);
   lock.unlock();
   epoll_ctl(epoll_fd_, EPOLL_CTL_DEL, fd, nullptr);
   Checkin(fd, false, may_wait);
   return false;
+}
+
+void PrivClient::SendQueued() {
+  for (;;) {
+    Queued q;
+    int fd = -1;
+    {
+      std::lock_guard<std::mutex> lock(mu_);
+      auto it = queued_.begin();
+      while (it != queued_.end() && (fd = TakeLocked(it->may_wait)) == -1) ++it;
+      if (it == queued_.end()) return;
+      q = std::move(*it);
+      queued_.erase(it);
+    }
+    if (fd == -2 && (fd = Connect()) < 0) {
+      Checkin(-1, false, q.may_wait);
+      q.done(Unavailable());
+    } else if (!Send(fd, q.body, q.may_wait, &q.done, q.deadline)) {
+      q.done(Unavailable());
+    }
+  }
 }
 
 void PrivClient::ReadAnswers() {
@@ -277,15 +331,25 @@ void PrivClient::Answered(int fd) {
                   AnswerMatches(reader, got, started.id);
   Answer a = ok ? AnswerOf(std::move(body)) : Unavailable();
   Checkin(fd, ok, started.may_wait);
+  SendQueued();  // the connection's next call first: the other side goes on at once
   started.done(std::move(a));
 }
 
 void PrivClient::ExpireStarted() {
   std::vector<std::pair<int, Started>> expired;
+  std::vector<Queued> late;
   {
     std::lock_guard<std::mutex> lock(mu_);
-    if (started_.empty()) return;
+    if (started_.empty() && queued_.empty()) return;
     const Clock::time_point now = Clock::now();
+    for (auto it = queued_.begin(); it != queued_.end();) {
+      if (it->deadline > now) {
+        ++it;
+        continue;
+      }
+      late.push_back(std::move(*it));
+      it = queued_.erase(it);
+    }
     for (auto it = started_.begin(); it != started_.end();) {
       if (it->second.deadline > now) {
         ++it;
@@ -301,6 +365,11 @@ void PrivClient::ExpireStarted() {
     Checkin(e.first, false, e.second.may_wait);
     e.second.done(Unavailable());
   }
+  for (Queued& q : late) {
+    syslog(LOG_WARNING, "front: no connection to the account process in %d ms", timeout_ms_);
+    q.done(Unavailable());
+  }
+  if (!expired.empty()) SendQueued();
 }
 
 void PrivClient::Logout(const LoginIdentity& who) {

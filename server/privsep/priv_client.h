@@ -9,7 +9,10 @@
 // session checks always find one. A caller of Call finding none it may use
 // waits for one; CallLater does not wait: it sends the call and returns,
 // and the channel's reader thread, which waits for the answers of every
-// connection at once, hands the answer to the caller's `done`. A connection
+// connection at once, hands the answer to the caller's `done`. A call
+// started when no connection is free waits in a queue of at most kQueuedCalls
+// and goes out on the first connection given back that it may use; its time
+// limit runs from its start. A connection
 // that fails, times out or brings an answer with another request's id is
 // closed, never used again.
 //
@@ -25,6 +28,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <deque>
 #include <mutex>
 #include <string>
 #include <string_view>
@@ -38,6 +42,8 @@ namespace tavo_server {
 
 // Connections kept for the calls that take no lock, logins and checks.
 constexpr int kReservedConnections = 4;
+// Calls started (CallLater) that wait for a connection, at most.
+constexpr size_t kQueuedCalls = 256;
 
 class PrivClient : public AccountOps {
  public:
@@ -76,11 +82,27 @@ class PrivClient : public AccountOps {
     CallDone done;
     std::chrono::steady_clock::time_point deadline;
   };
+  // A call started by CallLater that waits for a connection.
+  struct Queued {
+    std::string body;
+    bool may_wait;
+    CallDone done;
+    std::chrono::steady_clock::time_point deadline;
+  };
   using Clock = std::chrono::steady_clock;
 
   // An open connection, or -1; waits unless `wait` is false.
   int Checkout(bool may_wait, bool wait = true);
+  // Checkout without waiting, with mu_ held: an idle connection, or -2 when
+  // one may be opened (open_ counts it already), or -1.
+  int TakeLocked(bool may_wait);
   void Checkin(int fd, bool healthy, bool may_wait);
+  // Sends a started call on `fd`, checked out for it; false (the connection
+  // given back) when it cannot be sent.
+  bool Send(int fd, std::string_view body, bool may_wait, CallDone* done,
+            Clock::time_point deadline);
+  // Sends the queued calls for which there is a connection now.
+  void SendQueued();
   int Connect() const;
   // The reader thread: answers of started calls, and their time-outs.
   void ReadAnswers();
@@ -96,6 +118,7 @@ class PrivClient : public AccountOps {
   int open_ = 0;                              // idle and busy
   int waiting_calls_ = 0;                     // busy with calls that may wait for a lock
   std::unordered_map<int, Started> started_;  // by connection; guarded by mu_
+  std::deque<Queued> queued_;                 // guarded by mu_
   int epoll_fd_ = -1;
   int wake_fd_ = -1;  // an eventfd that stops the reader
   bool can_start_ = false;

@@ -3,7 +3,6 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
-#include <pthread.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -19,6 +18,7 @@
 #include "auth/random.h"
 #include "privsep/call_frame.h"
 #include "privsep/priv_channel.h"
+#include "tavo/wait_notice.h"
 
 namespace tavo_server {
 namespace {
@@ -54,6 +54,18 @@ bool Watch(int epoll_fd, int fd) {
 }
 
 }  // namespace
+
+// What a leader knows of the call it makes itself.
+struct PrivServer::Handoff {
+  PrivServer* server;
+  int index;  // the epoll set
+  int fd;     // the call's connection
+  bool handed = false;
+  static void Told(void* arg) {
+    Handoff* h = static_cast<Handoff*>(arg);
+    h->server->HandOff(h);
+  }
+};
 
 PrivServer::PrivServer(AccountOps& ops, int max_busy, int read_timeout_ms)
     : ops_(ops), max_busy_(max_busy), read_timeout_ms_(read_timeout_ms) {}
@@ -114,17 +126,17 @@ void PrivServer::CloseInChild() {
 }
 
 void PrivServer::Run() {
-  workers_ = std::make_unique<WorkerPool>(max_busy_, static_cast<size_t>(max_busy_));
+  // Each connection has at most one request under way, on a leader or a
+  // worker; the leaders take kEventThreads more.
+  const int threads = max_busy_ + kEventThreads;
+  workers_ = std::make_unique<WorkerPool>(threads, static_cast<size_t>(threads));
   for (int i = 0; i < kEventThreads; ++i) {
     epoll_[i] = epoll_create1(EPOLL_CLOEXEC);
-    if (epoll_[i] < 0 || !Watch(epoll_[i], stop_pipe_[0])) {
+    if (epoll_[i] < 0 || !Watch(epoll_[i], stop_pipe_[0]) ||
+        !workers_->TrySubmit([this, i] { Lead(i); })) {
       syslog(LOG_ERR, "account process: no epoll set: %s", strerror(errno));
       return;
     }
-    event_threads_.emplace_back([this, i] {
-      pthread_setname_np(pthread_self(), "tavo-account");
-      EventLoop(i);
-    });
   }
   int next = 0;
   for (;;) {
@@ -157,31 +169,40 @@ void PrivServer::Run() {
   }
 }
 
-void PrivServer::EventLoop(int index) {
+void PrivServer::Lead(int index) {
   const int ep = epoll_[index];
-  // Only this thread reads its connections; a worker that has one only
-  // writes its answer.
-  std::unordered_map<int, FrameReader> readers;
+  std::unordered_map<int, FrameReader>& readers = readers_[index];
   struct epoll_event events[64];
-  bool stopping = false;
   for (;;) {
-    if (stopping) {
+    if (stopping_) {
       // Stop shut the connections for reading: each ends at its next
       // event, one a worker has once it is given back.
       std::lock_guard<std::mutex> lock(mu_);
       if (owned_[index] == 0) return;
     }
-    const int n = epoll_wait(ep, events, 64, stopping ? 100 : -1);
+    const int n = epoll_wait(ep, events, 64, stopping_ ? 100 : -1);
     if (n < 0 && errno != EINTR) return;
     for (int i = 0; i < n; ++i) {
       const int fd = events[i].data.fd;
       if (fd == stop_pipe_[0]) {
         epoll_ctl(ep, EPOLL_CTL_DEL, fd, nullptr);
-        stopping = true;
         continue;
       }
       auto it = readers.try_emplace(fd, read_timeout_ms_).first;
-      if (!OnReadable(index, fd, &it->second)) {
+      Handoff h{this, index, fd};
+      bool keep;
+      {
+        tavo::WaitNotice notice(&Handoff::Told, &h);
+        keep = OnReadable(index, fd, &it->second, h);
+      }
+      if (h.handed) {
+        // Another thread leads the set now (and sees the events not taken
+        // here, still pending); this one ends as a worker does.
+        if (!keep) shutdown(fd, SHUT_RDWR);
+        Watch(ep, fd);
+        return;
+      }
+      if (!keep) {
         readers.erase(it);
         Close(index, fd);
       }
@@ -189,7 +210,18 @@ void PrivServer::EventLoop(int index) {
   }
 }
 
-bool PrivServer::OnReadable(int index, int fd, FrameReader* reader) {
+void PrivServer::HandOff(Handoff* h) {
+  const int ep = epoll_[h->index];
+  if (epoll_ctl(ep, EPOLL_CTL_DEL, h->fd, nullptr) != 0) return;
+  const int index = h->index;
+  if (workers_->TrySubmit([this, index] { Lead(index); })) {
+    h->handed = true;
+  } else {
+    Watch(ep, h->fd);  // no thread to take over: the call goes on leading
+  }
+}
+
+bool PrivServer::OnReadable(int index, int fd, FrameReader* reader, const Handoff& h) {
   uint32_t id = 0;
   std::string body, head;
   std::shared_ptr<const std::string> envelope;
@@ -199,13 +231,24 @@ bool PrivServer::OnReadable(int index, int fd, FrameReader* reader) {
     LoginIdentity who;
     std::string params;
     AccountOps::Answer a;
-    if (DecodeCallText(body, &call, &who, &params) && ops_.CallKept(call, params, who, &a)) {
-      EncodeAnswer(a, &head, &envelope);
-      return SendFrame(fd, id, head, envelope ? *envelope : std::string_view(), kMaxAnswer);
+    if (DecodeCallText(body, &call, &who, &params)) {
+      bool answered = ops_.CallKept(call, params, who, &a);
+      // A leader that has handed its set on makes the call as a worker would.
+      if (!answered && (h.handed || ops_.CallsInline(call))) {
+        if (!ops_.CallText(&call, params, who, &a)) {
+          syslog(LOG_WARNING, "account process: refused a malformed request from the front");
+          return false;
+        }
+        answered = true;
+      }
+      if (answered) {
+        EncodeAnswer(a, &head, &envelope);
+        return SendFrame(fd, id, head, envelope ? *envelope : std::string_view(), kMaxAnswer);
+      }
     }
   }
   // The worker has the connection until it has answered; a failure shuts
-  // it, so that this thread closes it at its next event.
+  // it, so that the set's leader closes it at its next event.
   const int ep = epoll_[index];
   if (epoll_ctl(ep, EPOLL_CTL_DEL, fd, nullptr) != 0) return false;
   const bool queued = workers_->TrySubmit([this, ep, fd, id, body = std::move(body)] {
@@ -243,9 +286,7 @@ void PrivServer::Close(int index, int fd) {
 }
 
 void PrivServer::JoinThreads() {
-  for (std::thread& t : event_threads_) t.join();
-  event_threads_.clear();
-  workers_.reset();  // runs what is queued, then joins
+  workers_.reset();  // runs what is queued, then joins: the leaders end after Stop
   for (int& ep : epoll_) {
     if (ep >= 0) close(ep);
     ep = -1;

@@ -12,15 +12,23 @@
 // Ownership: `ops` must outlive the server. Thread-safety: Run on one thread,
 // Stop from any. At most `max_busy` connections are served at once (further
 // connections wait in the listen backlog). Run starts the threads that serve
-// them (not before, so that the process may fork between Listen and Run):
-//  - kEventThreads event threads, each waiting in epoll on its share of the
-//    connections. An event thread reads each request, and answers at once a
-//    call that a kept answer answers (AccountOps::CallKept, which never
-//    waits for a lock), so that under load one wake-up answers several;
-//  - a pool of `max_busy` workers for everything else (module calls,
-//    logins, the event log), so that a call waiting for a lock holds only
-//    its own connection. While a worker has a connection, its event thread
-//    does not watch it.
+// them (not before, so that the process may fork between Listen and Run),
+// one pool of `max_busy` + kEventThreads:
+//  - the connections are shared among kEventThreads epoll sets, each led by
+//    one thread at a time. The leader reads each request of its set and
+//    answers a call itself when it can do so without waiting: a kept answer
+//    (AccountOps::CallKept, which never waits for a lock), or a call that
+//    reads only the account files (AccountOps::CallsInline). Under load one
+//    wake-up then answers several calls, and none passes between threads;
+//  - should such a call come to a step that may wait (a lock held by
+//    another, a write, a file read from disk: tavo/wait_notice.h), the
+//    leader first hands its set to a thread of the pool, which leads it from
+//    then on, and the call goes on as on a worker;
+//  - everything else (other module calls, logins, the event log) runs on a
+//    worker of the pool, so that a call waiting for a lock holds only its
+//    own connection and thread.
+// A connection whose request a thread other than the leader answers is not
+// watched by its set meanwhile.
 #ifndef TAVO_SERVER_PRIVSEP_PRIV_SERVER_H_
 #define TAVO_SERVER_PRIVSEP_PRIV_SERVER_H_
 
@@ -32,7 +40,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
-#include <thread>
+#include <unordered_map>
 #include <unordered_set>
 #include <vector>
 
@@ -78,10 +86,16 @@ class PrivServer {
                   std::shared_ptr<const std::string>* envelope);
 
  private:
-  void EventLoop(int index);
+  struct Handoff;
+  // Leads epoll set `index` until Stop, or until a call made on this thread
+  // may wait: another thread leads the set from then on.
+  void Lead(int index);
+  // The wait notice of a call made by a leader: hands the set to another
+  // thread (h->handed), and leaves the call's connection unwatched meanwhile.
+  void HandOff(Handoff* h);
   // Reads one request of `fd`, readable, and answers it or hands it to a
   // worker; false when the connection is to be closed.
-  bool OnReadable(int index, int fd, FrameReader* reader);
+  bool OnReadable(int index, int fd, FrameReader* reader, const Handoff& h);
   // The answer to a request (a call or JSON) in *head and *envelope; false
   // when it is malformed.
   bool AnswerRequest(const std::string& body, std::string* head,
@@ -104,10 +118,11 @@ class PrivServer {
   std::condition_variable idle_;
   int busy_ = 0;
   std::unordered_set<int> open_;   // the connections served, for Stop
-  int owned_[kEventThreads] = {};  // connections of each event thread
+  int owned_[kEventThreads] = {};  // connections of each epoll set
   int epoll_[kEventThreads] = {-1, -1};
-  std::vector<std::thread> event_threads_;
-  std::unique_ptr<WorkerPool> workers_;
+  // The readers of each set's connections: only its leader touches them.
+  std::unordered_map<int, FrameReader> readers_[kEventThreads];
+  std::unique_ptr<WorkerPool> workers_;  // the leaders and the workers
 };
 
 }  // namespace tavo_server

@@ -17,6 +17,7 @@
 #include "tavo/read_scope.h"
 #include "tavo/user.h"
 #include "tavo/util.h"
+#include "tavo/wait_notice.h"
 
 namespace {
 
@@ -166,6 +167,68 @@ TEST(ReadSet, NoneWhenTheCallReadMoreThanTheAccountFilesOrTookALockToChange) {
     ServerFormHandler h("/tmp/grouplock");
     ASSERT_TRUE(h.ShLock());
   })) << "a shared lock";
+}
+
+// A thread that makes calls itself is told, once, before a step that may
+// wait, and never for a read of files already in memory.
+TEST(WaitNotice, ToldBeforeWhatMayWaitNeverForFilesInMemory) {
+  tavo_test::TempRoot root;
+  root.AddGroup("alpha", 1500, {"admin"});
+  root.AddUser("carol", 1010, 100, "", "40000");
+  ASSERT_GT(ReadPage(), 0);
+  TAVOUserCheckExpired("carol");  // every file read once
+  auto count = [](void* n) { ++*static_cast<int*>(n); };
+  auto told = [&](const std::function<void()>& step) {
+    int n = 0;
+    tavo::WaitNotice notice(count, &n);
+    step();
+    step();
+    return n;
+  };
+  auto shared = [] {
+    ServerFormHandler h("/tmp/grouplock");
+    return h.ShLock();
+  };
+  EXPECT_EQ(0, told([] { ReadPage(); })) << "a page of files in memory";
+  EXPECT_EQ(0, told([] { TAVOUserCheckExpired("carol"); })) << "the clock";
+  EXPECT_EQ(0, told([&] { EXPECT_TRUE(shared()); })) << "a shared lock nobody holds";
+  EXPECT_EQ(1, told([] {
+              ServerFormHandler h("/tmp/grouplock");
+              EXPECT_TRUE(h.ExLock());
+            }))
+      << "an exclusive lock";
+  EXPECT_EQ(1, told([] { ASSERT_TRUE(tavo_test::ChangeMembers("alpha", {"admin"})); }))
+      << "the account locks";
+  EXPECT_EQ(1, told([] { TLIBCFileExist("/etc/tavo/ldap"); })) << "a file outside the snapshots";
+  bool changed = false;
+  EXPECT_EQ(1, told([&] {
+              if (!changed) root.AddGroup("beta", 1501);
+              changed = true;
+              ReadPage();
+            }))
+      << "a changed file, read from disk";
+  {
+    const int fd = open(root.Path("/run/tavo/grouplock").c_str(), O_RDWR | O_CLOEXEC);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(0, flock(fd, LOCK_EX));  // another writer
+    setenv("TAVO_LOCK_TIMEOUT_MS", "30", 1);
+    EXPECT_EQ(1, told([&] { EXPECT_FALSE(shared()); })) << "a lock another holds";
+    unsetenv("TAVO_LOCK_TIMEOUT_MS");
+    close(fd);
+  }
+  // Notices nest: the innermost is told, and the outer one again after it.
+  int outer = 0, inner = 0;
+  {
+    tavo::WaitNotice a(count, &outer);
+    {
+      tavo::WaitNotice b(count, &inner);
+      tavo::NoticeWait();
+    }
+    tavo::NoticeWait();
+  }
+  tavo::NoticeWait();  // none in force
+  EXPECT_EQ(1, inner);
+  EXPECT_EQ(1, outer);
 }
 
 // A kept answer is given under the locks its call took, or not at all.

@@ -24,7 +24,10 @@
 #include "privsep/priv_channel.h"
 #include "privsep/priv_client.h"
 #include "privsep/priv_server.h"
+#include "tavo/group.h"
+#include "tavo/read_scope.h"
 #include "tavo/user.h"
+#include "tavo/wait_notice.h"
 
 namespace tavo_server {
 namespace {
@@ -117,6 +120,37 @@ TEST_F(PrivsepTest, ServesItsFrontAndRefusesForgedRequestsAndOtherPeers) {
 
 // A grant lives while its session may: not past the lifetime, not once
 // pushed out by newer ones, and only for the name and stamp it was made for.
+// Only a method seen to answer from the account files alone is made by a
+// thread that serves other connections too.
+TEST_F(PrivsepTest, OnlyMethodsThatReadTheAccountFilesAloneRunInline) {
+  ASSERT_TRUE(modules_
+                  .Register(
+                      "T.Read", 1, "page",
+                      [](TAVO::APIRequest*, TAVO::APIResponse* response) {
+                        auto none = [](const TLIB_GROUP_INFO*, int, void*) { return 0; };
+                        TLIBGroupInfoEnumBySubstr(TAVO_GROUP_LOCAL, "", 0, 50, "", 1, none,
+                                                  nullptr);
+                        TavoAnswerReusable();
+                        response->SetSuccess(Json::Value(Json::objectValue));
+                      },
+                      "the test")
+                  .ok());
+  LoginIdentity who;
+  ASSERT_EQ(LoginResult::kOk, ops_.CheckLogin("boss", "boss-pw", &who));
+  ApiCall page, log;
+  page.api = "T.Read";
+  page.method = "page";
+  log.api = "TAVO.Core.EventLog";
+  log.method = "list";
+  EXPECT_FALSE(ops_.CallsInline(page)) << "not seen yet";
+  EXPECT_FALSE(ops_.Call(page, who).denied);
+  EXPECT_TRUE(ops_.CallsInline(page));
+  page.version = 2;
+  EXPECT_FALSE(ops_.CallsInline(page)) << "another version";
+  EXPECT_FALSE(ops_.Call(log, who).denied);
+  EXPECT_FALSE(ops_.CallsInline(log)) << "the event log is no account file";
+}
+
 TEST(GrantBookTest, GrantsEndWithTheirLifetimeOrForRoom) {
   GrantBook book(std::chrono::seconds(60), 2);
   GrantBook::Clock::time_point t{};
@@ -271,10 +305,13 @@ TEST(CallFrameTest, ACallCrossesWholeAndAnythingElseIsRefused) {
 
 // An AccountOps that answers each call with its own parameters, after a
 // pause of `params.sleep_us`, so that answers finish out of order; a call
-// with `"kept":true` as a kept answer would be, at once.
+// with `"kept":true` as a kept answer would be, at once. A call of method
+// "inline" may be made by the thread that reads it, and one with
+// `"notice":true` announces its pause as the platform announces its waits.
 class EchoOps : public AccountOps {
  public:
   std::atomic<int> kept{0};
+  bool CallsInline(const ApiCall& call) override { return call.method == "inline"; }
   bool CallKept(const ApiCall&, const std::string& params_text, const LoginIdentity&,
                 Answer* a) override {
     Json::Value params;
@@ -290,6 +327,7 @@ class EchoOps : public AccountOps {
   }
   LoginResult Recheck(const LoginIdentity&) override { return LoginResult::kOk; }
   Answer Call(const ApiCall& call, const LoginIdentity&) override {
+    if (call.params["notice"].asBool()) tavo::NoticeWait();
     std::this_thread::sleep_for(std::chrono::microseconds(call.params["sleep_us"].asInt()));
     Answer a;
     a.result.envelope = call.params;
@@ -372,7 +410,9 @@ TEST(PrivChannelTest, WaitingCallsLeaveRoomForTheOthersAndTimeOut) {
     int slow_started = 0;
     while (front.CallLater(slow, who, [&](AccountOps::Answer a) { unavailable += a.unavailable; }))
       ++slow_started;
-    EXPECT_EQ(kChannelConnections - kReservedConnections, slow_started);
+    // As many as may wait on the channel, then a full queue.
+    EXPECT_EQ(kChannelConnections - kReservedConnections + static_cast<int>(kQueuedCalls),
+              slow_started);
     // The event log's list takes no lock: it still gets a connection, and
     // its answer while the slow calls run.
     ApiCall quick;
@@ -391,10 +431,91 @@ TEST(PrivChannelTest, WaitingCallsLeaveRoomForTheOthersAndTimeOut) {
     list.params["kept"] = true;
     list.params["n"] = 8;
     EXPECT_EQ(8, front.Call(list, who).result.code);
-    // The slow ones end unanswered after the client's 1.5 s, each once.
+    // The slow ones, sent or queued, end unanswered after the client's 1.5 s,
+    // each once.
     for (int i = 0; i < 40 && unavailable.load() < slow_started; ++i)
       std::this_thread::sleep_for(std::chrono::milliseconds(100));
     EXPECT_EQ(slow_started, unavailable.load());
+  }
+  server.Stop();
+  runner.join();
+}
+
+// Calls started beyond the channel's connections wait in the front's queue
+// and go out as connections come back, each to its own answer.
+TEST(PrivChannelTest, CallsBeyondTheConnectionsQueueAndAreEachAnswered) {
+  EchoOps ops;
+  PrivServer server(ops, kChannelConnections, 2000);
+  ASSERT_TRUE(server.Listen().ok());
+  server.AllowPeer(getpid(), getuid());
+  std::thread runner([&server] { server.Run(); });
+  {
+    // Before the client, whose end answers what is still under way.
+    constexpr int kCalls = 200;
+    std::vector<std::promise<AccountOps::Answer>> answers(kCalls);
+    PrivClient front(server.address(), 5000);
+    for (int i = 0; i < kCalls; ++i) {
+      ApiCall call;
+      call.api = "TAVO.Core.Group";
+      call.method = i % 2 == 0 ? "inline" : "list";
+      call.params["n"] = i;
+      call.params["sleep_us"] = 2000 + (i * 37) % 3000;
+      ASSERT_TRUE(front.CallLater(call, LoginIdentity{"x", "s", "g"},
+                                  [&answers, i](AccountOps::Answer a) { answers[i].set_value(a); }))
+          << i;
+    }
+    int wrong = 0;
+    for (int i = 0; i < kCalls; ++i) {
+      auto got = answers[i].get_future();
+      ASSERT_EQ(std::future_status::ready, got.wait_for(std::chrono::seconds(4))) << i;
+      const AccountOps::Answer a = got.get();
+      wrong += a.unavailable || a.result.code != i;
+    }
+    EXPECT_EQ(0, wrong);
+    EXPECT_LE(front.OpenConnections(), kChannelConnections);
+  }
+  server.Stop();
+  runner.join();
+}
+
+// A thread that makes calls itself hands its other connections on when a
+// call announces a wait: the calls on those connections do not wait with it.
+TEST(PrivChannelTest, ACallThatWaitsHandsItsThreadsConnectionsOn) {
+  EchoOps ops;
+  PrivServer server(ops, kChannelConnections, 2000);
+  ASSERT_TRUE(server.Listen().ok());
+  server.AllowPeer(getpid(), getuid());
+  std::thread runner([&server] { server.Run(); });
+  {
+    // Before the client, whose end answers what is still under way.
+    std::promise<AccountOps::Answer> slow[2];
+    constexpr int kQuick = 16;
+    std::vector<std::promise<AccountOps::Answer>> quick(kQuick);
+    PrivClient front(server.address(), 5000);
+    const LoginIdentity who{"x", "s", "g"};
+    auto call = [](int n, int sleep_us, bool notice) {
+      ApiCall c;
+      c.api = "TAVO.Core.Group";
+      c.method = "inline";
+      c.params["n"] = n;
+      c.params["sleep_us"] = sleep_us;
+      c.params["notice"] = notice;
+      return c;
+    };
+    // Two waits, so that whichever thread reads each, both hand on.
+    for (int i = 0; i < 2; ++i)
+      ASSERT_TRUE(front.CallLater(call(100 + i, 1500000, true), who,
+                                  [&slow, i](AccountOps::Answer a) { slow[i].set_value(a); }));
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    for (int i = 0; i < kQuick; ++i)
+      ASSERT_TRUE(front.CallLater(call(i, 1000, false), who,
+                                  [&quick, i](AccountOps::Answer a) { quick[i].set_value(a); }));
+    for (int i = 0; i < kQuick; ++i) {
+      auto got = quick[i].get_future();
+      ASSERT_EQ(std::future_status::ready, got.wait_for(std::chrono::milliseconds(700))) << i;
+      EXPECT_EQ(i, got.get().result.code);
+    }
+    for (int i = 0; i < 2; ++i) EXPECT_EQ(100 + i, slow[i].get_future().get().result.code);
   }
   server.Stop();
   runner.join();

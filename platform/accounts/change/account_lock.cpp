@@ -15,6 +15,7 @@
 #include "accounts/acct_error.h"
 #include "accounts/snapshot/pin.h"
 #include "tavo/root.h"
+#include "tavo/wait_notice.h"
 
 namespace tavo {
 namespace acct {
@@ -85,6 +86,7 @@ long LockTimeoutMillis() {
 AccountLock::~AccountLock() { Release(); }
 
 bool AccountLock::Acquire(const std::vector<std::string>& files) {
+  NoticeWait();  // waits, then a write and its sync
   const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(LockTimeoutMillis());
   int delay = 2;
   while (!g_writer_mu.try_lock()) {

@@ -361,7 +361,7 @@ bool IsExpired(const UserDb& users, int i, const ShadowDb& shadow) {
   const std::string_view hash = found ? s.hash : users.Password(i);
   if (!hash.empty() && (hash[0] == '!' || hash[0] == '*')) return true;
   if (!found || s.expire_days < 0) return false;
-  internal::MarkNotReusable();  // the answer depends on the day
+  internal::MarkClockRead();  // the answer depends on the day
   long today = static_cast<long>(std::time(nullptr) / 86400);
   return s.expire_days <= today;
 }

@@ -7,6 +7,7 @@
 #include "core/lock_path.h"
 #include "tavo/read_scope.h"
 #include "tavo/root.h"
+#include "tavo/wait_notice.h"
 
 namespace tavo {
 namespace acct {
@@ -88,6 +89,11 @@ void LockTaken(const char* lock_path, bool exclusive) {
 }
 
 void MarkNotReusable() {
+  MarkClockRead();
+  NoticeWait();
+}
+
+void MarkClockRead() {
   if (t_pins.depth > 0) t_pins.opaque = true;
 }
 

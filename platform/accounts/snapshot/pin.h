@@ -59,9 +59,13 @@ bool ReadEventsNow();
 // and the lock is noted in it (read_scope.h).
 void LockTaken(const char* lock_path, bool exclusive);
 // The answer being made on this thread rests on something that no snapshot
-// tracks (the clock, a file read directly, a directory's state, a write of
-// its own): the pin gives no read set, whatever the caller claims.
+// tracks (a file read directly, a write of its own, a program run): the pin
+// gives no read set, whatever the caller claims, and the thread's wait notice
+// is told (tavo/wait_notice.h).
 void MarkNotReusable();
+// As MarkNotReusable for an answer that depends on the clock, which is read
+// at once: no wait is noticed.
+void MarkClockRead();
 // This thread wrote a file: the pin drops what it holds and gives no read set.
 void AfterWrite();
 }  // namespace internal

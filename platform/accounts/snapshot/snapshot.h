@@ -41,6 +41,7 @@
 #include "accounts/snapshot/pin.h"
 #include "core/folder_watch.h"
 #include "tavo/root.h"
+#include "tavo/wait_notice.h"
 
 namespace tavo {
 namespace acct {
@@ -152,6 +153,7 @@ std::shared_ptr<const T> SnapshotCache<T>::GetFresh(const std::string& path, boo
   if (kept && FileHoldsBytes(path, *kept, &read_key) && read_key == now) {
     value = cached;
   } else {
+    tavo::NoticeWait();  // a read from disk and a parse
     FileBytes content;
     if (!ReadFileBytes(path, &content, &read_key)) return nullptr;
     if (!read_key.exists && !missing_ok_) {
