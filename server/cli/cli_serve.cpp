@@ -2,6 +2,7 @@
 // SIGTERM; SIGHUP reloads the TLS certificate and key.
 #include <netdb.h>
 #include <pthread.h>
+#include <sched.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -9,6 +10,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
@@ -234,6 +236,15 @@ int ServeMain(const std::vector<std::string>& command_line) {
   // The directory client reads no ldap.conf or .ldaprc of the machine; set
   // before any thread starts.
   setenv("LDAPNOINIT", "1", 1);
+  // Set before any thread starts, which then inherits it (both processes of
+  // the split server too).
+  // Under the package's unit the policy is set already, and the call to
+  // change it is refused.
+  if (options.batch_scheduling && sched_getscheduler(0) != SCHED_BATCH) {
+    const struct sched_param none {};
+    if (sched_setscheduler(0, SCHED_BATCH, &none) != 0)
+      fprintf(stderr, "tavo serve: warning: keeping the normal CPU policy: %s\n", strerror(errno));
+  }
   // The modules' system-log lines are copied to standard error, unless that
   // is the journal, which has them from the system log already.
   openlog("tavo", (StandardErrorIsJournal() ? 0 : LOG_PERROR) | LOG_PID, LOG_USER);

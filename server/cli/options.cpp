@@ -92,6 +92,10 @@ Status ParseServeOptions(const std::vector<std::string>& args, ServeOptions* out
       o.web_dir = v;
     } else if (a == "--privsep-user") {
       o.privsep_user = v;
+    } else if (a == "--scheduling") {
+      if (v != "batch" && v != "normal")
+        return Status::Error("--scheduling needs batch or normal, got " + v);
+      o.batch_scheduling = v == "batch";
     } else if (a == "--tls-cert") {
       o.tls_cert = v;
     } else if (a == "--tls-key") {
@@ -158,6 +162,10 @@ std::string ServeUsage() {
     << "  --insecure-http        allow plain HTTP on an address other than loopback\n"
     << "  --privsep-user USER    (as root) parse HTTP in a process running as USER; this one\n"
     << "                         keeps the account files and the modules\n"
+    << "  --scheduling POLICY    batch: the server's threads never preempt a running one when\n"
+    << "                         they wake, and yield to the file services; normal: keep the\n"
+    << "                         policy it was started with ["
+    << (d.batch_scheduling ? "batch" : "normal") << "]\n"
     << "  --server-name NAME     also answer requests whose Host is NAME (repeatable; IP\n"
     << "                         addresses, localhost and this host's name are always answered,\n"
        "                         other names get "

@@ -41,6 +41,7 @@ struct ServeOptions {
   bool insecure_http = false;             // --insecure-http: plain HTTP beyond loopback
   std::vector<std::string> server_names;  // --server-name NAME, repeatable: Host names answered
   std::string privsep_user;               // --privsep-user USER: the front runs as USER (root only)
+  bool batch_scheduling = true;           // --scheduling batch|normal: SCHED_BATCH, or as started
   // Not an option: the OpenAPI document of the loaded modules (compact JSON),
   // made where the modules are loaded, answered at GET /api/openapi.json.
   std::string openapi_json;

@@ -27,6 +27,17 @@ fi
 exposure=$(systemd-analyze security tavo 2>/dev/null | sed -n 's/.*Overall exposure level for tavo.service: \([0-9.]*\).*/\1/p')
 check_sh "systemd-analyze security rates the unit at 2.5 or better ($exposure)" \
   '[ -n "$exposure" ] && awk -v e="$exposure" "BEGIN { exit !(e <= 2.5) }"'
+# Every thread of the service's two processes runs under the batch policy (3).
+batch_threads() {
+  local main p t
+  main=$(systemctl show -P MainPID tavo)
+  for p in $main $(cat /proc/"$main"/task/*/children); do
+    for t in /proc/"$p"/task/*; do
+      [ "$(sed 's/.*) //' "$t/stat" | cut -d' ' -f39)" = 3 ] || return 1
+    done
+  done
+}
+check "the service's threads, in both its processes, run under the batch CPU policy" batch_threads
 check "the package made a TLS certificate naming the host" \
   openssl x509 -in /etc/tavo/tls/cert.pem -noout -checkhost "$host"
 

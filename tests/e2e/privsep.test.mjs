@@ -61,6 +61,11 @@ test('the front runs as nobody, cannot open etc/shadow, and the API works', { sk
     const [uid, gid] = ['Uid', 'Gid'].map((k) =>
       readFileSync(`/proc/${front}/status`, 'utf8').match(new RegExp(`^${k}:\\s+(\\d+)\\s+(\\d+)\\s+(\\d+)`, 'm')).slice(1));
     assert.deepEqual(uid, ['65534', '65534', '65534']);
+    // Every thread of both processes runs under the batch policy (3), so that
+    // none preempts a running thread when it wakes.
+    const policies = [server.child.pid, front].flatMap((pid) => readdirSync(`/proc/${pid}/task`).map((tid) =>
+      readFileSync(`/proc/${pid}/task/${tid}/stat`, 'utf8').split(') ')[1].split(' ')[38]));
+    assert.ok(policies.length > 4 && policies.every((p) => p === '3'), policies.join(' '));
     const shadow = join(root, 'etc/shadow');
     const open = readdirSync(`/proc/${front}/fd`).map((fd) => { try { return readlinkSync(`/proc/${front}/fd/${fd}`); } catch { return ''; } });
     assert.ok(!open.some((p) => p.startsWith(join(root, 'etc'))), open.join('\n'));

@@ -23,7 +23,8 @@ class ServeConfTest : public ::testing::Test {
 
 TEST_F(ServeConfTest, CommandLineWinsOverTheFile) {
   std::string path = Write(
-      "# comment\n\n  listen = 0.0.0.0:9000 \nworkers=3\r\nroot = /srv/a\ninsecure-http = yes\n");
+      "# comment\n\n  listen = 0.0.0.0:9000 \nworkers=3\r\nroot = /srv/a\ninsecure-http = yes\n"
+      "scheduling = normal\n");
   std::vector<std::string> merged;
   std::string used;
   ASSERT_TRUE(MergeServeConf({"--config", path, "--workers", "5"}, &merged, &used).ok());
@@ -35,6 +36,10 @@ TEST_F(ServeConfTest, CommandLineWinsOverTheFile) {
   EXPECT_EQ(o.port, 9000);
   EXPECT_EQ(o.root, "/srv/a");
   EXPECT_TRUE(o.insecure_http);
+  EXPECT_FALSE(o.batch_scheduling);
+  EXPECT_FALSE(ParseServeOptions({"--scheduling", "fast"}, &o).ok());
+  ASSERT_TRUE(ParseServeOptions({}, &o).ok());
+  EXPECT_TRUE(o.batch_scheduling) << "the default";
 
   ASSERT_TRUE(MergeServeConf({"--config", "none", "--workers", "5"}, &merged, &used).ok());
   EXPECT_EQ(used, "");
