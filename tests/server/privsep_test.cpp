@@ -339,13 +339,26 @@ class EchoOps : public AccountOps {
   Json::Value Stats() override { return Json::Value(Json::objectValue); }
 };
 
-TEST(PrivChannelTest, ConcurrentCallsInFlightEachGetTheirOwnAnswer) {
+// An EchoOps behind a server of its own, for one test: stopped at its end
+// whichever way the test ends.
+struct EchoServer {
   EchoOps ops;
-  PrivServer server(ops, kChannelConnections, 2000);
-  ASSERT_TRUE(server.Listen().ok());
-  server.AllowPeer(getpid(), getuid());
-  std::thread runner([&server] { server.Run(); });
-  PrivClient front(server.address(), 5000);
+  PrivServer server{ops, kChannelConnections, 2000};
+  std::thread runner;
+  EchoServer() {
+    EXPECT_TRUE(server.Listen().ok());
+    server.AllowPeer(getpid(), getuid());
+    runner = std::thread([this] { server.Run(); });
+  }
+  ~EchoServer() {
+    server.Stop();
+    runner.join();
+  }
+};
+
+TEST(PrivChannelTest, ConcurrentCallsInFlightEachGetTheirOwnAnswer) {
+  EchoServer echo;
+  PrivClient front(echo.server.address(), 5000);
   std::atomic<int> wrong{0}, done{0}, started{0};
   std::vector<std::thread> callers;
   for (int t = 0; t < 12; ++t) {
@@ -382,25 +395,19 @@ TEST(PrivChannelTest, ConcurrentCallsInFlightEachGetTheirOwnAnswer) {
   EXPECT_EQ(480, done.load());
   EXPECT_EQ(0, wrong.load());
   EXPECT_GT(started.load(), 100);
-  EXPECT_EQ(12 * 14, ops.kept.load());  // answered by the event threads
+  EXPECT_EQ(12 * 14, echo.ops.kept.load());  // answered by the event threads
   // The connections were kept and shared, not one per call.
   EXPECT_GE(front.OpenConnections(), 2);
   EXPECT_LE(front.OpenConnections(), 12);
-  server.Stop();
-  runner.join();
 }
 
 // Calls that may wait for a lock never hold the connections kept for the
 // others, and a started call whose answer does not come in time is answered
 // unavailable.
 TEST(PrivChannelTest, WaitingCallsLeaveRoomForTheOthersAndTimeOut) {
-  EchoOps ops;
-  PrivServer server(ops, kChannelConnections, 2000);
-  ASSERT_TRUE(server.Listen().ok());
-  server.AllowPeer(getpid(), getuid());
-  std::thread runner([&server] { server.Run(); });
+  EchoServer echo;
   {
-    PrivClient front(server.address(), 1500);
+    PrivClient front(echo.server.address(), 1500);
     const LoginIdentity who{"x", "s", "g"};
     ApiCall slow;
     slow.api = "TAVO.Core.Group";
@@ -437,23 +444,17 @@ TEST(PrivChannelTest, WaitingCallsLeaveRoomForTheOthersAndTimeOut) {
       std::this_thread::sleep_for(std::chrono::milliseconds(100));
     EXPECT_EQ(slow_started, unavailable.load());
   }
-  server.Stop();
-  runner.join();
 }
 
 // Calls started beyond the channel's connections wait in the front's queue
 // and go out as connections come back, each to its own answer.
 TEST(PrivChannelTest, CallsBeyondTheConnectionsQueueAndAreEachAnswered) {
-  EchoOps ops;
-  PrivServer server(ops, kChannelConnections, 2000);
-  ASSERT_TRUE(server.Listen().ok());
-  server.AllowPeer(getpid(), getuid());
-  std::thread runner([&server] { server.Run(); });
+  EchoServer echo;
   {
     // Before the client, whose end answers what is still under way.
     constexpr int kCalls = 200;
     std::vector<std::promise<AccountOps::Answer>> answers(kCalls);
-    PrivClient front(server.address(), 5000);
+    PrivClient front(echo.server.address(), 5000);
     for (int i = 0; i < kCalls; ++i) {
       ApiCall call;
       call.api = "TAVO.Core.Group";
@@ -474,24 +475,18 @@ TEST(PrivChannelTest, CallsBeyondTheConnectionsQueueAndAreEachAnswered) {
     EXPECT_EQ(0, wrong);
     EXPECT_LE(front.OpenConnections(), kChannelConnections);
   }
-  server.Stop();
-  runner.join();
 }
 
 // A thread that makes calls itself hands its other connections on when a
 // call announces a wait: the calls on those connections do not wait with it.
 TEST(PrivChannelTest, ACallThatWaitsHandsItsThreadsConnectionsOn) {
-  EchoOps ops;
-  PrivServer server(ops, kChannelConnections, 2000);
-  ASSERT_TRUE(server.Listen().ok());
-  server.AllowPeer(getpid(), getuid());
-  std::thread runner([&server] { server.Run(); });
+  EchoServer echo;
   {
     // Before the client, whose end answers what is still under way.
     std::promise<AccountOps::Answer> slow[2];
     constexpr int kQuick = 16;
     std::vector<std::promise<AccountOps::Answer>> quick(kQuick);
-    PrivClient front(server.address(), 5000);
+    PrivClient front(echo.server.address(), 5000);
     const LoginIdentity who{"x", "s", "g"};
     auto call = [](int n, int sleep_us, bool notice) {
       ApiCall c;
@@ -517,8 +512,6 @@ TEST(PrivChannelTest, ACallThatWaitsHandsItsThreadsConnectionsOn) {
     }
     for (int i = 0; i < 2; ++i) EXPECT_EQ(100 + i, slow[i].get_future().get().result.code);
   }
-  server.Stop();
-  runner.join();
 }
 
 // A stand-in for the account process that answers each request with the id
