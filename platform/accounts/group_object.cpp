@@ -9,6 +9,7 @@
 #include "accounts/snapshot/names.h"
 #include "tavo/group.h"
 #include "tavo/testing.h"
+#include "tavo/wait_notice.h"
 
 namespace SDK {
 
@@ -225,6 +226,7 @@ unsigned int Group::GetGID() const { return rep_->gid; }
 std::vector<std::string> Group::GetMembers() const { return rep_->members; }
 
 bool Group::IsMember(const std::string& user) const {
+  tavo::NoticeWork();
   return Guarded(false, [&] { return rep_->member_index.Find(rep_->members, user) >= 0; });
 }
 

@@ -9,6 +9,7 @@
 #include "accounts/snapshot/snapshot.h"
 #include "tavo/group.h"
 #include "tavo/testing.h"
+#include "tavo/wait_notice.h"
 
 namespace tavo {
 namespace acct {
@@ -215,6 +216,7 @@ int TLIBGroupInfoEnumBySubstr(int kind, const char* domain_name, int offset, int
     std::vector<const char*> members;
     std::vector<size_t> starts;
     auto deliver = [&](int idx, int pos) {
+      tavo::NoticeWork();
       name_buf.assign(db->Name(idx));
       member_buf.clear();
       starts.clear();

@@ -16,6 +16,7 @@
 #include "tavo/group.h"
 #include "tavo/testing.h"
 #include "tavo/user.h"
+#include "tavo/wait_notice.h"
 
 namespace tavo {
 namespace acct {
@@ -76,6 +77,7 @@ bool ForEachLocalUser(const char* substr, bool ignore_case, Visit visit) {
   std::string needle = substr ? substr : "";
   UserFields u;
   for (int i : users->Sorted()) {
+    NoticeWork();
     if (!users->IsLocal(i, *defs)) continue;
     u.name.assign(users->Name(i));
     if (!ContainsText(u.name, needle, ignore_case)) continue;

@@ -17,4 +17,11 @@ void NoticeWait() {
   n->fn_(n->arg_);
 }
 
+void NoticeWork(unsigned items) {
+  WaitNotice* n = t_notice;
+  if (!n || n->told_) return;
+  n->work_ += items;
+  if (n->work_ > WaitNotice::kLongWork) NoticeWait();
+}
+
 }  // namespace tavo

@@ -216,6 +216,18 @@ TEST(WaitNotice, ToldBeforeWhatMayWaitNeverForFilesInMemory) {
     unsetenv("TAVO_LOCK_TIMEOUT_MS");
     close(fd);
   }
+  // A long call made from memory counts as one that waits; a page does not.
+  std::string many;
+  for (int i = 0; i < 3000; ++i)
+    many += "bulk" + std::to_string(i) + ":x:" + std::to_string(20000 + i) + ":\n";
+  root.Append("/etc/group", many);
+  auto every = [] {
+    auto none = [](const TLIB_GROUP_INFO*, int, void*) { return 0; };
+    return TLIBGroupInfoEnumBySubstr(TAVO_GROUP_LOCAL, "", 0, -1, "", 1, none, nullptr);
+  };
+  ASSERT_GT(every(), 3000);
+  EXPECT_EQ(0, told([] { ReadPage(); })) << "a page of 50";
+  EXPECT_EQ(1, told([&] { every(); })) << "every group";
   // Notices nest: the innermost is told, and the outer one again after it.
   int outer = 0, inner = 0;
   {

@@ -11,8 +11,10 @@
 //  - reading an account file from disk (a changed file is read and parsed
 //    again);
 //  - anything no snapshot tracks: the configuration, the event log, a
-//    service reload, a pid or runtime file.
-// A read of snapshots already in memory never calls it. The function may hand
+//    service reload, a pid or runtime file;
+//  - a long call made from memory: past kLongWork items of work (a group
+//    handed to an enumeration's callback, a user or a membership looked at).
+// A short read of snapshots already in memory never calls it. The function may hand
 // the thread's other work to another thread; the call then goes on, on this
 // thread, as it would have.
 //
@@ -29,6 +31,9 @@ namespace tavo {
 
 class WaitNotice {
  public:
+  // Items of work after which a call made from memory counts as long: a
+  // few milliseconds of it.
+  static constexpr unsigned kLongWork = 2048;
   using Fn = void (*)(void* arg);
   WaitNotice(Fn fn, void* arg);
   ~WaitNotice();
@@ -39,9 +44,11 @@ class WaitNotice {
 
  private:
   friend void NoticeWait();
+  friend void NoticeWork(unsigned items);
   Fn fn_;
   void* arg_;
   bool told_ = false;
+  unsigned work_ = 0;
   WaitNotice* outer_;
 };
 
@@ -49,6 +56,9 @@ class WaitNotice {
 // notice of this thread, if it has not been told yet. A module or a test may
 // call it too, before a wait of its own.
 void NoticeWait();
+// Counts `items` of work of the call under way on this thread; past
+// WaitNotice::kLongWork of them the notice is told, as before a wait.
+void NoticeWork(unsigned items = 1);
 
 }  // namespace tavo
 
