@@ -95,7 +95,7 @@ void LocalAccountOps::Finish(const ApiCall& call, std::string_view key, LoginRes
   }
   a->result = Dispatch(modules_, call, who.name);
   std::shared_ptr<const tavo::ReadSet> reads = scope.Reads();
-  if (reads && !CallsInline(call)) {
+  if (reads) {
     std::lock_guard<std::mutex> lock(inline_mu_);
     inline_.insert(InlineKey(call));
   }

@@ -61,8 +61,7 @@ bool SendFrame(int fd, uint32_t id, std::string_view head, std::string_view tail
   return SendAll(fd, iov, tail.empty() ? 2 : 3);
 }
 
-bool FrameReader::Receive(int fd, size_t max, uint32_t* id, std::string* body, bool ready,
-                          const std::atomic<bool>* stop) {
+bool FrameReader::Receive(int fd, size_t max, uint32_t* id, std::string* body, bool ready) {
   // One request at a time goes each way: with nothing kept, the next frame
   // cannot be there yet unless the socket was seen readable, so the wait
   // comes first.
@@ -94,10 +93,7 @@ bool FrameReader::Receive(int fd, size_t max, uint32_t* id, std::string* body, b
       struct pollfd p = {fd, POLLIN, 0};
       const int r = poll(&p, 1, timeout_ms_);
       if (r < 0 && errno == EINTR) continue;
-      if (r < 0) return false;
-      // The time-out: waiting for a frame to begin goes on until `stop`.
-      if (r == 0 && (!pending_.empty() || stop == nullptr || stop->load())) return false;
-      if (r == 0) continue;
+      if (r <= 0) return false;  // an error, or the time-out
       wait = false;
     }
     // A frame comes in one read as a rule: a read takes what is there, at

@@ -34,7 +34,6 @@
 
 #include <json/value.h>
 
-#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <initializer_list>
@@ -64,13 +63,10 @@ class FrameReader {
   static constexpr size_t kReadChunk = 16 << 10;
   explicit FrameReader(int timeout_ms) : timeout_ms_(timeout_ms) {}
   // Receives one frame of at most `max` bytes. `ready`: the socket was just
-  // reported readable, so it is read before any wait. With `stop`, the wait
-  // for a frame to begin lasts until `*stop` is true, time-out after
-  // time-out. False on time-out, a closed or shut-down socket, or an
-  // oversize (refused on its length, before any of it is read). A reader
-  // that failed must not be used again.
-  bool Receive(int fd, size_t max, uint32_t* id, std::string* body, bool ready = false,
-               const std::atomic<bool>* stop = nullptr);
+  // reported readable, so it is read before any wait. False on time-out, a
+  // closed or shut-down socket, or an oversize (refused on its length,
+  // before any of it is read). A reader that failed must not be used again.
+  bool Receive(int fd, size_t max, uint32_t* id, std::string* body, bool ready = false);
   // True when no bytes of a further frame are kept.
   bool empty() const { return pending_.empty(); }
 

@@ -146,13 +146,10 @@ int PrivClient::TakeLocked(bool may_wait) {
   return fd;
 }
 
-int PrivClient::Checkout(bool may_wait, bool wait) {
+int PrivClient::Checkout(bool may_wait) {
   std::unique_lock<std::mutex> lock(mu_);
   int fd;
-  while ((fd = TakeLocked(may_wait)) == -1) {
-    if (!wait) return -1;
-    free_.wait(lock);
-  }
+  while ((fd = TakeLocked(may_wait)) == -1) free_.wait(lock);
   if (fd >= 0) return fd;
   lock.unlock();
   fd = Connect();

@@ -91,8 +91,8 @@ class PrivClient : public AccountOps {
   };
   using Clock = std::chrono::steady_clock;
 
-  // An open connection, or -1; waits unless `wait` is false.
-  int Checkout(bool may_wait, bool wait = true);
+  // An open connection, waiting for one if need be; -1 when none can be opened.
+  int Checkout(bool may_wait);
   // Checkout without waiting, with mu_ held: an idle connection, or -2 when
   // one may be opened (open_ counts it already), or -1.
   int TakeLocked(bool may_wait);

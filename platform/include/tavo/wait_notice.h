@@ -39,8 +39,6 @@ class WaitNotice {
   ~WaitNotice();
   WaitNotice(const WaitNotice&) = delete;
   WaitNotice& operator=(const WaitNotice&) = delete;
-  // Whether the function has been called.
-  bool told() const { return told_; }
 
  private:
   friend void NoticeWait();
